@@ -1,0 +1,29 @@
+# What every target of the tree is compiled with.
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+# The binaries of a build find each other wherever the build folder is moved to.
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
+
+find_package(Threads REQUIRED)
+find_program(CCACHE ccache)
+if(CCACHE)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+endif()
+
+add_compile_options(
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Werror
+  # Log lines name files as the repository does.
+  -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=
+  # The percentages are prescribed double arithmetic; a fused multiply-add would round differently.
+  -ffp-contract=off)
+add_link_options(-Wl,--as-needed)
+
+if(PERIPHERAL_SANITIZE)
+  add_compile_options(-fsanitize=${PERIPHERAL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -g)
+  add_link_options(-fsanitize=${PERIPHERAL_SANITIZE})
+endif()

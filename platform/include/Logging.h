@@ -1,0 +1,93 @@
+// The platform's log: lines with a level, a module, the place they come from and a message.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+#include "Types.h"
+
+namespace logging {
+
+/// Who writes a line.
+enum TModule : TUint32 { PeripheralLoader, SWLInfra, Platform, Host };
+
+/// What a line is for, from the most talkative up. Always is written whatever the lowest level is.
+enum TLevel : TUint32 { EInterface, EInfo, EWarning, EError, EAlways };
+
+/// One line of the log; everything it points at lives until Write returns.
+struct TLine {
+  TLevel level;
+  TModule module;
+  const char* signature;
+  const char* file;
+  TInt32 line;
+  std::string_view message;
+};
+
+/// Where lines go. Write is never called by two threads at once and must not log itself.
+class ISink {
+ public:
+  virtual ~ISink() = default;
+  virtual void Write(const TLine& line) = 0;
+};
+
+const char* Name(TLevel level);
+const char* Name(TModule module);
+
+/// A line as text: level, module, signature, file and line, and the message between "(" and ")". Control
+/// bytes in the message become "\x0a" and the like, so that it stays one line; there is no line end.
+std::string Format(const TLine& line);
+
+/// Lines below `lowest` are dropped before their message is composed. Warning at first.
+void SetLowestLevel(TLevel lowest);
+bool IsOn(TLevel level);
+
+/// Puts `sink` in the place of the present one and returns that one, which is not used any more after the
+/// return. Null stands for standard error, where lines go at first. The sink stays the caller's.
+ISink* SetSink(ISink* sink);
+
+/// Hands a line to the sink. Any thread.
+void Write(const TLine& line);
+
+/// Composes a message. Integers of every size, bytes included, are written as decimal numbers; a null text as
+/// nothing.
+class CMessage {
+ public:
+  CMessage& operator<<(std::string_view text) {
+    iText.append(text);
+    return *this;
+  }
+  CMessage& operator<<(const char* text) { return *this << std::string_view(text == nullptr ? "" : text); }
+  CMessage& operator<<(const TChr* text) { return *this << AsChar(text); }
+
+  template <typename T, typename = std::enable_if_t<std::is_integral_v<T> || std::is_enum_v<T>>>
+  CMessage& operator<<(T number) {
+    iText.append(std::to_string(+number));
+    return *this;
+  }
+
+  std::string_view Text() const { return iText; }
+
+ private:
+  std::string iText;
+};
+
+}  // namespace logging
+
+// Logging needs macros for two things no function can do: the caller's place, and not evaluating the message
+// of a level that is off. `message_` is what would follow a stream: "Sending command " << command.
+#define LOG_AT(level_, module_, message_)                                                           \
+  do {                                                                                              \
+    if (logging::IsOn(level_)) {                                                                    \
+      logging::CMessage composed_;                                                                  \
+      composed_ << message_;                                                                        \
+      logging::Write({level_, module_, __PRETTY_FUNCTION__, __FILE__, __LINE__, composed_.Text()}); \
+    }                                                                                               \
+  } while (false)
+
+#define LOG_INTERFACE(module_, message_) LOG_AT(logging::EInterface, module_, message_)
+#define LOG_INFO(module_, message_) LOG_AT(logging::EInfo, module_, message_)
+#define LOG_WARNING(module_, message_) LOG_AT(logging::EWarning, module_, message_)
+#define LOG_ERROR(module_, message_) LOG_AT(logging::EError, module_, message_)
+#define LOG_ALWAYS(module_, message_) LOG_AT(logging::EAlways, module_, message_)

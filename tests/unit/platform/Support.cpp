@@ -1,0 +1,163 @@
+#include "Support.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdarg>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace {
+
+IoctlDouble::Answer& CurrentAnswer() {
+  static IoctlDouble::Answer answer;
+  return answer;
+}
+
+std::atomic<bool> writesHesitate{false};
+
+void Require(bool good, const char* what) {
+  if (!good) {
+    throw std::runtime_error(what);
+  }
+}
+
+}  // namespace
+
+// The executable's ioctl and write come before the C library's, for the platform's shared library too.
+extern "C" int ioctl(int descriptor, unsigned long request, ...) noexcept {
+  va_list arguments;
+  va_start(arguments, request);
+  void* const argument = va_arg(arguments, void*);
+  va_end(arguments);
+  int result = 0;
+  if (CurrentAnswer() && CurrentAnswer()(request, argument, result)) {
+    return result;
+  }
+  return static_cast<int>(syscall(SYS_ioctl, descriptor, request, argument));
+}
+
+extern "C" ssize_t write(int descriptor, const void* bytes, size_t size) {
+  static std::atomic<unsigned> calls{0};
+  if (writesHesitate && calls++ % 2 == 0) {
+    errno = EINTR;
+    return -1;
+  }
+  return syscall(SYS_write, descriptor, bytes, writesHesitate ? std::min<size_t>(size, 7) : size);
+}
+
+HesitantWrites::HesitantWrites() {
+  writesHesitate = true;
+}
+
+HesitantWrites::~HesitantWrites() {
+  writesHesitate = false;
+}
+
+IoctlDouble::IoctlDouble(Answer answer) {
+  CurrentAnswer() = std::move(answer);
+}
+
+IoctlDouble::~IoctlDouble() {
+  CurrentAnswer() = nullptr;
+}
+
+TempFolder::TempFolder(const std::string& parent) : iPath(parent + "/platform_tests.XXXXXX") {
+  Require(mkdtemp(iPath.data()) != nullptr, "no folder for the test");
+}
+
+TempFolder::~TempFolder() {
+  std::error_code ignored;
+  std::filesystem::remove_all(iPath, ignored);
+}
+
+void WriteFile(const std::string& path, const std::string& content) {
+  std::ofstream(path, std::ios::binary) << content;
+}
+
+std::string ReadFile(const std::string& path) {
+  std::ostringstream content;
+  content << std::ifstream(path, std::ios::binary).rdbuf();
+  return content.str();
+}
+
+Pty::Pty() : iMaster(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {
+  char name[64] = "";
+  Require(iMaster.IsOpen() && grantpt(Master()) == 0 && unlockpt(Master()) == 0 &&
+              ptsname_r(Master(), name, sizeof name) == 0,
+          "no pseudo-terminal");
+  iName = name;
+}
+
+void Pty::Send(const std::string& bytes) {
+  Require(write(Master(), bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()), "master full");
+}
+
+std::string Pty::Receive(std::size_t count) {
+  std::string bytes;
+  pollfd input{Master(), POLLIN, 0};
+  while (bytes.size() < count && poll(&input, 1, 2000) == 1) {
+    char block[4096];
+    const ssize_t got = read(Master(), block, sizeof block);
+    if (got <= 0) {
+      break;
+    }
+    bytes.append(block, static_cast<std::size_t>(got));
+  }
+  return bytes;
+}
+
+LogCapture::LogCapture(logging::TLevel lowest) : iFormer(logging::SetSink(this)) {
+  logging::SetLowestLevel(lowest);
+}
+
+LogCapture::~LogCapture() {
+  logging::SetSink(iFormer);
+  logging::SetLowestLevel(logging::EWarning);
+}
+
+void LogCapture::Write(const logging::TLine& line) {
+  const std::lock_guard<std::mutex> lock(iMutex);
+  iLines.push_back({line.level, line.module, std::string(line.message)});
+}
+
+std::vector<LogCapture::Line> LogCapture::Lines() const {
+  const std::lock_guard<std::mutex> lock(iMutex);
+  return iLines;
+}
+
+std::string LogCapture::OnlyError() const {
+  std::string error = "(no line at Error)";
+  int count = 0;
+  for (const Line& line : Lines()) {
+    if (line.level == logging::EError && line.module == logging::Platform) {
+      error = ++count == 1 ? line.message : error + " AND " + line.message;
+    }
+  }
+  return error;
+}
+
+int InChild(const std::function<int()>& body) {
+  const pid_t child = fork();
+  if (child == 0) {
+    _exit(body());
+  }
+  int status = 0;
+  RetryInterrupted([&] { return waitpid(child, &status, 0); });
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+double SecondsOf(const std::function<void()>& body) {
+  const auto start = std::chrono::steady_clock::now();
+  body();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}

@@ -1,0 +1,93 @@
+// What the platform's tests share: a folder that vanishes, a pseudo-terminal, a sink that remembers.
+#pragma once
+
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Descriptor.h"
+#include "Logging.h"
+
+/// A new empty folder, removed with its content at the end of the test.
+class TempFolder {
+ public:
+  explicit TempFolder(const std::string& parent = "/tmp");
+  ~TempFolder();
+  TempFolder(const TempFolder&) = delete;
+  TempFolder& operator=(const TempFolder&) = delete;
+
+  std::string Path(const std::string& name) const { return iPath + "/" + name; }
+
+ private:
+  std::string iPath;
+};
+
+void WriteFile(const std::string& path, const std::string& content);
+std::string ReadFile(const std::string& path);
+
+/// A pseudo-terminal: the test holds the master, the port under test opens the slave by its name.
+class Pty {
+ public:
+  Pty();
+
+  const std::string& Name() const { return iName; }
+  int Master() const { return iMaster.Get(); }
+  /// What remains to a program when the adapter is pulled out.
+  void Unplug() { iMaster.Close(); }
+
+  void Send(const std::string& bytes);
+  /// Waits up to two seconds for `count` bytes and returns what came.
+  std::string Receive(std::size_t count);
+
+ private:
+  CDescriptor iMaster;
+  std::string iName;
+};
+
+/// Takes the place of the log's sink, with every level on, for as long as it lives.
+class LogCapture : public logging::ISink {
+ public:
+  struct Line {
+    logging::TLevel level;
+    logging::TModule module;
+    std::string message;
+  };
+
+  explicit LogCapture(logging::TLevel lowest = logging::EInterface);
+  ~LogCapture() override;
+
+  void Write(const logging::TLine& line) override;
+
+  std::vector<Line> Lines() const;
+  /// The only line at Error, or what is wrong with there being one.
+  std::string OnlyError() const;
+
+ private:
+  logging::ISink* iFormer;
+  mutable std::mutex iMutex;
+  std::vector<Line> iLines;
+};
+
+/// A driver with habits that a pseudo-terminal does not have. While one lives, it sees each ioctl of the
+/// process first; returning true means that it answered with `result`.
+class IoctlDouble {
+ public:
+  using Answer = std::function<bool(unsigned long request, void* argument, int& result)>;
+
+  explicit IoctlDouble(Answer answer);
+  ~IoctlDouble();
+};
+
+/// While one lives, each write of the process takes a few bytes only, and every second one is interrupted
+/// first.
+class HesitantWrites {
+ public:
+  HesitantWrites();
+  ~HesitantWrites();
+};
+
+/// Runs `body` in a child process and returns its result, 0..255; -1 when the child did not end by itself.
+int InChild(const std::function<int()>& body);
+
+double SecondsOf(const std::function<void()>& body);
