@@ -1,0 +1,141 @@
+#include "simulator/CommandLine.h"
+
+#include <CLI/CLI.hpp>
+
+#include "simulator/DeviceList.h"
+
+namespace simulator {
+
+namespace {
+
+constexpr int kMaxBaud = 100'000'000;
+constexpr int kMaxSlow_ms = 3'600'000;
+
+constexpr char kFooter[] =
+    "Every fault that ends an update happens once; the next update shows the recovery.\n"
+    "Exit codes: 0 every update went well or the program was ended by a signal; 1 with --once: an update "
+    "failed\n"
+    "or the program ended before the last one; 2 bad usage; 3 no pseudo-terminal, link or dump could be "
+    "made.";
+
+void AddProgramOptions(CLI::App& app, Settings& settings) {
+  app.add_option("--device", settings.devices,
+                 "Devices on the line, one after the other: can, sanyo or a list such as can,sanyo")
+      ->capture_default_str();
+  app.add_option("--baud", settings.line.baud, "Speed in bits per second, 10 bits a byte; 0: no pacing")
+      ->check(CLI::Range(0, kMaxBaud))
+      ->capture_default_str();
+  app.add_option("--link", settings.link, "Path of a symbolic link to the port, removed at exit");
+  app.add_option("--dump-ram", settings.dump_ram,
+                 "File for what RAM holds, after each update and at exit; .1, .2 … is appended in a list");
+  app.add_option("--dump-flash", settings.dump_flash, "The same for flash");
+  app.add_flag("--once", settings.device.once,
+               "Exit when every device of the list was updated, or one failed");
+}
+
+void AddDeviceOptions(CLI::App& app, Options& device) {
+  const std::string group = "Device";
+  app.add_option("--version-text", device.version_text, "Text that the CAN device announces")
+      ->capture_default_str()
+      ->group(group);
+  app.add_option("--ram-base", device.ram_base, "First RAM address; 0x… is hexadecimal")
+      ->capture_default_str()
+      ->group(group);
+  app.add_option("--ram-size", device.ram_size, "RAM in bytes")->capture_default_str()->group(group);
+  app.add_option("--flash-base", device.flash_base, "First flash address")
+      ->capture_default_str()
+      ->group(group);
+  app.add_option("--flash-size", device.flash_size, "Flash in bytes")->capture_default_str()->group(group);
+}
+
+void AddDialogueFaults(CLI::App& app, Faults& faults) {
+  const std::string group = "Faults of the dialogue";
+  app.add_option_function<std::vector<std::string>>(
+         "--refuse",
+         [&faults](const std::vector<std::string>& texts) {
+           for (const std::string& text : texts) {
+             faults.refusals.emplace_back();
+             if (!ParseRefusal(text, faults.refusals.back())) {
+               throw CLI::ValidationError("--refuse",
+                                          "\"" + text + "\" is not of the form wr|gt|ck[:N][=ANSWER]");
+             }
+           }
+         },
+         "wr|gt|ck[:N][=ANSWER]: answer the N-th such command (1; 0: each) with ANSWER (001); may be "
+         "repeated")
+      ->group(group);
+  app.add_option_function<std::string>(
+         "--silent-after",
+         [&faults](const std::string& text) {
+           if (!ParseSilence(text, faults.silent_after)) {
+             throw CLI::ValidationError(
+                 "--silent-after",
+                 "\"" + text + "\" is none of version, wr-ram, gt, wr-flash, ck, a byte count");
+           }
+         },
+         "Die once the version was sent, or once what wr-ram, gt, wr-flash, ck need was received, before the "
+         "answer; or after a number of bytes received")
+      ->group(group);
+  app.add_option("--slow", faults.slow_ms, "Think so many milliseconds before each answer")
+      ->check(CLI::Range(0, kMaxSlow_ms))
+      ->group(group);
+  app.add_flag("--corrupt-flash", faults.corrupt_flash, "One bit of the first image goes wrong in flash")
+      ->group(group);
+}
+
+void AddTransferFaults(CLI::App& app, Options& device) {
+  Faults& faults = device.faults;
+  const std::string group = "Faults of the transfers";
+  app.add_flag("--checksum", faults.checksum, "Ask for 8-bit checksums instead of CRCs")->group(group);
+  app.add_option("--nak-every", faults.nak_every, "Reject every N-th sound block of a transfer")
+      ->check(CLI::NonNegativeNumber)
+      ->group(group);
+  app.add_flag("--nak-eot", faults.nak_first_eot, "Reject the first EOT of each transfer")->group(group);
+  app.add_option("--damage-every", faults.damage_every, "Send every N-th block of a transfer damaged")
+      ->check(CLI::NonNegativeNumber)
+      ->group(group);
+  app.add_option("--cancel-after", faults.cancel_after_bytes, "Cancel after so many bytes received; 0: never")
+      ->group(group);
+  app.add_option(
+         "--faulty", device.faulty_device,
+         "Position in the list, from 1, of the only device with faults of both kinds; 0: all have them")
+      ->check(CLI::NonNegativeNumber)
+      ->group(group);
+}
+
+void AddLineFaults(CLI::App& app, LineOptions& line) {
+  const std::string group = "Faults of the line";
+  app.add_option("--noise", line.noise_rate,
+                 "Share of bytes that are flipped, lost or doubled by a stray one")
+      ->check(CLI::Range(0.0, 1.0))
+      ->group(group);
+  app.add_option("--seed", line.noise_seed, "Makes the noise repeatable")
+      ->capture_default_str()
+      ->group(group);
+  app.add_option("--unplug-after", line.unplug_after_bytes,
+                 "Close the port, and exit, after so many bytes from the host; 0: never")
+      ->group(group);
+}
+
+}  // namespace
+
+std::optional<int> ParseCommandLine(int argc, char** argv, Settings& settings) {
+  CLI::App app("Plays the bootloaders of a CAN controller and of a Sanyo device on a pseudo-terminal.");
+  app.footer(kFooter);
+  AddProgramOptions(app, settings);
+  AddDeviceOptions(app, settings.device);
+  AddDialogueFaults(app, settings.device.faults);
+  AddTransferFaults(app, settings.device);
+  AddLineFaults(app, settings.line);
+  try {
+    app.parse(argc, argv);
+    if (MakeDevices(settings.devices, settings.device) == nullptr) {
+      throw CLI::ValidationError("--device", "\"" + settings.devices + "\" is not a list of can and sanyo");
+    }
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? kExitOk : kExitBadUsage;
+  }
+  return std::nullopt;
+}
+
+}  // namespace simulator

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <string>
+
+#include "simulator/DeviceList.h"
+
+namespace simulator {
+
+/// Writes what the devices' RAM and flash hold into the two files, or into PATH.1, PATH.2 … if there are
+/// several devices. An empty path means no dump. False, after a complaint on stderr, if a file cannot be
+/// written.
+bool DumpMemories(const DeviceList& devices, const std::string& ram_path, const std::string& flash_path);
+
+}  // namespace simulator

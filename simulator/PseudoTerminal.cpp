@@ -1,0 +1,112 @@
+#include "simulator/PseudoTerminal.h"
+
+#include <fcntl.h>
+#include <fmt/core.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+namespace simulator {
+
+namespace {
+
+bool IsLink(const std::string& path) {
+  struct stat status {};
+  return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+}
+
+bool PointsTo(const std::string& link, const std::string& target) {
+  char buffer[PATH_MAX];
+  const ssize_t size = readlink(link.c_str(), buffer, sizeof(buffer));
+  return size >= 0 && std::string(buffer, static_cast<std::size_t>(size)) == target;
+}
+
+bool MakeRaw(int descriptor) {
+  termios settings{};
+  if (tcgetattr(descriptor, &settings) != 0) {
+    return false;
+  }
+  cfmakeraw(&settings);
+  return tcsetattr(descriptor, TCSANOW, &settings) == 0;
+}
+
+}  // namespace
+
+PseudoTerminal::~PseudoTerminal() {
+  Unplug();
+  if (!iLink.empty() && PointsTo(iLink, iName)) {
+    unlink(iLink.c_str());
+  }
+}
+
+bool PseudoTerminal::Open() {
+  iMaster = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+  char name[PATH_MAX];
+  bool opened = iMaster >= 0 && grantpt(iMaster) == 0 && unlockpt(iMaster) == 0 &&
+                ptsname_r(iMaster, name, sizeof(name)) == 0;
+  if (opened) {
+    iName = name;
+    // Held open so that the line stays up, and raw, while the host closes and opens the port again.
+    iSlave = open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
+    opened = iSlave >= 0 && MakeRaw(iSlave);
+  }
+  if (!opened) {
+    fmt::print(stderr, "Cannot make a pseudo-terminal: {}. Is /dev/pts mounted?\n", std::strerror(errno));
+  }
+  return opened;
+}
+
+bool PseudoTerminal::Link(const std::string& path) {
+  if (IsLink(path)) {
+    unlink(path.c_str());
+  }
+  if (symlink(iName.c_str(), path.c_str()) != 0) {
+    fmt::print(stderr,
+               "Cannot make the link {}: {}. Remove what is there or choose another path for --link.\n", path,
+               std::strerror(errno));
+    return false;
+  }
+  iLink = path;
+  return true;
+}
+
+std::size_t PseudoTerminal::Read(std::uint8_t* buffer, std::size_t capacity) {
+  const ssize_t count = read(iMaster, buffer, capacity);
+  return static_cast<std::size_t>(std::max<ssize_t>(count, 0));
+}
+
+void PseudoTerminal::Write(const std::uint8_t* data, std::size_t count) {
+  while (count > 0) {
+    const ssize_t written = write(iMaster, data, count);
+    if (written <= 0) {
+      return;
+    }
+    data += written;
+    count -= static_cast<std::size_t>(written);
+  }
+}
+
+void PseudoTerminal::AwaitHostClosing(int timeout_ms) {
+  close(iSlave);
+  iSlave = -1;
+  pollfd waiting{iMaster, 0, 0};
+  poll(&waiting, 1, timeout_ms);
+}
+
+void PseudoTerminal::Unplug() {
+  for (int* descriptor : {&iMaster, &iSlave}) {
+    if (*descriptor >= 0) {
+      close(*descriptor);
+      *descriptor = -1;
+    }
+  }
+}
+
+}  // namespace simulator

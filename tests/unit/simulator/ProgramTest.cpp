@@ -1,0 +1,302 @@
+// Goal: the program that people start plays a device on a real pseudo-terminal, paced, and leaves cleanly.
+// Method: the program runs as a child process; a small sender on this side plays transfers to its port in
+// real time.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <iterator>
+#include <thread>
+
+#include "ScriptedHost.h"
+#include "simulator/Xmodem.h"
+
+namespace simulator {
+
+namespace {
+
+using testing::HasSubstr;
+using Clock = std::chrono::steady_clock;
+
+/// The program as a child, its output on a pipe.
+class Program {
+ public:
+  explicit Program(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), BOOTLOADER_SIMULATOR);
+    std::vector<char*> argv;
+    for (std::string& each : arguments) {
+      argv.push_back(each.data());
+    }
+    argv.push_back(nullptr);
+    int ends[2];
+    EXPECT_EQ(pipe(ends), 0);
+    iPid = fork();
+    if (iPid == 0) {
+      dup2(ends[1], STDOUT_FILENO);
+      dup2(ends[1], STDERR_FILENO);
+      execv(argv[0], argv.data());
+      _exit(127);
+    }
+    close(ends[1]);
+    iOutput = ends[0];
+  }
+
+  ~Program() {
+    if (iPid > 0) {
+      kill(iPid, SIGKILL);
+      Wait();
+    }
+    close(iOutput);
+  }
+
+  std::string ReadLine() {
+    std::string line;
+    char character = 0;
+    pollfd waiting{iOutput, POLLIN, 0};
+    while (poll(&waiting, 1, 10000) == 1 && read(iOutput, &character, 1) == 1 && character != '\n') {
+      line += character;
+    }
+    return line;
+  }
+
+  std::string Port() {
+    const std::string line = ReadLine();
+    EXPECT_EQ(line.substr(0, 14), "port: /dev/pts");
+    return line.substr(std::min<std::size_t>(6, line.size()));
+  }
+
+  std::string Rest() {
+    std::string all;
+    for (std::string line = ReadLine(); !line.empty(); line = ReadLine()) {
+      all += line + "\n";
+    }
+    return all;
+  }
+
+  void Signal(int number) { kill(iPid, number); }
+
+  /// Exit code, or -1 if it was ended by a signal.
+  int Wait() {
+    int status = 0;
+    waitpid(iPid, &status, 0);
+    iPid = 0;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+ private:
+  pid_t iPid = 0;
+  int iOutput = -1;
+};
+
+/// The host's end of the real port.
+class Port {
+ public:
+  explicit Port(const std::string& path) : iDescriptor(open(path.c_str(), O_RDWR | O_NOCTTY)) {
+    EXPECT_GE(iDescriptor, 0) << path;
+    tcflush(iDescriptor, TCIFLUSH);
+  }
+  ~Port() { close(iDescriptor); }
+  Port(const Port&) = delete;
+  Port& operator=(const Port&) = delete;
+
+  int Read(int patience_ms) {
+    pollfd waiting{iDescriptor, POLLIN, 0};
+    std::uint8_t byte = 0;
+    return poll(&waiting, 1, patience_ms) == 1 && read(iDescriptor, &byte, 1) == 1 ? byte : -1;
+  }
+
+  bool Write(const Bytes& bytes) {
+    return write(iDescriptor, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
+  }
+
+  /// The next byte that is not one more solicitation from before the first block.
+  int ReadReply() {
+    int byte = Read(5000);
+    while (byte == 'C') {
+      byte = Read(5000);
+    }
+    return byte;
+  }
+
+  /// Sends blocks of 1024 bytes and EOT. False at the first wrong reply.
+  bool Send(const Bytes& data) {
+    if (Read(5000) != 'C') {
+      return false;
+    }
+    std::uint8_t number = 1;
+    for (std::size_t offset = 0; offset < data.size(); offset += kLongBlock, ++number) {
+      const auto begin = data.begin() + static_cast<std::ptrdiff_t>(offset);
+      const Bytes block(begin, begin + static_cast<std::ptrdiff_t>(kLongBlock));
+      if (!Write(FrameBlock(number, block, Trailer::kCrc)) || ReadReply() != kAck) {
+        return false;
+      }
+    }
+    return Write({kEot}) && ReadReply() == kAck;
+  }
+
+ private:
+  int iDescriptor;
+};
+
+std::string TemporaryPath(const std::string& name) {
+  return testing::TempDir() + "simulator_" + std::to_string(getpid()) + "_" + name;
+}
+
+Bytes ReadFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return Bytes(std::istreambuf_iterator<char>(file), {});
+}
+
+bool Exists(const std::string& path) {
+  struct stat status {};
+  return lstat(path.c_str(), &status) == 0;
+}
+
+}  // namespace
+
+TEST(Program, TakesASanyoImageAtTheSpeedOfTheLineAndExitsOnce) {
+  const std::string dump = TemporaryPath("flash");
+  Program program({"--device", "sanyo", "--once", "--dump-flash", dump, "--baud", "115200"});
+  const Bytes image = Pattern(16 * 1024);
+  const Clock::time_point begin = Clock::now();
+  {
+    Port port(program.Port());
+    ASSERT_TRUE(port.Send(image));
+  }
+  const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();
+  EXPECT_EQ(program.Wait(), 0);
+  EXPECT_EQ(ReadFile(dump), image);
+  // 16 blocks of 1029 bytes, 17 replies and EOT take 1.43 s on the line.
+  EXPECT_GE(seconds, 1.43);
+  EXPECT_LT(seconds, 10.0);
+  unlink(dump.c_str());
+}
+
+TEST(Program, SurvivesTheHostOpeningAndClosingThePort) {
+  Program program({"--device", "sanyo", "--baud", "0"});
+  const std::string path = program.Port();
+  for (int round = 0; round < 20; ++round) {
+    Port port(path);
+  }
+  for (int round = 0; round < 2; ++round) {
+    Port port(path);
+    EXPECT_TRUE(port.Send(Pattern(4096)));
+  }
+  program.Signal(SIGTERM);
+  EXPECT_EQ(program.Wait(), 0);
+  EXPECT_THAT(program.Rest(), HasSubstr("sanyo: image: 4096 bytes"));
+}
+
+TEST(Program, LinksToThePortAndDumpsAtASignal) {
+  const std::string link = TemporaryPath("link");
+  const std::string dump = TemporaryPath("ram");
+  ASSERT_EQ(symlink("/nowhere", link.c_str()), 0);
+  Program program({"--link", link, "--dump-ram", dump, "--device", "can,sanyo"});
+  const std::string path = program.Port();
+  char target[256] = {};
+  ASSERT_GT(readlink(link.c_str(), target, sizeof(target) - 1), 0);
+  EXPECT_EQ(path, target);
+  program.Signal(SIGINT);
+  EXPECT_EQ(program.Wait(), 0);
+  EXPECT_FALSE(Exists(link));
+  EXPECT_TRUE(Exists(dump + ".1"));
+  EXPECT_TRUE(Exists(dump + ".2"));
+  unlink((dump + ".1").c_str());
+  unlink((dump + ".2").c_str());
+}
+
+TEST(Program, NeverReplacesAFileByALink) {
+  const std::string file = TemporaryPath("file");
+  std::ofstream(file) << "precious";
+  Program program({"--link", file});
+  EXPECT_EQ(program.Wait(), 3);
+  EXPECT_EQ(ReadFile(file), FromText("precious"));
+  EXPECT_THAT(program.Rest(), HasSubstr(file));
+  unlink(file.c_str());
+}
+
+TEST(Program, AnsweringOnceIsOverOnlyWhenTheHostHasReadIt) {
+  Program program({"--device", "sanyo", "--baud", "0", "--once"});
+  Port port(program.Port());
+  ASSERT_EQ(port.Read(5000), 'C');
+  ASSERT_TRUE(port.Write(FrameBlock(1, Pattern(1024), Trailer::kCrc)));
+  ASSERT_EQ(port.ReadReply(), kAck);
+  ASSERT_TRUE(port.Write({kEot}));
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  EXPECT_EQ(port.Read(1000), kAck);
+}
+
+TEST(Program, ClosesThePortWhenUnplugged) {
+  Program program({"--device", "sanyo", "--baud", "0", "--unplug-after", "3000", "--once"});
+  Port port(program.Port());
+  EXPECT_FALSE(port.Send(Pattern(8192)));
+  EXPECT_EQ(program.Wait(), 1);
+  EXPECT_FALSE(port.Write({kEot}));
+}
+
+TEST(Program, WithOnceAFailedUpdateIsExitCodeOne) {
+  Program program({"--device", "sanyo", "--baud", "0", "--cancel-after", "3000", "--once"});
+  Port port(program.Port());
+  EXPECT_FALSE(port.Send(Pattern(8192)));
+  EXPECT_EQ(port.Read(1000), kCan);
+  EXPECT_THAT(program.ReadLine(), HasSubstr("sanyo: failed: cancelled on purpose"));
+  EXPECT_EQ(program.Wait(), 1);
+}
+
+TEST(Program, IdlesWithoutUsingTheProcessor) {
+  rusage earlier{};
+  getrusage(RUSAGE_CHILDREN, &earlier);
+  Program program({"--device", "sanyo"});
+  program.Port();
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  program.Signal(SIGTERM);
+  EXPECT_EQ(program.Wait(), 0);
+  rusage usage{};
+  getrusage(RUSAGE_CHILDREN, &usage);
+  const auto used_us = [](const rusage& each) {
+    return (each.ru_utime.tv_sec + each.ru_stime.tv_sec) * kSecond + each.ru_utime.tv_usec +
+           each.ru_stime.tv_usec;
+  };
+  EXPECT_LT(used_us(usage) - used_us(earlier), 250 * kMillisecond);
+}
+
+TEST(Program, RefusesWrongOptionsWithAnExitCodeOfTheirOwn) {
+  for (const std::vector<std::string>& arguments :
+       std::vector<std::vector<std::string>>{{"--device", "radio"},
+                                             {"--refuse", "xx"},
+                                             {"--silent-after", "lunch"},
+                                             {"--noise", "2"},
+                                             {"--what"}}) {
+    Program program(arguments);
+    EXPECT_EQ(program.Wait(), 2) << arguments[0];
+    EXPECT_THAT(program.Rest(), HasSubstr(arguments[0]));
+  }
+}
+
+TEST(Program, HelpNamesEveryOption) {
+  Program program({"--help"});
+  EXPECT_EQ(program.Wait(), 0);
+  std::string help;
+  for (int line = 0; line < 200; ++line) {
+    help += program.ReadLine() + "\n";
+  }
+  for (const std::string option :
+       {"--device",     "--baud",         "--link",         "--dump-ram",     "--dump-flash",
+        "--once",       "--version-text", "--ram-base",     "--ram-size",     "--flash-base",
+        "--flash-size", "--refuse",       "--silent-after", "--slow",         "--corrupt-flash",
+        "--checksum",   "--nak-every",    "--nak-eot",      "--damage-every", "--cancel-after",
+        "--faulty",     "--noise",        "--seed",         "--unplug-after"}) {
+    EXPECT_THAT(help, HasSubstr(option));
+  }
+}
+
+}  // namespace simulator
