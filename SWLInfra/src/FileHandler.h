@@ -1,0 +1,63 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdio>
+
+#include "Types.h"
+
+/// File access for loaders and engines. Static functions without state, for any thread. Paths are
+/// zero-terminated and never null.
+class __attribute__((visibility("default"))) IFileHandler {
+ public:
+  /// Results of the path operations. Callers compare the numbers.
+  enum TFileHndlError : TInt32 {
+    EFileHndlOk = 0,           ///< done; for the existence tests: it exists
+    EFileHndlError = 1,        ///< the platform reported a failure
+    EFileHndlNotFound = 2,     ///< file or folder does not exist
+    EFileHndlNoWritePerm = 3,  ///< the path may not be written
+    EFileHndlReserved4 = 4,
+    EFileHndlReserved5 = 5,
+    EFileHndlReserved6 = 6,
+    EFileHndlSyncFailed = 7,  ///< the file systems could not be flushed
+  };
+
+  /// Kinds of file systems; a value that is not listed counts as FAT.
+  enum TFileSystemFormat : TInt32 {
+    EFormatFat = 0,
+    EFormatExt3 = 1,
+    EFormatExt2 = 2,
+    EFormatExt2Loopback = 3,  ///< an ext2 image behind a loop device; for mounting only
+  };
+
+  static constexpr TInt32 iKWaitBeforeRetry = 500000;     ///< us between attempts to mount or unmount
+  static constexpr TInt32 iKMaxDecimalDigitsUint32 = 10;  ///< decimal digits of the largest TUint32
+  static constexpr TUint8 iKnumberRetriesMount = 3;       ///< attempts to mount or unmount
+
+  /// The C library's function of the same role, with its arguments and results.
+  static std::FILE* FOpen(const char* path, const char* mode);
+  static std::size_t FRead(void* buffer, std::size_t size, std::size_t count, std::FILE* file);
+  static std::size_t FWrite(const void* buffer, std::size_t size, std::size_t count, std::FILE* file);
+  static char* FGets(char* buffer, int size, std::FILE* file);
+  static int FSeek(std::FILE* file, long offset, int whence);
+  static int FEof(std::FILE* file);
+  static int FClose(std::FILE* file);
+
+  /// EFileHndlOk when the file, or the folder, is there, else EFileHndlNotFound.
+  static TFileHndlError FileExists(const TChr* path);
+  static TFileHndlError FolderExists(const TChr* path);
+
+  /// EFileHndlOk when the path may be written, else EFileHndlNoWritePerm.
+  static TFileHndlError FileWritePerm(const TChr* path);
+
+  /// EFileHndlOk when the folder was made, else EFileHndlError.
+  static TFileHndlError MakeFolder(const TChr* path);
+
+  /// These answer EFileHndlNotFound, and do nothing, when the source is not there; EFileHndlError when the
+  /// platform fails. The existence cache forgets every path that they make or unmake, also when they fail.
+  static TFileHndlError RemoveFile(const TChr* path);
+  static TFileHndlError MoveFile(const TChr* from, const TChr* to);
+  static TFileHndlError CopyFile(const TChr* from, const TChr* to);
+
+  /// The file's size in bytes, or -1 when it does not exist or cannot be opened.
+  static TInt32 FileSize(const TChr* path);
+};

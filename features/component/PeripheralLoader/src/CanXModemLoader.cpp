@@ -1,0 +1,82 @@
+#include "CanXModemLoader.h"
+
+#include "LoaderPreparation.h"
+#include "Logging.h"
+
+namespace {
+constexpr char KLoaderName[] = "CanXModemLoader";
+}
+
+CCanXModemLoader::CCanXModemLoader(TFeatureId& featureId, IEventBroker& broker,
+                                   const IFeatureProperties& properties, ILoaderCallback& callback,
+                                   TCreateSerialPort createSerialPort, TCreateXModem createXModem,
+                                   TCreateSwl createSwl)
+    : iSpeed(KDefaultXModemSpeed),
+      iCallback(callback),
+      iProperties(properties),
+      iEventBroker(broker),
+      iFeatureId(featureId),
+      iCreateSerialPort(createSerialPort),
+      iCreateXModem(createXModem),
+      iCreateSwl(createSwl),
+      iSwl(nullptr) {
+  LOG_INTERFACE(logging::PeripheralLoader, "");
+}
+
+CCanXModemLoader::~CCanXModemLoader() {
+  LOG_INTERFACE(logging::PeripheralLoader, "");
+  for (const CCanXModemSwl* replaced : iReplacedSwls) {
+    delete replaced;
+  }
+  delete iSwl;
+}
+
+TBool CCanXModemLoader::Prepare() {
+  LOG_INTERFACE(logging::PeripheralLoader, "");
+  std::string speed;
+  CLoaderPreparation preparation;
+  preparation.ReadProperties(iProperties, iFeatureId,
+                             {{"xmodemsource-image", iSourceImage},
+                              {"xmodemsource-loader", iSourceLoader},
+                              {"xmodemspeed", speed},
+                              {"xmodemportname", iPortName},
+                              {"xmodemramaddress", iRamAddress},
+                              {"xmodemflashaddress", iFlashAddress}});
+  iSpeed = preparation.CheckSpeed(speed);
+  preparation.CheckImage(iSourceImage);
+  preparation.CheckLoader(iSourceLoader);
+  preparation.CheckPort(iPortName);
+  return preparation.Conclude();
+}
+
+void CCanXModemLoader::Install() {
+  LOG_INFO(logging::PeripheralLoader, KLoaderName);
+  if (!StartSession()) {
+    iCallback.Completed(EFalse);
+  }
+}
+
+bool CCanXModemLoader::StartSession() {
+  ISerialPort* port = iCreateSerialPort(AsTChr(iPortName), iSpeed, EFalse, ETrue);
+  if (port == nullptr) {
+    return false;
+  }
+  IXModem* engine = iCreateXModem(port);
+  if (engine == nullptr) {
+    return false;
+  }
+  if (iSwl != nullptr) {
+    iReplacedSwls.push_back(iSwl);
+  }
+  iSwl = iCreateSwl(engine, iEventBroker, iCallback, iSourceLoader, iSourceImage, iRamAddress, iFlashAddress);
+  if (iSwl == nullptr) {
+    return false;
+  }
+  iSwl->StartUpload();
+  return true;
+}
+
+void CCanXModemLoader::Abort() {
+  LOG_INFO(logging::PeripheralLoader, KLoaderName);
+  iCallback.Aborted();
+}

@@ -1,0 +1,36 @@
+# The module's object, its factory and its loaders.
+peripheral_test(module_object_test LABEL unit
+  SOURCES
+    unit/module/CanXModemLoaderTest.cpp
+    unit/module/LoaderFactoryTest.cpp
+    unit/module/PeripheralLoaderTest.cpp
+  LIBRARIES module_on_virtual_platform)
+
+# The loader and a terminal, all of it real.
+peripheral_test(preparation_on_terminal_test LABEL unit
+  SOURCES unit/module/PreparationOnTerminalTest.cpp
+  LIBRARIES feature swlinfra platform_common platform_system test_support)
+
+# The file helpers on the real file system.
+peripheral_test(file_handler_test LABEL unit
+  SOURCES unit/swlinfra/FileHandlerTest.cpp
+  LIBRARIES swlinfra platform_common test_support)
+
+# The file helpers on a file system that writes down what it is asked. Of the real platform only the log.
+peripheral_test(file_handler_on_fakes_test LABEL unit
+  SOURCES
+    unit/swlinfra/FileHandlerOnFakesTest.cpp
+    ${PROJECT_SOURCE_DIR}/platform/posix/Logging.cpp
+  LIBRARIES swlinfra test_support)
+
+# The library as it is shipped.
+peripheral_test(exports_test LABEL unit
+  SOURCES unit/module/ExportsTest.cpp
+  LIBRARIES platform_headers test_support ${CMAKE_DL_LIBS})
+add_dependencies(exports_test PeripheralLoader)
+target_compile_definitions(exports_test PRIVATE
+  MODULE_LIBRARY="$<TARGET_FILE:PeripheralLoader>"
+  PLATFORM_LIBRARY_NAME="$<TARGET_SONAME_FILE_NAME:platform>"
+  NM_PROGRAM="${CMAKE_NM}"
+  READELF_PROGRAM="${CMAKE_READELF}"
+  COMPILE_COMMANDS="${CMAKE_BINARY_DIR}/compile_commands.json")
