@@ -1,0 +1,152 @@
+#include "CommandLine.h"
+
+#include <CLI/CLI.hpp>
+#include <map>
+
+#include "ExitCode.h"
+#include "Version.h"
+
+namespace host {
+
+namespace {
+
+constexpr int kMaxTimeout_s = 24 * 60 * 60;
+constexpr const char* kOff = "off";
+
+const std::map<std::string, logging::TLevel>& Levels() {
+  static const std::map<std::string, logging::TLevel> levels = {{"interface", logging::EInterface},
+                                                                {"info", logging::EInfo},
+                                                                {"warning", logging::EWarning},
+                                                                {"error", logging::EError},
+                                                                {"always", logging::EAlways}};
+  return levels;
+}
+
+// What CLI11 writes to, before it becomes Options.
+struct RawOptions {
+  Options options;
+  std::string logLevel;
+  std::string library;
+  std::string featureId;
+  int timeout_s = 0;
+};
+
+void AddOptions(CLI::App& command, RawOptions& raw) {
+  command.add_option("--config", raw.options.configFile, "Configuration file (TOML)")->type_name("FILE");
+  command
+      .add_option(
+          "--set", raw.options.settings,
+          "Set a property of the module, over what the file says; may be repeated. File names in it are "
+          "relative to the working directory")
+      ->type_name("KEY=VALUE")
+      ->allow_extra_args(false)
+      ->take_all();
+  command.add_option("--log-level", raw.logLevel, "Lowest level to log (default with --log-file: info)")
+      ->check(CLI::IsMember({"interface", "info", "warning", "error", "always", kOff}));
+  command
+      .add_option("--log-file", raw.options.logFile, "Write log lines to this file, not to standard error")
+      ->type_name("FILE");
+  command
+      .add_option("--timeout", raw.timeout_s,
+                  "Give up after this many seconds without a sign of life from the module (default: 30 while "
+                  "preparing, 90 while updating, 10 while aborting)")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(1, kMaxTimeout_s));
+  command.add_option("--module", raw.library, "The module's shared library")->type_name("PATH");
+  command.add_option("--feature-id", raw.featureId, "The feature id that the module gets")->type_name("ID");
+}
+
+std::string Footer() {
+  return "Examples:\n"
+         "  peripheralctl prepare --config can.toml\n"
+         "  peripheralctl update --config can.toml --set xmodemportname=/dev/ttyUSB0\n"
+         "  peripheralctl update --config can.toml --log-level info --log-file update.log\n"
+         "\n"
+         "A configuration file:\n"
+         "  [properties]\n"
+         "  updatelist          = \"xmodem\"\n"
+         "  xmodemsource-image  = \"firmware.bin\"    # relative to this file\n"
+         "  xmodemsource-loader = \"loader.bin\"\n"
+         "  xmodemspeed         = 115200\n"
+         "  xmodemportname      = \"/dev/ttyUSB0\"\n"
+         "  xmodemramaddress    = \"20000000\"        # text, as the device reads it\n"
+         "  xmodemflashaddress  = \"08000000\"\n"
+         "\n" +
+         DescribeExitCodes();
+}
+
+std::chrono::milliseconds OrDefault(int timeout_s, std::chrono::milliseconds standard) {
+  return timeout_s > 0 ? std::chrono::seconds(timeout_s) : standard;
+}
+
+std::optional<logging::TLevel> ChosenLevel(const RawOptions& raw) {
+  if (raw.logLevel.empty()) {
+    return raw.options.logFile.empty() ? std::nullopt : std::make_optional(logging::EInfo);
+  }
+  const auto level = Levels().find(raw.logLevel);
+  return level == Levels().end() ? std::nullopt : std::make_optional(level->second);
+}
+
+Options Finish(const RawOptions& raw, Goal goal) {
+  Options options = raw.options;
+  options.goal = goal;
+  options.logLevel = ChosenLevel(raw);
+  options.limits.prepare = OrDefault(raw.timeout_s, options.limits.prepare);
+  options.limits.install = OrDefault(raw.timeout_s, options.limits.install);
+  options.limits.abort = OrDefault(raw.timeout_s, options.limits.abort);
+  if (!raw.library.empty()) {
+    options.library = raw.library;
+  }
+  if (!raw.featureId.empty()) {
+    options.featureId = raw.featureId;
+  }
+  return options;
+}
+
+std::string MissingCommand(int argc, const char* const* argv) {
+  const std::string instead = argc > 1 ? std::string(", not '") + argv[1] + "'" : "";
+  return "say what to do: update or prepare" + instead + ".";
+}
+
+int BadUsage(std::ostream& err, const std::string& what) {
+  err << "peripheralctl: " << what << "\nRun 'peripheralctl --help' for the usage.\n";
+  return static_cast<int>(ExitCode::BadUsage);
+}
+
+}  // namespace
+
+std::optional<Options> ParseCommandLine(int argc, const char* const* argv, std::ostream& out,
+                                        std::ostream& err, int& exitCode) {
+  RawOptions raw;
+  CLI::App app("Updates the firmware of peripherals: loads the peripheral loader module and drives it.",
+               "peripheralctl");
+  app.footer(Footer());
+  app.set_version_flag("--version", std::string("peripheralctl ") + kVersion);
+  app.require_subcommand(1);
+  app.fallthrough(false);
+  CLI::App* update = app.add_subcommand("update", "Prepare the peripherals, then send them their firmware");
+  CLI::App* prepare = app.add_subcommand("prepare", "Check settings, files and port; send nothing");
+  for (CLI::App* command : {update, prepare}) {
+    AddOptions(*command, raw);
+    command->footer(Footer());
+  }
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::Success& success) {
+    exitCode = app.exit(success, out, err);
+    return std::nullopt;
+  } catch (const CLI::RequiredError&) {
+    exitCode = BadUsage(err, MissingCommand(argc, argv));
+    return std::nullopt;
+  } catch (const CLI::ParseError& error) {
+    exitCode = BadUsage(err, error.what());
+    return std::nullopt;
+  }
+  if (raw.options.configFile.empty() && raw.options.settings.empty()) {
+    exitCode = BadUsage(err, "name a configuration file with --config, or set the properties with --set.");
+    return std::nullopt;
+  }
+  return Finish(raw, prepare->parsed() ? Goal::Prepare : Goal::Update);
+}
+
+}  // namespace host

@@ -1,0 +1,218 @@
+#include "Configuration.h"
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "Peripherals.h"
+
+// The parser then reports faults in its result instead of throwing them.
+#define TOML_EXCEPTIONS 0
+#include <toml++/toml.h>
+
+namespace host {
+
+namespace {
+
+constexpr const char* kModuleTable = "module";
+constexpr const char* kPropertiesTable = "properties";
+constexpr const char* kLibraryKey = "library";
+constexpr const char* kFeatureIdKey = "feature-id";
+
+std::string UnknownKey(std::string_view where, std::string_view key, const std::vector<std::string>& known) {
+  return fmt::format("{}: unknown key '{}'; did you mean '{}'? Known here: {}.", where, key,
+                     NearestName(key, known), fmt::join(known, ", "));
+}
+
+// One pass over a parsed file. Every fault carries the place that the parser remembers for the value.
+class FileReader {
+ public:
+  FileReader(std::string path, Faults& faults) : iPath(std::move(path)), iFaults(faults) {}
+
+  Configuration Read(const toml::table& root) {
+    for (const auto& [key, value] : root) {
+      ReadTopLevel(key.str(), value);
+    }
+    return iConfiguration;
+  }
+
+ private:
+  void ReadTopLevel(std::string_view key, const toml::node& value) {
+    if (key == kModuleTable) {
+      ReadTable(key, value, [this](std::string_view k, const toml::node& v) { ReadModuleKey(k, v); });
+    } else if (key == kPropertiesTable) {
+      ReadTable(key, value, [this](std::string_view k, const toml::node& v) { ReadProperty(k, v); });
+    } else if (key == kLibraryKey || key == kFeatureIdKey) {
+      ReadModuleKey(key, value);
+    } else if (FindPropertyKey(key) != nullptr) {
+      Fault(value, fmt::format("'{}' belongs under [{}].", key, kPropertiesTable));
+    } else {
+      iFaults.push_back(
+          UnknownKey(At(value), key, {kLibraryKey, kFeatureIdKey, kModuleTable, kPropertiesTable}));
+    }
+  }
+
+  template <typename ReadKey>
+  void ReadTable(std::string_view name, const toml::node& node, ReadKey readKey) {
+    const toml::table* table = node.as_table();
+    if (table == nullptr) {
+      Fault(node, fmt::format("'{0}' must be a table: write [{0}] on a line of its own.", name));
+      return;
+    }
+    for (const auto& [key, value] : *table) {
+      readKey(key.str(), value);
+    }
+  }
+
+  void ReadModuleKey(std::string_view key, const toml::node& value) {
+    if (key != kLibraryKey && key != kFeatureIdKey) {
+      iFaults.push_back(UnknownKey(At(value), key, {kLibraryKey, kFeatureIdKey}));
+      return;
+    }
+    const std::optional<std::string> text = ReadText(key, value);
+    std::optional<std::string>& target =
+        key == kLibraryKey ? iConfiguration.library : iConfiguration.featureId;
+    if (text && target) {
+      Fault(value, fmt::format("'{}' is given twice: at the top and in [{}]. Keep one.", key, kModuleTable));
+    } else if (text && text->empty()) {
+      Fault(value, fmt::format("'{}' is empty; leave it out for the default.", key));
+    } else if (text) {
+      const bool path = key == kLibraryKey && text->find('/') != std::string::npos;
+      target = path ? FromFolder(*text) : *text;
+    }
+  }
+
+  void ReadProperty(std::string_view name, const toml::node& value) {
+    const PropertyKey* key = FindPropertyKey(name);
+    if (key == nullptr) {
+      iFaults.push_back(UnknownKey(At(value), name, PropertyKeyNames()));
+      return;
+    }
+    if (const std::optional<std::string> text = ReadValue(*key, value)) {
+      iConfiguration.properties[key->name] = *text;
+    }
+  }
+
+  std::optional<std::string> ReadValue(const PropertyKey& key, const toml::node& value) {
+    switch (key.kind) {
+      case ValueKind::PeripheralList:
+        return value.is_array() ? ReadList(key.name, *value.as_array()) : ReadText(key.name, value);
+      case ValueKind::Speed:
+        return value.is_integer() ? std::to_string(value.as_integer()->get()) : ReadText(key.name, value);
+      case ValueKind::Address:
+        return ReadAddress(key.name, value);
+      case ValueKind::File:
+        return FromFolder(ReadText(key.name, value));
+      case ValueKind::Port:
+        break;
+    }
+    return ReadText(key.name, value);
+  }
+
+  std::optional<std::string> ReadText(std::string_view key, const toml::node& value) {
+    if (!value.is_string()) {
+      Fault(value, fmt::format("'{0}' must be text in quotes, such as {0} = \"...\".", key));
+      return std::nullopt;
+    }
+    return value.as_string()->get();
+  }
+
+  std::optional<std::string> ReadAddress(std::string_view key, const toml::node& value) {
+    if (value.is_number()) {
+      Fault(value, fmt::format("'{0}' must be text in quotes, such as {0} = \"...\": the device gets the "
+                               "address as it is written, but TOML turns a bare 0x1000 into 4096.",
+                               key));
+      return std::nullopt;
+    }
+    return ReadText(key, value);
+  }
+
+  std::optional<std::string> ReadList(std::string_view key, const toml::array& entries) {
+    std::vector<std::string> texts;
+    for (const toml::node& entry : entries) {
+      if (!entry.is_string()) {
+        Fault(entry, fmt::format("'{0}' must hold texts in quotes, such as {0} = [\"xmodem\"].", key));
+        return std::nullopt;
+      }
+      texts.push_back(entry.as_string()->get());
+    }
+    return fmt::format("{}", fmt::join(texts, ";"));
+  }
+
+  // An empty path stays empty, so that it is reported as such and not as the folder.
+  std::optional<std::string> FromFolder(const std::optional<std::string>& path) const {
+    if (!path || path->empty()) {
+      return path;
+    }
+    return (std::filesystem::path(iPath).parent_path() / *path).string();
+  }
+
+  std::string At(const toml::node& value) const {
+    const toml::source_position begin = value.source().begin;
+    return fmt::format("{}:{}:{}", iPath, begin.line, begin.column);
+  }
+
+  void Fault(const toml::node& value, const std::string& text) {
+    iFaults.push_back(fmt::format("{}: {}", At(value), text));
+  }
+
+  std::string iPath;
+  Faults& iFaults;
+  Configuration iConfiguration;
+};
+
+std::optional<std::string> ReadWholeFile(const std::string& path, Faults& faults) {
+  std::error_code error;
+  if (std::filesystem::is_directory(path, error)) {
+    faults.push_back(fmt::format("{}: this is a folder; name the configuration file in it.", path));
+    return std::nullopt;
+  }
+  errno = 0;
+  std::ifstream file(path, std::ios::binary);
+  if (!file) {
+    faults.push_back(fmt::format("{}: cannot read the configuration file: {}. Check the name after --config.",
+                                 path, std::strerror(errno)));
+    return std::nullopt;
+  }
+  std::ostringstream text;
+  text << file.rdbuf();
+  return text.str();
+}
+
+}  // namespace
+
+Configuration ReadConfiguration(const std::string& path, Faults& faults) {
+  const std::optional<std::string> text = ReadWholeFile(path, faults);
+  return text ? ParseConfiguration(*text, path, faults) : Configuration();
+}
+
+Configuration ParseConfiguration(const std::string& text, const std::string& path, Faults& faults) {
+  const toml::parse_result result = toml::parse(text, path);
+  if (!result) {
+    const toml::source_position at = result.error().source().begin;
+    faults.push_back(fmt::format("{}:{}:{}: this is not valid TOML: {}.", path, at.line, at.column,
+                                 result.error().description()));
+    return {};
+  }
+  return FileReader(path, faults).Read(result.table());
+}
+
+void ApplySetting(const std::string& setting, Configuration& configuration, Faults& faults) {
+  const std::size_t equals = setting.find('=');
+  if (equals == std::string::npos) {
+    faults.push_back(fmt::format("--set {}: the '=' is missing; write --set key=value.", setting));
+    return;
+  }
+  const std::string key = setting.substr(0, equals);
+  if (FindPropertyKey(key) == nullptr) {
+    faults.push_back(UnknownKey("--set " + setting, key, PropertyKeyNames()));
+    return;
+  }
+  configuration.properties[key] = setting.substr(equals + 1);
+}
+
+}  // namespace host

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "PropertyStore.h"
+
+namespace host {
+
+/// Messages for people, one a fault: what is wrong, where, and what to do.
+using Faults = std::vector<std::string>;
+
+/// What the host is told from outside: which module to load, under which feature id, with which properties.
+struct Configuration {
+  std::optional<std::string>
+      library;  ///< module's shared library; without a slash the dynamic loader searches
+  std::optional<std::string> featureId;
+  PropertyMap properties;
+
+  bool operator==(const Configuration& other) const {
+    return library == other.library && featureId == other.featureId && properties == other.properties;
+  }
+};
+
+/// Reads a configuration file (TOML): `library` and `feature-id` at the top or in [module], and the module's
+/// properties in [properties]. Relative paths in it are taken relative to the file's folder. What is wrong is
+/// appended to `faults`, with line and column where they are known; the result then holds the rest.
+Configuration ReadConfiguration(const std::string& path, Faults& faults);
+
+/// As ReadConfiguration, for a text that stands for the content of the file `path`.
+Configuration ParseConfiguration(const std::string& text, const std::string& path, Faults& faults);
+
+/// Applies one "key=value" from the command line. Paths in it stay as they are, that is, relative to the
+/// working directory. An unknown key or a missing "=" is appended to `faults`.
+void ApplySetting(const std::string& setting, Configuration& configuration, Faults& faults);
+
+}  // namespace host

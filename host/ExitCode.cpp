@@ -1,0 +1,52 @@
+#include "ExitCode.h"
+
+#include <fmt/format.h>
+
+namespace host {
+
+namespace {
+
+struct Description {
+  ExitCode code;
+  const char* meaning;
+};
+
+constexpr Description kDescriptions[] = {
+    {ExitCode::Success, "success"},
+    {ExitCode::Internal, "internal error"},
+    {ExitCode::BadUsage, "bad usage of the command line"},
+    {ExitCode::BadConfiguration, "bad configuration; nothing was sent"},
+    {ExitCode::ModuleNotLoadable, "module not loadable"},
+    {ExitCode::PrepareFailed, "preparation failed; nothing was sent"},
+    {ExitCode::UpdateFailed, "update failed"},
+    {ExitCode::Aborted, "aborted on request"},
+    {ExitCode::NoResult, "no result in time"},
+};
+
+}  // namespace
+
+ExitCode ExitCodeOf(Outcome outcome) {
+  switch (outcome) {
+    case Outcome::Succeeded:
+      return ExitCode::Success;
+    case Outcome::PrepareFailed:
+      return ExitCode::PrepareFailed;
+    case Outcome::InstallFailed:
+      return ExitCode::UpdateFailed;
+    case Outcome::Aborted:
+      return ExitCode::Aborted;
+    case Outcome::NoResult:
+      return ExitCode::NoResult;
+  }
+  return ExitCode::Internal;
+}
+
+std::string DescribeExitCodes() {
+  std::string text = "Exit codes:\n";
+  for (const Description& description : kDescriptions) {
+    text += fmt::format("  {}  {}\n", static_cast<int>(description.code), description.meaning);
+  }
+  return text;
+}
+
+}  // namespace host

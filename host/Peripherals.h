@@ -1,0 +1,45 @@
+// What the module's properties are and which of them each kind of peripheral needs. The one place that knows.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace host {
+
+/// What a property's value means, and so how it is read and checked.
+enum class ValueKind { PeripheralList, File, Speed, Port, Address };
+
+/// One property of the module.
+struct PropertyKey {
+  const char* name;
+  ValueKind kind;
+};
+
+/// A kind of peripheral: its entry in the update list, its name for people, and the keys that it needs.
+struct PeripheralKind {
+  const char* entry;
+  const char* device;
+  std::vector<const char*> requiredKeys;
+};
+
+/// The key that lists the peripherals.
+constexpr const char* kUpdateListKey = "updatelist";
+
+/// Every key that the module reads.
+const std::vector<PropertyKey>& PropertyKeys();
+
+/// Every kind of peripheral that an update list may hold.
+const std::vector<PeripheralKind>& PeripheralKinds();
+
+/// The key of that name, or null when the module has none.
+const PropertyKey* FindPropertyKey(std::string_view name);
+
+/// The name among `names` that takes the fewest changes of a letter to get from `name`; empty when `names`
+/// is.
+std::string NearestName(std::string_view name, const std::vector<std::string>& names);
+
+/// The names of all property keys.
+std::vector<std::string> PropertyKeyNames();
+
+}  // namespace host

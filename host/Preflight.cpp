@@ -1,0 +1,268 @@
+#include "Preflight.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <set>
+#include <string_view>
+
+#include "Peripherals.h"
+
+namespace host {
+
+namespace {
+
+constexpr long long kMinSpeed_bps = 75;
+constexpr long long kMaxSpeed_bps = std::numeric_limits<TInt32>::max();
+constexpr char kListSeparator = ';';
+constexpr const char* kBlanks = " \t";
+
+bool IsDigit(char c) {
+  return c >= '0' && c <= '9';
+}
+
+bool IsHexadecimalOrLetter(char c) {
+  return IsDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+
+bool IsControl(char c) {
+  return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+}
+
+std::string_view Trimmed(std::string_view text) {
+  const std::size_t begin = text.find_first_not_of(kBlanks);
+  if (begin == std::string_view::npos) {
+    return {};
+  }
+  return text.substr(begin, text.find_last_not_of(kBlanks) - begin + 1);
+}
+
+std::vector<std::string_view> Split(std::string_view list) {
+  std::vector<std::string_view> entries;
+  std::size_t begin = 0;
+  for (std::size_t end = 0; end != std::string_view::npos; begin = end + 1) {
+    end = list.find(kListSeparator, begin);
+    entries.push_back(list.substr(begin, end == std::string_view::npos ? end : end - begin));
+  }
+  return entries;
+}
+
+const PeripheralKind* FindKind(std::string_view entry) {
+  for (const PeripheralKind& kind : PeripheralKinds()) {
+    if (kind.entry == entry) {
+      return &kind;
+    }
+  }
+  return nullptr;
+}
+
+std::string KnownEntries() {
+  std::vector<std::string> known;
+  for (const PeripheralKind& kind : PeripheralKinds()) {
+    known.push_back(fmt::format("\"{}\" ({})", kind.entry, kind.device));
+  }
+  return fmt::format("{}", fmt::join(known, " and "));
+}
+
+// The checks share what they find: the faults, and the keys that the listed peripherals need.
+class Checker {
+ public:
+  explicit Checker(const PropertyMap& properties) : iProperties(properties) {}
+
+  Faults Check() {
+    CheckList();
+    CheckRequiredKeys();
+    for (const PropertyKey& key : PropertyKeys()) {
+      CheckValueIfUsed(key);
+    }
+    return iFaults;
+  }
+
+ private:
+  void CheckList() {
+    const auto list = iProperties.find(kUpdateListKey);
+    if (list == iProperties.end()) {
+      iListFaulty = true;
+      Fault("{}: missing; say which peripherals to update, known are {}.", kUpdateListKey, KnownEntries());
+      return;
+    }
+    const std::vector<std::string_view> entries = Split(list->second);
+    CheckSpelling(list->second, entries);
+    for (const std::string_view entry : entries) {
+      CheckEntry(Trimmed(entry));
+    }
+  }
+
+  void CheckSpelling(const std::string& list, const std::vector<std::string_view>& entries) {
+    std::vector<std::string_view> proper;
+    for (const std::string_view entry : entries) {
+      if (!Trimmed(entry).empty()) {
+        proper.push_back(Trimmed(entry));
+      }
+    }
+    const std::string suggestion = proper.empty() ? "xmodem" : fmt::format("{}", fmt::join(proper, ";"));
+    if (proper != entries) {
+      iListFaulty = true;
+      Fault("{} \"{}\": entries must be neither empty nor have blanks around them; write \"{}\".",
+            kUpdateListKey, list, suggestion);
+    }
+  }
+
+  void CheckEntry(std::string_view entry) {
+    if (entry.empty()) {
+      return;
+    }
+    const PeripheralKind* kind = FindKind(entry);
+    if (kind == nullptr) {
+      iListFaulty = true;
+      Fault("{}: unknown peripheral \"{}\"; known are {}.", kUpdateListKey, entry, KnownEntries());
+      return;
+    }
+    iRequired.insert(kind->requiredKeys.begin(), kind->requiredKeys.end());
+  }
+
+  void CheckRequiredKeys() {
+    std::vector<std::string> missing;
+    for (const PropertyKey& key : PropertyKeys()) {
+      if (iRequired.count(key.name) != 0 && iProperties.count(key.name) == 0) {
+        missing.emplace_back(key.name);
+      }
+    }
+    if (!missing.empty()) {
+      Fault(
+          "missing properties: {}. Add them under [properties] in the configuration file, or with --set "
+          "{}=...",
+          fmt::join(missing, ", "), missing.front());
+    }
+  }
+
+  // A value that no listed peripheral reads may be anything, unless the list itself is not understood.
+  void CheckValueIfUsed(const PropertyKey& key) {
+    const auto property = iProperties.find(key.name);
+    if (property == iProperties.end() || (iRequired.count(key.name) == 0 && !iListFaulty)) {
+      return;
+    }
+    const std::string& value = property->second;
+    if (std::any_of(value.begin(), value.end(), IsControl)) {
+      Fault("{}: the value holds a control character (a line break, a tab or the like); remove it.",
+            key.name);
+      return;
+    }
+    CheckValue(key, value);
+  }
+
+  void CheckValue(const PropertyKey& key, const std::string& value) {
+    switch (key.kind) {
+      case ValueKind::PeripheralList:
+        break;
+      case ValueKind::File:
+        CheckFile(key.name, value);
+        break;
+      case ValueKind::Speed:
+        CheckSpeed(key.name, value);
+        break;
+      case ValueKind::Port:
+        CheckPort(key.name, value);
+        break;
+      case ValueKind::Address:
+        CheckAddress(key.name, value);
+        break;
+    }
+  }
+
+  void CheckFile(const char* key, const std::string& path) {
+    struct stat status = {};
+    if (path.empty()) {
+      Fault("{}: the file name is empty; name the file to send.", key);
+    } else if (stat(path.c_str(), &status) != 0) {
+      Fault(
+          "{}: cannot find the file '{}': {}. Check the path; in a configuration file it is relative to that "
+          "file's folder.",
+          key, path, std::strerror(errno));
+    } else if (S_ISDIR(status.st_mode)) {
+      Fault("{}: '{}' is a folder; name the file in it.", key, path);
+    } else if (!S_ISREG(status.st_mode)) {
+      Fault("{}: '{}' is not a regular file; copy the content to a file and name that.", key, path);
+    } else if (status.st_size == 0) {
+      Fault("{}: the file '{}' is empty; there is nothing to send. Fetch it again.", key, path);
+    } else {
+      CheckReadable(key, path);
+    }
+  }
+
+  void CheckReadable(const char* key, const std::string& path) {
+    const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    if (descriptor < 0) {
+      Fault("{}: cannot read the file '{}': {}. Check its permissions.", key, path, std::strerror(errno));
+      return;
+    }
+    close(descriptor);
+  }
+
+  void CheckSpeed(const char* key, const std::string& speed) {
+    constexpr std::size_t kMaxDigits = 10;
+    const bool digits = !speed.empty() && std::all_of(speed.begin(), speed.end(), IsDigit);
+    const bool readable = digits && speed.size() <= kMaxDigits;
+    const long long speed_bps = readable ? std::stoll(speed) : 0;
+    if (speed_bps < kMinSpeed_bps || speed_bps > kMaxSpeed_bps) {
+      Fault("{} \"{}\": must be a whole number of bit/s, digits only, from {} up, such as 115200.", key,
+            speed, kMinSpeed_bps);
+    }
+  }
+
+  void CheckPort(const char* key, const std::string& port) {
+    struct stat status = {};
+    if (port.empty()) {
+      Fault("{}: the port name is empty; name the serial device, such as /dev/ttyUSB0.", key);
+    } else if (stat(port.c_str(), &status) != 0) {
+      Fault(
+          "{}: cannot find the port \"{}\": {}.{} Is the device plugged in? 'ls /dev/tty*' lists the ports.",
+          key, port, std::strerror(errno), HintOnPortName(port));
+    } else if (!S_ISCHR(status.st_mode)) {
+      Fault("{}: '{}' is no serial port; name the serial device, such as /dev/ttyUSB0.", key, port);
+    } else if (faccessat(AT_FDCWD, port.c_str(), R_OK | W_OK, AT_EACCESS) != 0) {
+      Fault(
+          "{}: no permission to use the port '{}': {}. Run as a user who may, often a member of the group "
+          "dialout.",
+          key, port, std::strerror(errno));
+    }
+  }
+
+  static const char* HintOnPortName(const std::string& port) {
+    const bool odd = port.find_first_of(std::string(kBlanks) + kListSeparator) != std::string::npos;
+    return odd ? " The name holds a blank or a semicolon: one device only, and nothing around it." : "";
+  }
+
+  void CheckAddress(const char* key, const std::string& address) {
+    if (address.empty() || !std::all_of(address.begin(), address.end(), IsHexadecimalOrLetter)) {
+      Fault(
+          "{} \"{}\": must be a hexadecimal address as the device reads it: digits and letters only, no "
+          "blanks, no semicolons.",
+          key, address);
+    }
+  }
+
+  template <typename... Arguments>
+  void Fault(fmt::format_string<Arguments...> text, Arguments&&... arguments) {
+    iFaults.push_back(fmt::format(text, std::forward<Arguments>(arguments)...));
+  }
+
+  const PropertyMap& iProperties;
+  std::set<std::string> iRequired;
+  bool iListFaulty = false;
+  Faults iFaults;
+};
+
+}  // namespace
+
+Faults CheckProperties(const PropertyMap& properties) {
+  return Checker(properties).Check();
+}
+
+}  // namespace host

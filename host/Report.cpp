@@ -1,0 +1,72 @@
+#include "Report.h"
+
+#include <fmt/format.h>
+
+namespace host {
+
+namespace {
+
+constexpr const char* kIncomplete = "The device may hold an incomplete image: run the update again.";
+constexpr const char* kUntouched = "Nothing was sent to the device.";
+
+const char* Headline(const RunResult& result) {
+  switch (result.outcome) {
+    case Outcome::Succeeded:
+      return result.goal == Goal::Update
+                 ? "The update has succeeded."
+                 : "The preparation has succeeded: settings, files and port are in order.";
+    case Outcome::PrepareFailed:
+      return "The preparation failed.";
+    case Outcome::InstallFailed:
+      return "The update failed.";
+    case Outcome::Aborted:
+      return "Aborted.";
+    case Outcome::NoResult:
+      return "No result in time: the module gave no sign of life.";
+  }
+  return "";
+}
+
+std::string Reasons(const std::vector<std::string>& reasons) {
+  if (reasons.empty()) {
+    return "No reason was given; --log-level info shows what happened.\n";
+  }
+  std::string text = "Reasons given, oldest first:\n";
+  for (const std::string& reason : reasons) {
+    text += fmt::format("  - {}\n", reason);
+  }
+  return text;
+}
+
+const char* Advice(const RunResult& result) {
+  switch (result.outcome) {
+    case Outcome::Succeeded:
+    case Outcome::Aborted:
+      break;
+    case Outcome::PrepareFailed:
+      return "Correct what is named above and run the command again.\n";
+    case Outcome::InstallFailed:
+      return "Check that the device has power and is in its bootloader, that the cable is plugged in, and "
+             "that no "
+             "other program uses the port.\n";
+    case Outcome::NoResult:
+      return "Check the port and the device's power; --timeout allows for more time.\n";
+  }
+  return "";
+}
+
+}  // namespace
+
+std::string ReportFor(const RunResult& result) {
+  std::string text = std::string(Headline(result)) + "\n";
+  if (result.outcome == Outcome::Succeeded) {
+    return text;
+  }
+  if (result.outcome != Outcome::Aborted) {
+    text += Reasons(result.reasons);
+  }
+  text += Advice(result);
+  return text + (result.installRequested ? kIncomplete : kUntouched) + "\n";
+}
+
+}  // namespace host

@@ -1,0 +1,72 @@
+#include "RunLog.h"
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+
+namespace host {
+
+namespace {
+
+constexpr std::size_t kMaxReasons = 5;
+constexpr std::string_view kMilestonePrefix = "SWL: ";
+
+std::string Now() {
+  const auto now = std::chrono::system_clock::now();
+  const auto sinceEpoch_ms = std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch());
+  const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
+  return fmt::format("{:%Y-%m-%d %H:%M:%S}.{:03}", fmt::localtime(seconds), sinceEpoch_ms.count() % 1000);
+}
+
+// A message may quote what a device sent, which must not steer the person's terminal.
+std::string Printable(std::string_view message) {
+  std::string text(message);
+  std::replace_if(
+      text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; },
+      '?');
+  return text;
+}
+
+}  // namespace
+
+// Errors reach the sink whatever is wanted in the stream: they are the reasons.
+RunLog::RunLog(std::ostream& out, std::optional<logging::TLevel> lowest, MilestoneHandler onMilestone)
+    : iOut(out), iLowest(lowest), iOnMilestone(std::move(onMilestone)), iPrevious(logging::SetSink(this)) {
+  logging::SetLowestLevel(std::min(lowest.value_or(logging::EError), logging::EError));
+}
+
+RunLog::~RunLog() {
+  logging::SetSink(iPrevious);
+}
+
+void RunLog::Write(const logging::TLine& line) {
+  if (iLowest && line.level >= *iLowest) {
+    iOut << Now() << " " << logging::Format(line) << std::endl;
+  }
+  if (line.level == logging::EError) {
+    Remember(Printable(line.message));
+  }
+  const bool milestone = line.message.substr(0, kMilestonePrefix.size()) == kMilestonePrefix;
+  if (line.level == logging::EAlways && milestone) {
+    iOnMilestone(Printable(line.message.substr(kMilestonePrefix.size())));
+  }
+}
+
+std::vector<std::string> RunLog::Reasons() {
+  const std::lock_guard<std::mutex> lock(iMutex);
+  return {iReasons.begin(), iReasons.end()};
+}
+
+void RunLog::Remember(const std::string& reason) {
+  const std::lock_guard<std::mutex> lock(iMutex);
+  iReasons.erase(std::remove(iReasons.begin(), iReasons.end(), reason), iReasons.end());
+  iReasons.push_back(reason);
+  if (iReasons.size() > kMaxReasons) {
+    iReasons.pop_front();
+  }
+}
+
+}  // namespace host

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "Logging.h"
+
+namespace host {
+
+/// The log of one run: writes the lines that are wanted to a stream, passes milestones on, and remembers
+/// errors as the reasons to give when the run fails.
+class RunLog final : public logging::ISink {
+ public:
+  using MilestoneHandler = std::function<void(const std::string&)>;
+
+  /// Takes the platform's log over until destruction. Lines at `lowest` and above are written to `out`, with
+  /// date and time; none without a level. `onMilestone` gets the text of each milestone line, on whichever
+  /// thread logs it, and must not log.
+  RunLog(std::ostream& out, std::optional<logging::TLevel> lowest, MilestoneHandler onMilestone);
+  RunLog(const RunLog&) = delete;
+  RunLog& operator=(const RunLog&) = delete;
+  ~RunLog() override;
+
+  void Write(const logging::TLine& line) override;
+
+  /// The most recent errors, oldest first, each text once. Any thread.
+  std::vector<std::string> Reasons();
+
+ private:
+  void Remember(const std::string& reason);
+
+  std::ostream& iOut;
+  const std::optional<logging::TLevel> iLowest;
+  const MilestoneHandler iOnMilestone;
+  std::mutex iMutex;
+  std::deque<std::string> iReasons;
+  logging::ISink* const iPrevious;
+};
+
+}  // namespace host

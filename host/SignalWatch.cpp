@@ -1,0 +1,54 @@
+#include "SignalWatch.h"
+
+#include <pthread.h>
+
+#include <utility>
+
+namespace host {
+
+namespace {
+
+// Wakes the thread when it is to end; nobody else sends it.
+constexpr int kWakeSignal = SIGUSR2;
+
+// Under nohup a closed terminal is to be survived.
+bool IsIgnored(int signal) {
+  struct sigaction action = {};
+  sigaction(signal, nullptr, &action);
+  return action.sa_handler == SIG_IGN;
+}
+
+}  // namespace
+
+SignalWatch::SignalWatch(std::function<void()> onFirst, std::function<void()> onFurther)
+    : iOnFirst(std::move(onFirst)), iOnFurther(std::move(onFurther)) {
+  sigemptyset(&iSignals);
+  sigaddset(&iSignals, SIGINT);
+  sigaddset(&iSignals, SIGTERM);
+  sigaddset(&iSignals, kWakeSignal);
+  if (!IsIgnored(SIGHUP)) {
+    sigaddset(&iSignals, SIGHUP);
+  }
+  pthread_sigmask(SIG_BLOCK, &iSignals, &iPreviousMask);
+  iThread = std::thread([this] { Run(); });
+}
+
+SignalWatch::~SignalWatch() {
+  iEnding = true;
+  pthread_kill(iThread.native_handle(), kWakeSignal);
+  iThread.join();
+  pthread_sigmask(SIG_SETMASK, &iPreviousMask, nullptr);
+}
+
+void SignalWatch::Run() {
+  bool first = true;
+  for (int signal = 0; !iEnding;) {
+    if (sigwait(&iSignals, &signal) != 0 || signal == kWakeSignal) {
+      continue;
+    }
+    (first ? iOnFirst : iOnFurther)();
+    first = false;
+  }
+}
+
+}  // namespace host

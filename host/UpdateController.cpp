@@ -1,0 +1,237 @@
+#include "UpdateController.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <string_view>
+#include <utility>
+
+namespace host {
+
+namespace {
+
+using std::chrono::steady_clock;
+
+constexpr int kMaxPercent = 100;
+constexpr std::array<TFeatureEventId, 5> kFeatureEvents = {EFeatureAnnounce, EPrepareResult, EInstallResult,
+                                                           EInstallProgress, EAbortResult};
+
+TEvent Filter(TFeatureEventId id) {
+  return {EUserEvent, id, 0, nullptr};
+}
+
+}  // namespace
+
+// What is not listed changes nothing. While aborting, a success that is already on its way still counts: the
+// device then has the whole image.
+const UpdateController::Transition UpdateController::kTransitions[] = {
+    // clang-format off
+    {UpdateState::AwaitingAnnouncement, Occurrence::Announced,     UpdateState::Preparing,  &UpdateController::RequestPrepare},
+    {UpdateState::AwaitingAnnouncement, Occurrence::AbortAsked,    UpdateState::Aborting,   &UpdateController::RequestAbort},
+    {UpdateState::AwaitingAnnouncement, Occurrence::TimedOut,      UpdateState::Ended,      &UpdateController::Conclude<Outcome::NoResult>},
+    {UpdateState::Preparing,            Occurrence::Prepared,      UpdateState::Installing, &UpdateController::RequestInstall},
+    {UpdateState::Preparing,            Occurrence::GoalPrepared,  UpdateState::Ended,      &UpdateController::Conclude<Outcome::Succeeded>},
+    {UpdateState::Preparing,            Occurrence::PrepareFailed, UpdateState::Ended,      &UpdateController::Conclude<Outcome::PrepareFailed>},
+    {UpdateState::Preparing,            Occurrence::AbortAsked,    UpdateState::Aborting,   &UpdateController::RequestAbort},
+    {UpdateState::Preparing,            Occurrence::TimedOut,      UpdateState::Ended,      &UpdateController::Conclude<Outcome::NoResult>},
+    {UpdateState::Installing,           Occurrence::Progressed,    UpdateState::Installing, &UpdateController::TakeProgress},
+    {UpdateState::Installing,           Occurrence::Installed,     UpdateState::Ended,      &UpdateController::Conclude<Outcome::Succeeded>},
+    {UpdateState::Installing,           Occurrence::InstallFailed, UpdateState::Ended,      &UpdateController::Conclude<Outcome::InstallFailed>},
+    {UpdateState::Installing,           Occurrence::AbortAsked,    UpdateState::Aborting,   &UpdateController::RequestAbort},
+    {UpdateState::Installing,           Occurrence::TimedOut,      UpdateState::Ended,      &UpdateController::Conclude<Outcome::NoResult>},
+    {UpdateState::Aborting,             Occurrence::Installed,     UpdateState::Ended,      &UpdateController::Conclude<Outcome::Succeeded>},
+    {UpdateState::Aborting,             Occurrence::AbortDone,     UpdateState::Ended,      &UpdateController::Conclude<Outcome::Aborted>},
+    {UpdateState::Aborting,             Occurrence::TimedOut,      UpdateState::Ended,      &UpdateController::Conclude<Outcome::NoResult>},
+    // clang-format on
+};
+
+UpdateController::UpdateController(IEventBroker& broker, TFeatureId featureId, Goal goal,
+                                   const TimeLimits& limits, UpdateListener& listener)
+    : iBroker(broker),
+      iFeatureId(std::move(featureId)),
+      iGoal(goal),
+      iLimits(limits),
+      iListener(listener),
+      iDeadline(steady_clock::now() + limits.prepare) {
+  for (const TFeatureEventId id : kFeatureEvents) {
+    iBroker.Subscribe(Filter(id), *this);
+  }
+}
+
+UpdateController::~UpdateController() {
+  for (const TFeatureEventId id : kFeatureEvents) {
+    iBroker.Unsubscribe(Filter(id), *this);
+  }
+}
+
+Outcome UpdateController::Wait() {
+  std::unique_lock<std::mutex> lock(iMutex);
+  Tell(lock);
+  while (iState != UpdateState::Ended) {
+    // Progress may put the deadline off meanwhile; whether time has run out is decided by the present one.
+    const steady_clock::time_point deadline = iDeadline;
+    iChanged.wait_until(lock, deadline, [this] { return !iNotices.empty(); });
+    if (steady_clock::now() >= iDeadline) {
+      Happened(Occurrence::TimedOut);
+    }
+    Tell(lock);
+  }
+  return iOutcome;
+}
+
+void UpdateController::Tell() {
+  std::unique_lock<std::mutex> lock(iMutex);
+  Tell(lock);
+}
+
+void UpdateController::Tell(std::unique_lock<std::mutex>& lock) {
+  while (!iNotices.empty()) {
+    const Notice notice = std::move(iNotices.front());
+    iNotices.pop_front();
+    lock.unlock();
+    switch (notice.kind) {
+      case Notice::Kind::State:
+        iListener.OnState(notice.state);
+        break;
+      case Notice::Kind::Progress:
+        iListener.OnProgress(notice.percent);
+        break;
+      case Notice::Kind::Milestone:
+        iListener.OnMilestone(notice.text);
+        break;
+    }
+    lock.lock();
+  }
+}
+
+void UpdateController::Abort() {
+  const std::lock_guard<std::mutex> lock(iMutex);
+  Happened(Occurrence::AbortAsked);
+}
+
+bool UpdateController::InstallRequested() {
+  const std::lock_guard<std::mutex> lock(iMutex);
+  return iInstallRequested;
+}
+
+void UpdateController::AddMilestone(const std::string& text) {
+  const std::lock_guard<std::mutex> lock(iMutex);
+  iNotices.push_back({Notice::Kind::Milestone, iState, 0, text});
+  iChanged.notify_all();
+}
+
+void UpdateController::OnEvent(const TEvent& event) {
+  const std::lock_guard<std::mutex> lock(iMutex);
+  const Occurrence occurrence = Classify(event);
+  if (occurrence == Occurrence::Progressed) {
+    TFeatureProgressPayload payload = {};
+    std::memcpy(&payload, event.data, sizeof(payload));
+    iReported = payload.percent;
+  }
+  Happened(occurrence);
+}
+
+UpdateController::Occurrence UpdateController::Classify(const TEvent& event) const {
+  if (event.type != EUserEvent) {
+    return Occurrence::None;
+  }
+  switch (event.id) {
+    case EFeatureAnnounce: {
+      const std::string_view announced(static_cast<const char*>(event.data), event.length);
+      return announced == iFeatureId ? Occurrence::Announced : Occurrence::None;
+    }
+    case EPrepareResult:
+      return ClassifyResult(event, iGoal == Goal::Prepare ? Occurrence::GoalPrepared : Occurrence::Prepared,
+                            Occurrence::PrepareFailed);
+    case EInstallProgress:
+      return IsOurs(event, sizeof(TFeatureProgressPayload)) ? Occurrence::Progressed : Occurrence::None;
+    case EInstallResult:
+      return ClassifyResult(event, Occurrence::Installed, Occurrence::InstallFailed);
+    case EAbortResult:
+      return ClassifyResult(event, Occurrence::AbortDone, Occurrence::None);
+    default:
+      return Occurrence::None;
+  }
+}
+
+UpdateController::Occurrence UpdateController::ClassifyResult(const TEvent& event, Occurrence success,
+                                                              Occurrence failure) const {
+  if (!IsOurs(event, sizeof(TFeatureResultPayload))) {
+    return Occurrence::None;
+  }
+  TFeatureResultPayload payload = {};
+  std::memcpy(&payload, event.data, sizeof(payload));
+  return payload.flag != EFalse ? success : failure;
+}
+
+bool UpdateController::IsOurs(const TEvent& event, std::size_t length) const {
+  char expected[KFeatureIdFieldSize] = {};
+  std::copy_n(iFeatureId.begin(), std::min(iFeatureId.size(), KFeatureIdFieldSize - 1), expected);
+  return event.length == length && event.data != nullptr &&
+         std::memcmp(event.data, expected, KFeatureIdFieldSize) == 0;
+}
+
+void UpdateController::Happened(Occurrence occurrence) {
+  for (const Transition& transition : kTransitions) {
+    if (transition.from == iState && transition.occurrence == occurrence) {
+      (this->*transition.action)();
+      Enter(transition.to);
+      return;
+    }
+  }
+}
+
+void UpdateController::Enter(UpdateState state) {
+  if (state != iState) {
+    iState = state;
+    iNotices.push_back({Notice::Kind::State, state, 0, {}});
+  }
+  iDeadline = steady_clock::now() + Limit();
+  iChanged.notify_all();
+}
+
+void UpdateController::RequestPrepare() {
+  Send(EPrepareRequest);
+}
+
+void UpdateController::RequestInstall() {
+  iInstallRequested = true;
+  Send(EInstallRequest);
+}
+
+void UpdateController::RequestAbort() {
+  Send(EAbortRequest);
+}
+
+void UpdateController::TakeProgress() {
+  const int percent = std::min(iReported, kMaxPercent);
+  if (percent > iPercent) {
+    iPercent = percent;
+    iNotices.push_back({Notice::Kind::Progress, iState, percent, {}});
+  }
+}
+
+template <Outcome kOutcome>
+void UpdateController::Conclude() {
+  iOutcome = kOutcome;
+}
+
+std::chrono::milliseconds UpdateController::Limit() const {
+  switch (iState) {
+    case UpdateState::Installing:
+      return iLimits.install;
+    case UpdateState::Aborting:
+      return iLimits.abort;
+    case UpdateState::AwaitingAnnouncement:
+    case UpdateState::Preparing:
+    case UpdateState::Ended:
+      break;
+  }
+  return iLimits.prepare;
+}
+
+void UpdateController::Send(TFeatureEventId request) {
+  iBroker.Post({EUserEvent, request, static_cast<TUint32>(iFeatureId.size()), iFeatureId.data()});
+}
+
+}  // namespace host

@@ -1,0 +1,139 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <string>
+
+#include "FeatureEvents.h"
+#include "IEventBroker.h"
+
+namespace host {
+
+/// How far the controller wants to go.
+enum class Goal { Prepare, Update };
+
+/// What the controller is waiting for.
+enum class UpdateState { AwaitingAnnouncement, Preparing, Installing, Aborting, Ended };
+
+/// How it ended.
+enum class Outcome { Succeeded, PrepareFailed, InstallFailed, Aborted, NoResult };
+
+/// How long each state waits without a sign of life from the module: announcement and result while preparing,
+/// progress or result while installing, result while aborting.
+struct TimeLimits {
+  std::chrono::milliseconds prepare = std::chrono::seconds(30);
+  std::chrono::milliseconds install = std::chrono::seconds(90);
+  std::chrono::milliseconds abort = std::chrono::seconds(10);
+};
+
+/// Who follows an update. Called only from within UpdateController::Wait and Tell, on their caller's thread,
+/// so that a slow terminal holds up nobody else.
+class UpdateListener {
+ public:
+  virtual ~UpdateListener() = default;
+  virtual void OnState(UpdateState state) = 0;
+  /// 0 to 100, each value once and never less than before.
+  virtual void OnProgress(int percent) = 0;
+  virtual void OnMilestone(const std::string& text) = 0;
+};
+
+/// The software-update controller for one feature: waits for its announcement, has it prepare and install,
+/// and understands its results. What another feature says, or what has a wrong length, is ignored.
+class UpdateController final : public IEventObserver {
+ public:
+  /// Subscribes; create it before the module, whose announcement it must not miss. Broker and listener must
+  /// outlive it.
+  UpdateController(IEventBroker& broker, TFeatureId featureId, Goal goal, const TimeLimits& limits,
+                   UpdateListener& listener);
+  UpdateController(const UpdateController&) = delete;
+  UpdateController& operator=(const UpdateController&) = delete;
+  ~UpdateController() override;
+
+  /// Waits for the end and returns how it ended; meanwhile tells the listener. One thread, not the broker's.
+  Outcome Wait();
+
+  /// Tells the listener what has come in since Wait returned. Any thread, but not during Wait.
+  void Tell();
+
+  /// Asks the module to abort; the end comes through Wait. Without effect when asked before or at the end.
+  /// Any thread.
+  void Abort();
+
+  /// Tells whether the module was asked to install, so that the device may have been written to. Any thread.
+  bool InstallRequested();
+
+  /// Queues a line of text for the listener. Any thread.
+  void AddMilestone(const std::string& text);
+
+  void OnEvent(const TEvent& event) override;
+
+ private:
+  enum class Occurrence {
+    None,
+    Announced,
+    Prepared,  // and the goal is more than that
+    GoalPrepared,
+    PrepareFailed,
+    Progressed,
+    Installed,
+    InstallFailed,
+    AbortAsked,
+    AbortDone,
+    TimedOut
+  };
+
+  using Action = void (UpdateController::*)();
+
+  struct Transition {
+    UpdateState from;
+    Occurrence occurrence;
+    UpdateState to;
+    Action action;
+  };
+
+  struct Notice {
+    enum class Kind { State, Progress, Milestone } kind;
+    UpdateState state;
+    int percent;
+    std::string text;
+  };
+
+  static const Transition kTransitions[];
+
+  Occurrence Classify(const TEvent& event) const;
+  Occurrence ClassifyResult(const TEvent& event, Occurrence success, Occurrence failure) const;
+  bool IsOurs(const TEvent& event, std::size_t length) const;
+
+  void Happened(Occurrence occurrence);
+  void Enter(UpdateState state);
+  void RequestPrepare();
+  void RequestInstall();
+  void RequestAbort();
+  void TakeProgress();
+  template <Outcome kOutcome>
+  void Conclude();
+
+  void Tell(std::unique_lock<std::mutex>& lock);
+  std::chrono::milliseconds Limit() const;
+  void Send(TFeatureEventId request);
+
+  IEventBroker& iBroker;
+  const TFeatureId iFeatureId;
+  const Goal iGoal;
+  const TimeLimits iLimits;
+  UpdateListener& iListener;
+
+  std::mutex iMutex;
+  std::condition_variable iChanged;
+  UpdateState iState = UpdateState::AwaitingAnnouncement;
+  Outcome iOutcome = Outcome::NoResult;
+  std::chrono::steady_clock::time_point iDeadline;
+  bool iInstallRequested = false;
+  int iReported = 0;  ///< percent in the progress event at hand
+  int iPercent = -1;  ///< highest percent told so far
+  std::deque<Notice> iNotices;
+};
+
+}  // namespace host

@@ -1,0 +1,30 @@
+# Small shared libraries that stand for the module: one that plays what its feature id asks for, and some that
+# are no peripheral loader.
+function(fake_module name)
+  add_library(${name} MODULE unit/host/modules/${name}.cpp)
+  target_link_libraries(${name} PRIVATE platform)
+  set_target_properties(${name} PROPERTIES PREFIX "" LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/fakes)
+endfunction()
+fake_module(FakeModule)
+fake_module(WrongTypeModule)
+fake_module(NoTypeModule)
+fake_module(NoCreateModule)
+
+peripheral_test(host_tests LABEL unit TIMEOUT 120
+  SOURCES
+    unit/host/CommandLineTest.cpp
+    unit/host/ConfigurationTest.cpp
+    unit/host/EventBrokerTest.cpp
+    unit/host/FeatureModuleTest.cpp
+    unit/host/PeripheralctlTest.cpp
+    unit/host/PreflightTest.cpp
+    unit/host/ProgressDisplayTest.cpp
+    unit/host/PropertyStoreTest.cpp
+    unit/host/ReportTest.cpp
+    unit/host/RunLogTest.cpp
+    unit/host/UpdateControllerTest.cpp
+  LIBRARIES host)
+add_dependencies(host_tests peripheralctl FakeModule WrongTypeModule NoTypeModule NoCreateModule)
+target_compile_definitions(host_tests PRIVATE
+  PERIPHERALCTL="$<TARGET_FILE:peripheralctl>"
+  FAKE_MODULES="${CMAKE_BINARY_DIR}/fakes/")

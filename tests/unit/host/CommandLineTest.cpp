@@ -1,0 +1,110 @@
+// Goal: the command line means what --help says, and a wrong one is refused with exit code 2.
+// Method: command lines parsed in the test's process.
+#include "CommandLine.h"
+
+#include <gmock/gmock.h>
+
+#include <sstream>
+
+namespace {
+
+using host::Goal;
+using host::Options;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using namespace std::chrono_literals;
+
+class CommandLine : public testing::Test {
+ protected:
+  std::optional<Options> Parse(std::vector<const char*> arguments) {
+    arguments.insert(arguments.begin(), "peripheralctl");
+    iOut.str("");
+    iErr.str("");
+    iExitCode = -1;
+    return host::ParseCommandLine(static_cast<int>(arguments.size()), arguments.data(), iOut, iErr,
+                                  iExitCode);
+  }
+
+  std::ostringstream iOut;
+  std::ostringstream iErr;
+  int iExitCode = -1;
+};
+
+TEST_F(CommandLine, TheShortestOneHasTheDefaults) {
+  const auto options = Parse({"update", "--config", "c.toml"});
+  ASSERT_TRUE(options);
+  EXPECT_EQ(options->goal, Goal::Update);
+  EXPECT_EQ(options->configFile, "c.toml");
+  EXPECT_THAT(options->settings, IsEmpty());
+  EXPECT_EQ(options->logLevel, std::nullopt);
+  EXPECT_EQ(options->logFile, "");
+  EXPECT_EQ(options->limits.prepare, 30s);
+  EXPECT_EQ(options->limits.install, 90s);
+  EXPECT_EQ(options->limits.abort, 10s);
+  EXPECT_EQ(options->library, std::nullopt);
+  EXPECT_EQ(options->featureId, std::nullopt);
+}
+
+TEST_F(CommandLine, EveryOptionArrives) {
+  const auto options =
+      Parse({"prepare", "--config", "c", "--set", "a=1", "--set=b=2 3,4", "--log-level", "error",
+             "--log-file", "l", "--timeout", "5", "--module", "m.so", "--feature-id", "id"});
+  ASSERT_TRUE(options) << iErr.str();
+  EXPECT_EQ(options->goal, Goal::Prepare);
+  EXPECT_THAT(options->settings, ElementsAre("a=1", "b=2 3,4"));
+  EXPECT_EQ(options->logLevel, logging::EError);
+  EXPECT_EQ(options->logFile, "l");
+  EXPECT_EQ(options->limits.prepare, 5s);
+  EXPECT_EQ(options->limits.install, 5s);
+  EXPECT_EQ(options->limits.abort, 5s);
+  EXPECT_EQ(options->library, "m.so");
+  EXPECT_EQ(options->featureId, "id");
+}
+
+TEST_F(CommandLine, LogLevels) {
+  EXPECT_EQ(Parse({"update", "--set", "a=1", "--log-level", "interface"})->logLevel, logging::EInterface);
+  EXPECT_EQ(Parse({"update", "--set", "a=1", "--log-level", "always"})->logLevel, logging::EAlways);
+  EXPECT_EQ(Parse({"update", "--set", "a=1", "--log-level", "off", "--log-file", "l"})->logLevel,
+            std::nullopt);
+  EXPECT_EQ(Parse({"update", "--set", "a=1", "--log-file", "l"})->logLevel, logging::EInfo);
+}
+
+TEST_F(CommandLine, HelpShowsExamplesAndExitCodesAndIsASuccess) {
+  for (const std::vector<const char*>& arguments :
+       {std::vector<const char*>{"--help"}, std::vector<const char*>{"update", "--help"}}) {
+    EXPECT_FALSE(Parse(arguments));
+    EXPECT_EQ(iExitCode, 0);
+    EXPECT_THAT(iOut.str(), HasSubstr("Examples:\n  peripheralctl prepare --config"));
+    EXPECT_THAT(iOut.str(), HasSubstr("  8  no result in time\n"));
+  }
+}
+
+TEST_F(CommandLine, VersionIsOneLine) {
+  EXPECT_FALSE(Parse({"--version"}));
+  EXPECT_EQ(iExitCode, 0);
+  EXPECT_THAT(iOut.str(), testing::MatchesRegex("peripheralctl [0-9]+[.][0-9]+[.][0-9]+\n"));
+}
+
+TEST_F(CommandLine, AWrongOneIsRefusedWithAHint) {
+  const std::vector<std::pair<std::vector<const char*>, const char*>> wrong = {
+      {{}, "say what to do: update or prepare."},
+      {{"upgrade"}, "say what to do: update or prepare, not 'upgrade'."},
+      {{"update"}, "--config"},
+      {{"update", "--config"}, "--config"},
+      {{"update", "--config", "c", "--bogus"}, "--bogus"},
+      {{"update", "--config", "c", "extra"}, "extra"},
+      {{"update", "prepare", "--config", "c"}, ""},
+      {{"update", "--config", "c", "--log-level", "loud"}, "--log-level"},
+      {{"update", "--config", "c", "--timeout", "0"}, "--timeout"},
+      {{"update", "--config", "c", "--timeout", "soon"}, "--timeout"},
+  };
+  for (const auto& [arguments, named] : wrong) {
+    EXPECT_FALSE(Parse(arguments)) << named;
+    EXPECT_EQ(iExitCode, 2) << named;
+    EXPECT_THAT(iErr.str(), HasSubstr(named));
+    EXPECT_THAT(iErr.str(), HasSubstr("Run 'peripheralctl --help'"));
+  }
+}
+
+}  // namespace

@@ -1,0 +1,278 @@
+// Goal: whoever calls peripheralctl learns from exit code, output and log what happened, whatever the module
+// does. Method: the program as a process, with a module that plays the part its feature id names. Output is
+// read from a pipe or a pseudo-terminal.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <sstream>
+
+#include "TemporaryFolder.h"
+
+namespace {
+
+using testing::AllOf;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::Not;
+
+std::string ContentOf(const std::string& path) {
+  std::ostringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
+}
+
+// The program while it runs; standard error goes to a file.
+class Process {
+ public:
+  Process(std::vector<std::string> arguments, std::string errorFile, bool onTerminal = false)
+      : iErrorFile(std::move(errorFile)) {
+    std::vector<char*> argv;
+    arguments.insert(arguments.begin(), PERIPHERALCTL);
+    for (std::string& argument : arguments) {
+      argv.push_back(argument.data());
+    }
+    argv.push_back(nullptr);
+    const int out = onTerminal ? OpenTerminal() : OpenPipe();
+    const int error = open(iErrorFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    iPid = fork();
+    if (iPid == 0) {
+      setenv("TERM", "xterm", 1);
+      dup2(out, STDOUT_FILENO);
+      dup2(error, STDERR_FILENO);
+      execv(PERIPHERALCTL, argv.data());
+      _exit(99);
+    }
+    close(out);
+    close(error);
+  }
+
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+
+  ~Process() {
+    if (iPid > 0) {
+      kill(iPid, SIGKILL);
+      waitpid(iPid, nullptr, 0);
+    }
+    CloseOutput();
+  }
+
+  void CloseOutput() {
+    if (iOutput >= 0) {
+      close(iOutput);
+      iOutput = -1;
+    }
+  }
+
+  void ReadUntil(const std::string& text) {
+    while (iOut.find(text) == std::string::npos) {
+      ASSERT_TRUE(ReadSome()) << "'" << text << "' never came; read " << iOut << Err();
+    }
+  }
+
+  void Signal(int signal) const { kill(iPid, signal); }
+
+  int Wait() {
+    while (iOutput >= 0 && ReadSome()) {
+    }
+    int status = 0;
+    waitpid(iPid, &status, 0);
+    iPid = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+  }
+
+  const std::string& Out() const { return iOut; }
+  std::string Err() const { return ContentOf(iErrorFile); }
+
+ private:
+  int OpenPipe() {
+    int ends[2] = {-1, -1};
+    EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    iOutput = ends[0];
+    return ends[1];
+  }
+
+  int OpenTerminal() {
+    iOutput = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    EXPECT_EQ(unlockpt(iOutput), 0);
+    return open(ptsname(iOutput), O_RDWR | O_NOCTTY | O_CLOEXEC);
+  }
+
+  bool ReadSome() {
+    char bytes[512];
+    const ssize_t count = read(iOutput, bytes, sizeof(bytes));
+    iOut.append(bytes, count > 0 ? static_cast<std::size_t>(count) : 0);
+    return count > 0;
+  }
+
+  std::string iErrorFile;
+  std::string iOut;
+  int iOutput = -1;
+  pid_t iPid = -1;
+};
+
+class Peripheralctl : public testing::Test {
+ protected:
+  std::vector<std::string> Command(const std::string& command, const std::string& part,
+                                   const std::vector<std::string>& more = {}) {
+    iFolder.File("image", "image");
+    const std::string config = iFolder.File("config.toml", "library = \"" FAKE_MODULES
+                                                           "FakeModule.so\"\n"
+                                                           "[properties]\n"
+                                                           "updatelist = \"sanyoxmodem\"\n"
+                                                           "xmodemsource-image = \"image\"\n"
+                                                           "xmodemspeed = 115200\n"
+                                                           "xmodemportname = \"/dev/null\"\n");
+    std::vector<std::string> arguments = {command, "--config", config, "--feature-id", part};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return arguments;
+  }
+
+  std::string ErrorFile() const { return iFolder.Path("stderr"); }
+
+  TemporaryFolder iFolder;
+};
+
+TEST_F(Peripheralctl, AnUpdateThatSucceedsShowsMilestonesAndProgress) {
+  Process process(Command("update", "succeeds"), ErrorFile());
+  EXPECT_EQ(process.Wait(), 0);
+  EXPECT_EQ(process.Err(), "");
+  EXPECT_THAT(process.Out(), testing::StartsWith("Preparing: "));
+  EXPECT_THAT(process.Out(), HasSubstr("Progress: 0 %\nProgress: 10 %\nProgress: 37 %\nProgress: 100 %\n"));
+  EXPECT_THAT(process.Out(), HasSubstr("\nStarting upload in fake\n"));
+  EXPECT_THAT(process.Out(), HasSubstr("\nFinished upload in fake\n"));
+  EXPECT_THAT(process.Out(), EndsWith("The update has succeeded.\n"));
+}
+
+TEST_F(Peripheralctl, APreparationSendsNothing) {
+  Process process(Command("prepare", "succeeds"), ErrorFile());
+  EXPECT_EQ(process.Wait(), 0);
+  EXPECT_THAT(process.Out(),
+              AllOf(HasSubstr("The preparation has succeeded"), Not(HasSubstr("Starting upload"))));
+}
+
+TEST_F(Peripheralctl, ATerminalGetsABar) {
+  Process process(Command("update", "succeeds"), ErrorFile(), true);
+  EXPECT_EQ(process.Wait(), 0);
+  EXPECT_THAT(process.Out(),
+              HasSubstr("\r\x1b[K[##################################################]  100 %"));
+}
+
+TEST_F(Peripheralctl, AFailedPreparationGivesTheReasonOnce) {
+  for (const char* command : {"prepare", "update"}) {
+    Process process(Command(command, "prepare-fails"), ErrorFile());
+    EXPECT_EQ(process.Wait(), 5);
+    EXPECT_EQ(process.Err(),
+              "The preparation failed.\nReasons given, oldest first:\n"
+              "  - Cannot use serial port /dev/fake: another program holds it\n"
+              "Correct what is named above and run the command again.\nNothing was sent to the device.\n");
+  }
+}
+
+TEST_F(Peripheralctl, AFailedUpdateGivesTheReason) {
+  Process process(Command("update", "install-fails"), ErrorFile());
+  EXPECT_EQ(process.Wait(), 6);
+  EXPECT_THAT(process.Err(),
+              AllOf(HasSubstr("The update failed.\n"), HasSubstr("  - The device answered 013\n"),
+                    HasSubstr("incomplete image")));
+}
+
+TEST_F(Peripheralctl, ASilentModuleIsGivenUp) {
+  for (const char* part : {"never-announces", "never-answers"}) {
+    Process process(Command("update", part, {"--timeout", "1"}), ErrorFile());
+    EXPECT_EQ(process.Wait(), 8) << part;
+    EXPECT_THAT(process.Err(), HasSubstr("No result in time")) << part;
+  }
+}
+
+TEST_F(Peripheralctl, AModuleThatHangsIsGivenUp) {
+  Process process(Command("update", "hangs", {"--timeout", "1"}), ErrorFile());
+  EXPECT_EQ(process.Wait(), 8);
+  EXPECT_THAT(process.Err(), HasSubstr("No result in time"));
+}
+
+TEST_F(Peripheralctl, CtrlCAbortsAndSaysWhatThatMeans) {
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    Process process(Command("update", "waits-for-abort"), ErrorFile());
+    process.ReadUntil("Progress: 42 %");
+    process.Signal(signal);
+    EXPECT_EQ(process.Wait(), 7);
+    EXPECT_THAT(process.Out(), HasSubstr("Aborting."));
+    EXPECT_EQ(process.Err(), "Aborted.\nThe device may hold an incomplete image: run the update again.\n");
+  }
+}
+
+TEST_F(Peripheralctl, ASecondCtrlCExitsAtOnce) {
+  Process process(Command("update", "ignores-abort", {"--timeout", "3600"}), ErrorFile());
+  process.ReadUntil("Progress: 42 %");
+  process.Signal(SIGINT);
+  process.ReadUntil("Aborting.");
+  process.Signal(SIGINT);
+  EXPECT_EQ(process.Wait(), 7);
+  EXPECT_THAT(process.Err(), HasSubstr("Exiting at once."));
+}
+
+TEST_F(Peripheralctl, AnAbortWithoutAnAnswerIsGivenUp) {
+  Process process(Command("update", "ignores-abort", {"--timeout", "1"}), ErrorFile());
+  process.ReadUntil("Progress: 42 %");
+  process.Signal(SIGINT);
+  EXPECT_EQ(process.Wait(), 8);
+}
+
+TEST_F(Peripheralctl, AReaderThatGoesAwayDoesNotEndTheUpdate) {
+  const std::string log = iFolder.Path("log");
+  Process process(Command("update", "succeeds", {"--log-file", log}), ErrorFile());
+  process.CloseOutput();
+  EXPECT_EQ(process.Wait(), 0);
+  EXPECT_THAT(ContentOf(log), HasSubstr("SWL: Finished upload in fake"));
+}
+
+TEST_F(Peripheralctl, TheModuleIsDeletedBeforeTheLogEnds) {
+  const std::string log = iFolder.Path("log");
+  Process process(Command("update", "succeeds", {"--log-file", log}), ErrorFile());
+  EXPECT_EQ(process.Wait(), 0);
+  EXPECT_THAT(ContentOf(log), EndsWith("(Fake module is deleted)\n"));
+}
+
+TEST_F(Peripheralctl, ALogLevelWithoutAFileLogsToStandardError) {
+  Process process(Command("update", "succeeds", {"--log-level", "always"}), ErrorFile());
+  EXPECT_EQ(process.Wait(), 0);
+  EXPECT_THAT(process.Err(), AllOf(HasSubstr("Always PeripheralLoader"), Not(HasSubstr("Info"))));
+}
+
+TEST_F(Peripheralctl, BadUsageIsRefused) {
+  EXPECT_EQ(Process({"update"}, ErrorFile()).Wait(), 2);
+  Process process(Command("update", "succeeds", {"--log-file", "/nowhere/log"}), ErrorFile());
+  EXPECT_EQ(process.Wait(), 2);
+  EXPECT_THAT(process.Err(),
+              HasSubstr("cannot write the log file '/nowhere/log': No such file or directory."));
+}
+
+TEST_F(Peripheralctl, ABadConfigurationIsRefused) {
+  Process missing({"update", "--config", "/nowhere/c.toml"}, ErrorFile());
+  EXPECT_EQ(missing.Wait(), 3);
+  EXPECT_THAT(missing.Err(), HasSubstr("/nowhere/c.toml: cannot read"));
+  Process faulty(
+      Command("update", "succeeds", {"--set", "xmodemspeed=1", "--set", "xmodemportname=/dev/nope"}),
+      ErrorFile());
+  EXPECT_EQ(faulty.Wait(), 3);
+  EXPECT_THAT(faulty.Err(), AllOf(HasSubstr("peripheralctl: xmodemspeed \"1\""), HasSubstr("\"/dev/nope\"")));
+}
+
+TEST_F(Peripheralctl, AModuleThatIsNoneIsRefused) {
+  Process missing(Command("update", "succeeds", {"--module", "/nowhere/m.so"}), ErrorFile());
+  EXPECT_EQ(missing.Wait(), 4);
+  EXPECT_THAT(missing.Err(), HasSubstr("The module '/nowhere/m.so' does not exist."));
+  Process nothing(Command("update", "makes-nothing"), ErrorFile());
+  EXPECT_EQ(nothing.Wait(), 4);
+}
+
+TEST_F(Peripheralctl, HelpAndVersionAreSuccesses) {
+  EXPECT_EQ(Process({"--help"}, ErrorFile()).Wait(), 0);
+  EXPECT_EQ(Process({"--version"}, ErrorFile()).Wait(), 0);
+}
+
+}  // namespace

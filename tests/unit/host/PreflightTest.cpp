@@ -1,0 +1,192 @@
+// Goal: a person learns of every mistake before the module is asked, with file, key or port and the cure.
+// Method: a set of good properties; a table of changes to it, each with the one message it earns.
+#include "Preflight.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+#include "TemporaryFolder.h"
+
+namespace {
+
+using host::CheckProperties;
+using host::PropertyMap;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+class Preflight : public testing::Test {
+ protected:
+  Preflight() {
+    iGood = {{"updatelist", "xmodem"},
+             {"xmodemsource-image", iFolder.File("image", "i")},
+             {"xmodemsource-loader", iFolder.File("loader", "l")},
+             {"xmodemspeed", "115200"},
+             {"xmodemportname", "/dev/null"},
+             {"xmodemramaddress", "20000000"},
+             {"xmodemflashaddress", "0x0800C0DE"}};
+  }
+
+  PropertyMap With(const std::string& key, const std::string& value) const {
+    PropertyMap properties = iGood;
+    properties[key] = value;
+    return properties;
+  }
+
+  TemporaryFolder iFolder;
+  PropertyMap iGood;
+};
+
+TEST_F(Preflight, GoodPropertiesHaveNoFault) {
+  EXPECT_THAT(CheckProperties(iGood), IsEmpty());
+}
+
+TEST_F(Preflight, GoodVariantsHaveNoFault) {
+  for (const auto& [key, value] : PropertyMap{{"updatelist", "xmodem;xmodem;sanyoxmodem"},
+                                              {"xmodemspeed", "75"},
+                                              {"xmodemflashaddress", "1000h"}}) {
+    EXPECT_THAT(CheckProperties(With(key, value)), IsEmpty()) << key << " = " << value;
+  }
+}
+
+TEST_F(Preflight, ALargeImageIsFine) {
+  std::filesystem::resize_file(iGood["xmodemsource-image"], 17u << 20);
+  EXPECT_THAT(CheckProperties(iGood), IsEmpty());
+}
+
+TEST_F(Preflight, ASanyoDeviceNeedsThreeKeysOnlyAndTheOthersMayBeAnything) {
+  const PropertyMap properties = {{"updatelist", "sanyoxmodem"},
+                                  {"xmodemsource-image", iGood["xmodemsource-image"]},
+                                  {"xmodemsource-loader", "/nowhere"},
+                                  {"xmodemspeed", "115200"},
+                                  {"xmodemportname", "/dev/null"}};
+  EXPECT_THAT(CheckProperties(properties), IsEmpty());
+}
+
+struct Fault {
+  const char* key;
+  const char* value;  ///< "~" stands for the test's folder
+  const char* message;
+};
+
+constexpr Fault kFaults[] = {
+    {"updatelist", "foo",
+     "updatelist: unknown peripheral \"foo\"; known are \"xmodem\" (CAN controller) and \"sanyoxmodem\" "
+     "(Sanyo "
+     "device)."},
+    {"updatelist", "XMODEM", "unknown peripheral \"XMODEM\""},
+    {"updatelist", "",
+     "updatelist \"\": entries must be neither empty nor have blanks around them; write \"xmodem\"."},
+    {"updatelist", " xmodem", "write \"xmodem\"."},
+    {"updatelist", "xmodem ;sanyoxmodem", "write \"xmodem;sanyoxmodem\"."},
+    {"updatelist", "xmodem;;xmodem", "updatelist \"xmodem;;xmodem\": entries must be neither empty"},
+    {"updatelist", "xmodem;", "write \"xmodem\"."},
+    {"updatelist", ";xmodem", "write \"xmodem\"."},
+    {"updatelist", "xmodem, xmodem", "unknown peripheral \"xmodem, xmodem\""},
+    {"xmodemspeed", "", "xmodemspeed \"\": must be a whole number of bit/s, digits only, from 75 up"},
+    {"xmodemspeed", "74", "xmodemspeed \"74\": must be"},
+    {"xmodemspeed", "9600 ", "xmodemspeed \"9600 \": must be"},
+    {"xmodemspeed", "9600;", "xmodemspeed \"9600;\": must be"},
+    {"xmodemspeed", "+9600", "must be a whole number"},
+    {"xmodemspeed", "2147483648", "must be a whole number"},
+    {"xmodemspeed", "99999999999999999999", "must be a whole number"},
+    {"xmodemsource-image", "", "xmodemsource-image: the file name is empty"},
+    {"xmodemsource-image", "~/missing", "xmodemsource-image: cannot find the file '~/missing': No such file"},
+    {"xmodemsource-image", "~/a b;c", "xmodemsource-image: cannot find the file '~/a b;c'"},
+    {"xmodemsource-image", "~", "xmodemsource-image: '~' is a folder; name the file in it."},
+    {"xmodemsource-image", "~/empty", "xmodemsource-image: the file '~/empty' is empty"},
+    {"xmodemsource-loader", "~/fifo", "xmodemsource-loader: '~/fifo' is not a regular file"},
+    {"xmodemsource-loader", "/dev/null", "xmodemsource-loader: '/dev/null' is not a regular file"},
+    {"xmodemsource-loader", "~/missing", "xmodemsource-loader: cannot find the file '~/missing'"},
+    {"xmodemsource-loader", "a\nb", "xmodemsource-loader: the value holds a control character"},
+    {"xmodemportname", "", "xmodemportname: the port name is empty"},
+    {"xmodemportname", "/dev/tty nope",
+     "cannot find the port \"/dev/tty nope\": No such file or directory. The name "
+     "holds a blank or a semicolon"},
+    {"xmodemportname", "/dev/nope;/dev/null", "The name holds a blank or a semicolon"},
+    {"xmodemportname", "/dev/nope", "\"/dev/nope\": No such file or directory. Is the device plugged in?"},
+    {"xmodemportname", "~/image", "xmodemportname: '~/image' is no serial port"},
+    {"xmodemportname", "~", "xmodemportname: '~' is no serial port"},
+    {"xmodemramaddress", "", "xmodemramaddress \"\": must be a hexadecimal address"},
+    {"xmodemramaddress", "10 00", "xmodemramaddress \"10 00\": must be"},
+    {"xmodemflashaddress", "1000;", "xmodemflashaddress \"1000;\": must be"},
+};
+
+TEST_F(Preflight, EachFaultIsNamedWithItsCure) {
+  iFolder.File("empty", "");
+  ASSERT_EQ(mkfifo(iFolder.Path("fifo").c_str(), 0600), 0);
+  const std::string folder = std::filesystem::path(iFolder.Path("x")).parent_path();
+  const auto expand = [&](std::string text) {
+    for (std::size_t at = text.find('~'); at != std::string::npos; at = text.find('~')) {
+      text.replace(at, 1, folder);
+    }
+    return text;
+  };
+  for (const Fault& fault : kFaults) {
+    EXPECT_THAT(CheckProperties(With(fault.key, expand(fault.value))),
+                ElementsAre(AllOf(HasSubstr(expand(fault.message)), HasSubstr(fault.key))))
+        << fault.key << " = " << fault.value;
+  }
+}
+
+TEST_F(Preflight, AMissingListIsNamedWithTheKnownEntries) {
+  iGood.erase("updatelist");
+  EXPECT_THAT(
+      CheckProperties(iGood),
+      ElementsAre(StartsWith("updatelist: missing; say which peripherals to update, known are \"xmodem\"")));
+}
+
+TEST_F(Preflight, AllMissingKeysAreNamedInOneGo) {
+  EXPECT_THAT(
+      CheckProperties({{"updatelist", "xmodem"}}),
+      ElementsAre(StartsWith("missing properties: xmodemsource-image, xmodemsource-loader, xmodemspeed, "
+                             "xmodemportname, xmodemramaddress, xmodemflashaddress. Add them")));
+  EXPECT_THAT(
+      CheckProperties({{"updatelist", "sanyoxmodem"}}),
+      ElementsAre(StartsWith("missing properties: xmodemsource-image, xmodemspeed, xmodemportname. Add")));
+}
+
+TEST_F(Preflight, AllFaultsAreReportedAtOnce) {
+  PropertyMap properties = {{"updatelist", "foo"}, {"xmodemspeed", "x"}, {"xmodemportname", "/dev/nope"}};
+  EXPECT_THAT(CheckProperties(properties),
+              ElementsAre(HasSubstr("foo"), HasSubstr("xmodemspeed"), HasSubstr("/dev/nope")));
+}
+
+// The superuser may read and use everything: as root the test becomes somebody else for the check.
+class SomebodyElse {
+ public:
+  SomebodyElse() : iRoot(geteuid() == 0) { EXPECT_EQ(iRoot ? seteuid(65534) : 0, 0); }
+  ~SomebodyElse() { EXPECT_EQ(iRoot ? seteuid(0) : 0, 0); }
+
+ private:
+  const bool iRoot;
+};
+
+TEST_F(Preflight, WhatMayNotBeReadOrUsedIsNamed) {
+  using std::filesystem::perms;
+  const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
+  ASSERT_GE(terminal, 0);
+  ASSERT_EQ(unlockpt(terminal), 0);
+  iGood["xmodemportname"] = ptsname(terminal);
+  ASSERT_THAT(CheckProperties(iGood), IsEmpty());
+  std::filesystem::permissions(iGood["xmodemportname"], perms::none);
+  std::filesystem::permissions(iGood["xmodemsource-image"], perms::none);
+  std::filesystem::permissions(iFolder.Path(""), perms::all);
+  host::Faults faults;
+  {
+    const SomebodyElse somebodyElse;
+    faults = CheckProperties(iGood);
+  }
+  close(terminal);
+  EXPECT_THAT(faults, ElementsAre(HasSubstr("image': Permission denied. Check its permissions."),
+                                  HasSubstr("xmodemportname: no permission to use the port '/dev/pts/")));
+}
+
+}  // namespace

@@ -1,0 +1,67 @@
+// Goal: at the end people know how it went, why, and what to do.
+// Method: the whole text for each kind of end; the exit code of each outcome.
+#include "Report.h"
+
+#include <gmock/gmock.h>
+
+#include "ExitCode.h"
+
+namespace {
+
+using host::ExitCode;
+using host::ExitCodeOf;
+using host::Goal;
+using host::Outcome;
+using host::ReportFor;
+using testing::HasSubstr;
+
+TEST(Report, SuccessIsOneLine) {
+  EXPECT_EQ(ReportFor({Goal::Update, Outcome::Succeeded, true, {"x"}}), "The update has succeeded.\n");
+  EXPECT_EQ(ReportFor({Goal::Prepare, Outcome::Succeeded, false, {}}),
+            "The preparation has succeeded: settings, files and port are in order.\n");
+}
+
+TEST(Report, AFailureHasItsReasonsAndAdvice) {
+  EXPECT_EQ(ReportFor({Goal::Update, Outcome::PrepareFailed, false, {"port is busy", "not ok"}}),
+            "The preparation failed.\n"
+            "Reasons given, oldest first:\n"
+            "  - port is busy\n"
+            "  - not ok\n"
+            "Correct what is named above and run the command again.\n"
+            "Nothing was sent to the device.\n");
+  EXPECT_EQ(
+      ReportFor({Goal::Update, Outcome::InstallFailed, true, {}}),
+      "The update failed.\n"
+      "No reason was given; --log-level info shows what happened.\n"
+      "Check that the device has power and is in its bootloader, that the cable is plugged in, and that no "
+      "other program uses the port.\n"
+      "The device may hold an incomplete image: run the update again.\n");
+}
+
+TEST(Report, AnAbortSaysWhetherTheDeviceWasTouched) {
+  EXPECT_EQ(ReportFor({Goal::Update, Outcome::Aborted, true, {"x"}}),
+            "Aborted.\nThe device may hold an incomplete image: run the update again.\n");
+  EXPECT_EQ(ReportFor({Goal::Update, Outcome::Aborted, false, {}}),
+            "Aborted.\nNothing was sent to the device.\n");
+}
+
+TEST(Report, NoResultPointsAtTheTimeLimit) {
+  EXPECT_THAT(ReportFor({Goal::Update, Outcome::NoResult, false, {}}),
+              HasSubstr("--timeout allows for more time"));
+}
+
+TEST(ExitCode, EachOutcomeHasItsOwn) {
+  EXPECT_EQ(ExitCodeOf(Outcome::Succeeded), ExitCode::Success);
+  EXPECT_EQ(ExitCodeOf(Outcome::PrepareFailed), ExitCode::PrepareFailed);
+  EXPECT_EQ(ExitCodeOf(Outcome::InstallFailed), ExitCode::UpdateFailed);
+  EXPECT_EQ(ExitCodeOf(Outcome::Aborted), ExitCode::Aborted);
+  EXPECT_EQ(ExitCodeOf(Outcome::NoResult), ExitCode::NoResult);
+}
+
+TEST(ExitCode, AllAreDescribed) {
+  for (char code = '0'; code <= '8'; ++code) {
+    EXPECT_THAT(host::DescribeExitCodes(), HasSubstr(std::string("\n  ") + code + "  "));
+  }
+}
+
+}  // namespace

@@ -1,0 +1,98 @@
+// Goal: a run's log writes what is wanted, passes milestones on and remembers why things failed.
+// Method: lines logged through the platform, as the module logs them.
+#include "RunLog.h"
+
+#include <gmock/gmock.h>
+
+#include <sstream>
+
+namespace {
+
+using host::RunLog;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::Not;
+
+class RunLogTest : public testing::Test {
+ protected:
+  RunLog::MilestoneHandler Handler() {
+    return [this](const std::string& text) { iMilestones.push_back(text); };
+  }
+
+  static void LogOneOfEach() {
+    LOG_INTERFACE(logging::PeripheralLoader, "at interface");
+    LOG_INFO(logging::PeripheralLoader, "at info");
+    LOG_WARNING(logging::PeripheralLoader, "at warning");
+    LOG_ERROR(logging::PeripheralLoader, "at error");
+    LOG_ALWAYS(logging::PeripheralLoader, "at always");
+  }
+
+  std::ostringstream iOut;
+  std::vector<std::string> iMilestones;
+};
+
+TEST_F(RunLogTest, WritesNothingWithoutALevelButRemembersErrors) {
+  RunLog log(iOut, std::nullopt, Handler());
+  LogOneOfEach();
+  EXPECT_EQ(iOut.str(), "");
+  EXPECT_THAT(log.Reasons(), ElementsAre("at error"));
+  EXPECT_FALSE(logging::IsOn(logging::EWarning));
+}
+
+TEST_F(RunLogTest, WritesLinesOfTheLevelAndAboveWithDateAndTime) {
+  const RunLog log(iOut, logging::EWarning, Handler());
+  LogOneOfEach();
+  std::istringstream lines(iOut.str());
+  std::string line;
+  for (const char* level : {"Warning", "Error", "Always"}) {
+    std::getline(lines, line);
+    EXPECT_THAT(line, MatchesRegex("[0-9]+-[0-9]+-[0-9]+ [0-9]+:[0-9]+:[0-9]+[.][0-9]+ " +
+                                   std::string(level) + " PeripheralLoader .*at .*"));
+  }
+  EXPECT_FALSE(std::getline(lines, line));
+}
+
+TEST_F(RunLogTest, RemembersErrorsAlsoWhenOnlyAlwaysIsWanted) {
+  RunLog log(iOut, logging::EAlways, Handler());
+  LogOneOfEach();
+  EXPECT_THAT(iOut.str(), HasSubstr("at always"));
+  EXPECT_THAT(iOut.str(), Not(HasSubstr("at error")));
+  EXPECT_THAT(log.Reasons(), ElementsAre("at error"));
+}
+
+TEST_F(RunLogTest, PassesMilestonesOnWithoutTheirPrefix) {
+  const RunLog log(iOut, std::nullopt, Handler());
+  LOG_ALWAYS(logging::PeripheralLoader, "SWL: Starting");
+  LOG_ALWAYS(logging::PeripheralLoader, "no milestone");
+  LOG_ERROR(logging::PeripheralLoader, "SWL: no milestone either");
+  EXPECT_THAT(iMilestones, ElementsAre("Starting"));
+}
+
+TEST_F(RunLogTest, ReasonsAreTheLastFiveEachOnceByItsLastOccurrence) {
+  RunLog log(iOut, std::nullopt, Handler());
+  for (const char* text : {"1", "2", "3", "2", "4", "5", "6", "6"}) {
+    LOG_ERROR(logging::Platform, text);
+  }
+  EXPECT_THAT(log.Reasons(), ElementsAre("3", "2", "4", "5", "6"));
+}
+
+TEST_F(RunLogTest, WhatADeviceSentCannotSteerTheTerminal) {
+  RunLog log(iOut, std::nullopt, Handler());
+  LOG_ERROR(logging::Platform, "bad \x1b[2J\r answer");
+  EXPECT_THAT(log.Reasons(), ElementsAre("bad ?[2J? answer"));
+}
+
+TEST_F(RunLogTest, GivesTheLogBackInTheEnd) {
+  RunLog outer(iOut, std::nullopt, Handler());
+  {
+    const RunLog inner(iOut, std::nullopt, Handler());
+    LOG_ERROR(logging::Platform, "for the inner");
+  }
+  LOG_ERROR(logging::Platform, "for the outer");
+  EXPECT_THAT(outer.Reasons(), ElementsAre("for the outer"));
+  EXPECT_THAT(iMilestones, IsEmpty());
+}
+
+}  // namespace
