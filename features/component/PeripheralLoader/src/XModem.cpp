@@ -1,7 +1,6 @@
 #include "XModem.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include "Clock.h"
 #include "Logging.h"
@@ -157,8 +156,10 @@ IXModem::TXModemError CXModem::ReadPacket(TUint8* buffer, TUint32 blockSize, TRe
     result = ReceiveUntil(KXModemReplyTimeout, &packet.complement);
   }
   for (TUint32 i = 0; i < blockSize && result == EXModemOk; ++i) {
-    result = ReceiveUntil(KXModemReplyTimeout, &buffer[i]);
-    packet.computedCrc = CalculateCrcByte(buffer[i], packet.computedCrc);
+    TUint8 byte = 0;
+    result = ReceiveUntil(KXModemReplyTimeout, &byte);
+    buffer[i] = byte;
+    packet.computedCrc = CalculateCrcByte(byte, packet.computedCrc);
   }
   TUint8 high = 0;
   TUint8 low = 0;
@@ -261,7 +262,7 @@ IXModem::TXModemError CXModem::SendFile(const TChr* name, IXModemCallback& callb
   }
   if (WaitForStartUp() != EXModemOk) {
     // On purpose: neither the buffer nor the file is released, and the result is that of a file.
-    return FileNotOpened(name);
+    return FileNotOpened(name);  // NOLINT(clang-analyzer-unix.Malloc)
   }
   TXModemError result = SendFileData(file, buffer, total, callback);
   if (result == EXModemOk) {
@@ -443,7 +444,7 @@ IXModem::TXModemError CXModem::ReceiveBuffer(TUint8* buffer, TInt32 capacity, TI
   const TXModemError result = ReceiveBlocks([&](const TUint8* block, TUint32 blockSize) {
     const TInt32 room = std::max(capacity - *received, 0);
     const TInt32 count = std::min(static_cast<TInt32>(blockSize), room);
-    std::memcpy(buffer + *received, block, static_cast<std::size_t>(count));
+    std::copy_n(block, count, buffer + *received);
     *received += count;
     return EXModemOk;
   });

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <functional>
+
+/// Lets calls of the C library fail that cannot be made to fail otherwise. Linking the library of this name
+/// puts it between an executable's own objects and malloc, pthread_create and pthread_join. Unarmed it hands
+/// every call on.
+namespace injected_failures {
+
+/// The n-th malloc (from 1) that the calling thread makes from now on answers null, once.
+void FailMalloc(int n);
+
+/// The n-th pthread_create (from 1) that the calling thread makes from now on answers EAGAIN, once.
+void FailPthreadCreate(int n);
+
+/// Called on the creating thread after every thread that was made, before pthread_create returns: it can hold
+/// the creator until the new thread has come somewhere. Null takes it away.
+void AfterPthreadCreate(std::function<void()> hook);
+
+/// Threads that were made, and threads that were joined, since the last Reset. Any thread.
+int ThreadsCreated();
+int ThreadsJoined();
+
+/// Nothing is armed, no hook, both counts 0.
+void Reset();
+
+}  // namespace injected_failures
