@@ -13,9 +13,9 @@ constexpr int kMaxSlow_ms = 3'600'000;
 
 constexpr char kFooter[] =
     "Every fault that ends an update happens once; the next update shows the recovery.\n"
-    "Exit codes: 0 every update went well or the program was ended by a signal; 1 with --once: an update "
-    "failed\n"
-    "or the program ended before the last one; 2 bad usage; 3 no pseudo-terminal, link or dump could be "
+    "Exit codes: 0 ended by a signal, or every device of the list was updated; 1 with --once: an update "
+    "failed or\n"
+    "the program was ended before the last one; 2 bad usage; 3 no pseudo-terminal, link or dump could be "
     "made.";
 
 void AddProgramOptions(CLI::App& app, Settings& settings) {

@@ -59,7 +59,7 @@ struct Options {
   std::uint64_t ram_base = 0x1000;
   std::uint64_t ram_size = 0x7000;
   std::uint64_t flash_base = 0x8000;
-  std::uint64_t flash_size = 32 * 1024 * 1024;
+  std::uint64_t flash_size = std::uint64_t{32} * 1024 * 1024;
   Faults faults;
   int faulty_device =
       0;              ///< Position of the only device in the list that has the faults, from 1; 0: all have.

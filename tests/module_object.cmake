@@ -3,25 +3,16 @@ peripheral_test(module_object_test LABEL unit
   SOURCES
     unit/module/CanXModemLoaderTest.cpp
     unit/module/LoaderFactoryTest.cpp
+    unit/module/LoaderFixture.cpp
     unit/module/PeripheralLoaderTest.cpp
+    unit/module/SanyoXModemLoaderTest.cpp
+    unit/module/XModemLoadersTest.cpp
   LIBRARIES module_on_virtual_platform)
 
 # The loader and a terminal, all of it real.
 peripheral_test(preparation_on_terminal_test LABEL unit
   SOURCES unit/module/PreparationOnTerminalTest.cpp
   LIBRARIES feature swlinfra platform_common platform_system test_support)
-
-# The file helpers on the real file system.
-peripheral_test(file_handler_test LABEL unit
-  SOURCES unit/swlinfra/FileHandlerTest.cpp
-  LIBRARIES swlinfra platform_common test_support)
-
-# The file helpers on a file system that writes down what it is asked. Of the real platform only the log.
-peripheral_test(file_handler_on_fakes_test LABEL unit
-  SOURCES
-    unit/swlinfra/FileHandlerOnFakesTest.cpp
-    ${PROJECT_SOURCE_DIR}/platform/posix/Logging.cpp
-  LIBRARIES swlinfra test_support)
 
 # The library as it is shipped.
 peripheral_test(exports_test LABEL unit

@@ -6,5 +6,7 @@ target_link_options(virtual_world INTERFACE -Wl,--wrap=pthread_create -Wl,--wrap
 peripheral_test(simulation_tests LABEL simulation TIMEOUT 300
   SOURCES
     simulation/CanUpdateTest.cpp
+    simulation/MixedListTest.cpp
+    simulation/SanyoUpdateTest.cpp
     simulation/UpdateBench.cpp
   LIBRARIES module_on_virtual_platform virtual_world simulator leak_suppressions)

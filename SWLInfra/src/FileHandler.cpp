@@ -2,6 +2,13 @@
 
 #include <tdes>
 
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <string>
+
+#include "Clock.h"
+#include "CmdHandler.h"
 #include "FileExistsCache.h"
 #include "FileSystemUtils.h"
 #include "Logging.h"
@@ -38,6 +45,106 @@ void Forget(const Tdes& path) {
 
 IFileHandler::TFileHndlError Result(TInt platformResult) {
   return platformResult == 0 ? IFileHandler::EFileHndlOk : IFileHandler::EFileHndlError;
+}
+
+constexpr char KScratchFile[] = "/tmp/CalculateDiskSpace";
+
+constexpr char KMakeExt3[] =
+    "mkfs.ext3 -O ^dir_index,filetype,^resize_inode,^ext_attr,sparse_super,large_file "
+    "-b 4096 -J size=50 -m 0 -I 128 ";
+constexpr char KTuneExt3[] = "tune2fs -i 0d -c 112 -o journal_data ";
+constexpr char KMakeExt2[] =
+    "mkfs.ext2 -O ^dir_index,filetype,^resize_inode,^ext_attr,sparse_super,large_file -b 4096 ";
+constexpr char KMakeFat[] = "mkdosfs -F32 -I -a256 ";
+constexpr char KCheckExt[] = "e2fsck -p -f ";
+constexpr char KCheckFat[] = "dosfsck -a -w -v ";
+
+struct TMountOptions {
+  const char* announcement;
+  const char* options;
+};
+
+TMountOptions MountOptions(IFileHandler::TFileSystemFormat format) {
+  switch (format) {
+    case IFileHandler::EFormatExt2:
+      return {"Trying to mount as EXT2", " -t ext2 -o rw,noexec,noatime,nodiratime,nodev,nosuid,commit=3600"};
+    case IFileHandler::EFormatExt2Loopback:
+      return {"Trying to mount as EXT2 loopback", " -t ext2 -o loop,exec,noatime,nosuid,nodev"};
+    case IFileHandler::EFormatExt3:
+      return {"Trying to mount as EXT3",
+              " -t ext3 -o rw,noexec,noatime,nodiratime,nodev,nosuid,data=journal,commit=3600"};
+    default:
+      return {"Trying to mount as FAT", " -t vfat -o rw,noexec,noatime,nodev,nosuid"};
+  }
+}
+
+TInt32 Run(const std::string& command) {
+  return ICmdHandler::SystemCmd(AsTChr(command));
+}
+
+TInt32 RunOn(const char* command, const TChr* target) {
+  return Run(command + std::string(AsChar(target)));
+}
+
+std::string Request(const TChr* device, const TChr* mountPoint, IFileHandler::TFileSystemFormat format) {
+  logging::CMessage text;
+  text << "Device: " << device << ", MountPoint: " << mountPoint << ", FileSystemFormat: " << format;
+  return std::string(text.Text());
+}
+
+void UmountOrComplain(const TChr* mountPoint, const char* complaint) {
+  if (IFileHandler::Umount(mountPoint) != IFileHandler::EFileHndlOk) {
+    // Never happens as long as an unmount reports no failure.
+    LOG_ERROR(logging::SWLInfra, complaint);  // GCOVR_EXCL_LINE
+  }
+}
+
+TInt32 MakeFileSystem(const TChr* device, IFileHandler::TFileSystemFormat format) {
+  switch (format) {
+    case IFileHandler::EFormatExt3: {
+      const TInt32 status = RunOn(KMakeExt3, device);
+      return status == 0 ? RunOn(KTuneExt3, device) : status;
+    }
+    case IFileHandler::EFormatExt2:
+      return RunOn(KMakeExt2, device);
+    default:
+      return RunOn(KMakeFat, device);
+  }
+}
+
+TInt32 CheckFat(const TChr* device) {
+  const TInt32 status = RunOn(KCheckFat, device);
+  if (status != 1) {
+    return status;
+  }
+  LOG_INFO(logging::SWLInfra, "------> Recoverable errors have been detected <------");
+  LOG_INFO(logging::SWLInfra, "------> or dosfsck has discovered an internal inconsistency. <------");
+  LOG_INFO(logging::SWLInfra, "------> Checking FAT-Movinand again... <------");
+  return RunOn(KCheckFat, device);
+}
+
+TInt32 CheckFileSystem(const TChr* device, IFileHandler::TFileSystemFormat format) {
+  const bool isExt = format == IFileHandler::EFormatExt3 || format == IFileHandler::EFormatExt2;
+  return isExt ? RunOn(KCheckExt, device) : CheckFat(device);
+}
+
+// The fourth word of the scratch file as a number; text that is no number counts as 0.
+void ReadAvailableSpace(TUint32* availableSpace) {
+  std::FILE* file = IFileHandler::FOpen(KScratchFile, "r");
+  if (file == nullptr) {
+    LOG_ERROR(logging::SWLInfra, "The file containing the available space could not be opened");
+    return;
+  }
+  static_assert(IFileHandler::iKMaxDecimalDigitsUint32 == 10, "the scan's limit below");
+  char word[IFileHandler::iKMaxDecimalDigitsUint32 + 1] = {};
+  static_cast<void>(std::fscanf(file, "%*s %*s %*s %10s", word));
+  const long number = std::strtol(word, nullptr, 10);
+  *availableSpace = static_cast<TUint32>(number);
+  if (number == 0 && std::strcmp(word, "0") != 0) {
+    LOG_ERROR(logging::SWLInfra, "The value was not a number. String : "
+                                     << word << ". Length : " << static_cast<TUint8>(std::strlen(word)));
+  }
+  IFileHandler::FClose(file);
 }
 
 }  // namespace
@@ -130,8 +237,129 @@ TInt32 IFileHandler::FileSize(const TChr* path) {
     return -1;
   }
   std::fseek(file, 0, SEEK_END);
-  const auto size = static_cast<TInt32>(std::ftell(file));
+  const long end = std::ftell(file);
+  // A size cut to 32 bits would let the beginning of a huge file pass for the whole.
+  const TInt32 size = end <= std::numeric_limits<TInt32>::max() ? static_cast<TInt32>(end) : -1;
   LOG_INFO(logging::SWLInfra, "File size : " << size);
   std::fclose(file);
   return size;
+}
+
+IFileHandler::TFileHndlError IFileHandler::Sync() {
+  if (Run("sync") == 0) {
+    return EFileHndlOk;
+  }
+  LOG_ERROR(logging::SWLInfra, "Sync: The filesystems couldn't be flushed");
+  return EFileHndlSyncFailed;
+}
+
+IFileHandler::TFileHndlError IFileHandler::Umount(const TChr* path) {
+  const char* command = "umount -d ";
+  bool forced = false;
+  TUint8 attempt = 1;
+  while (attempt <= iKnumberRetriesMount) {
+    const TInt32 status = RunOn(command, path);
+    if (status == 0) {
+      return EFileHndlOk;
+    }
+    LOG_ERROR(logging::SWLInfra, "umount failed on " << path << ". Error number : " << status);
+    if (attempt == iKnumberRetriesMount && !forced) {
+      command = "umount -d -l ";
+      Sync();
+      platSleep(iKWaitBeforeRetry);
+      LOG_ERROR(logging::SWLInfra, "It was impossible to umount " << path << ", forcing its umount");
+      attempt = 1;
+      forced = true;
+      continue;
+    }
+    LOG_INFO(logging::SWLInfra, "Retrying to umount " << path << ". Try #" << attempt);
+    Sync();
+    ++attempt;
+    platSleep(iKWaitBeforeRetry);
+  }
+  return EFileHndlOk;
+}
+
+IFileHandler::TFileHndlError IFileHandler::RemoveFolder(const TChr* folder) {
+  if (RunOn("rm -rf ", folder) != 0) {
+    LOG_ERROR(logging::SWLInfra, "The folder \"" << folder << "\" could not be removed");
+    return EFileHndlError;
+  }
+  LOG_INFO(logging::SWLInfra, "The folder \"" << folder << "\" has been successfully removed");
+  return EFileHndlOk;
+}
+
+IFileHandler::TFileHndlError IFileHandler::Mount(const TChr* device, const TChr* mountPoint, TBool remount,
+                                                 TFileSystemFormat format) {
+  LOG_INTERFACE(logging::SWLInfra, Request(device, mountPoint, format));
+  const TMountOptions mount = MountOptions(format);
+  LOG_INFO(logging::SWLInfra, mount.announcement);
+  const std::string command = std::string("mount") + mount.options + (remount != EFalse ? ",remount " : " ") +
+                              AsChar(device) + " " + AsChar(mountPoint);
+  for (TUint8 attempt = 1; attempt <= iKnumberRetriesMount; ++attempt) {
+    const TInt32 status = Run(command);
+    if (status == 0) {
+      return EFileHndlOk;
+    }
+    LOG_ERROR(logging::SWLInfra, "Mounting " << mountPoint << " failed. Error number : " << status);
+    platSleep(iKWaitBeforeRetry);
+  }
+  return EFileHndlError;
+}
+
+IFileHandler::TFileHndlError IFileHandler::Mount(const TChr* device, const TChr* mountPoint,
+                                                 TFileSystemFormat format) {
+  return Mount(device, mountPoint, EFalse, format);
+}
+
+IFileHandler::TFileHndlError IFileHandler::ReMount(const TChr* device, const TChr* mountPoint,
+                                                   TFileSystemFormat format) {
+  return Mount(device, mountPoint, ETrue, format);
+}
+
+IFileHandler::TFileHndlError IFileHandler::Format(const TChr* device, const TChr* mountPoint,
+                                                  TFileSystemFormat format) {
+  LOG_INTERFACE(logging::SWLInfra, Request(device, mountPoint, format));
+  UmountOrComplain(mountPoint, "The file system could not be unmounted. Formatting anyway . . .");
+  const TInt32 status = MakeFileSystem(device, format);
+  if (status != 0) {
+    LOG_ERROR(logging::SWLInfra, "Formatting failed. errorsys = " << status);
+    return EFileHndlError;
+  }
+  const TFileHndlError mounted = Mount(device, mountPoint, format);
+  if (mounted != EFileHndlOk) {
+    LOG_ERROR(logging::SWLInfra, "Error mounting/umounting");
+  }
+  return mounted;
+}
+
+IFileHandler::TFileHndlError IFileHandler::CheckFS(const TChr* device, const TChr* mountPoint,
+                                                   TFileSystemFormat format) {
+  LOG_INTERFACE(logging::SWLInfra, Request(device, mountPoint, format));
+  UmountOrComplain(mountPoint, "The file system could not be unmounted. Checking anyway. . .");
+  const TInt32 status = CheckFileSystem(device, format);
+  if (status != 0) {
+    LOG_ERROR(logging::SWLInfra, "Checking failed. errorsys = " << status);
+    return EFileHndlError;
+  }
+  const TFileHndlError mounted = Mount(device, mountPoint, format);
+  if (mounted != EFileHndlOk) {
+    LOG_ERROR(logging::SWLInfra, "Error mounting/umounting. retVal = " << mounted);
+  }
+  return mounted;
+}
+
+IFileHandler::TFileHndlError IFileHandler::AvailableSpace(const TChr* fileSystem, TUint32* availableSpace) {
+  const TFileHndlError synced = Sync();
+  if (synced != EFileHndlOk) {
+    return synced;
+  }
+  if (Run("df|grep " + std::string(AsChar(fileSystem)) + " > " + KScratchFile) == 0) {
+    ReadAvailableSpace(availableSpace);
+  }
+  const TFileHndlError removed = RemoveFile(AsTChr(KScratchFile));
+  if (removed != EFileHndlOk) {
+    LOG_ERROR(logging::SWLInfra, "The file containing the available space could not be removed");
+  }
+  return removed;
 }

@@ -58,6 +58,40 @@ class __attribute__((visibility("default"))) IFileHandler {
   static TFileHndlError MoveFile(const TChr* from, const TChr* to);
   static TFileHndlError CopyFile(const TChr* from, const TChr* to);
 
-  /// The file's size in bytes, or -1 when it does not exist or cannot be opened.
+  /// The file's size in bytes, or -1 when it does not exist, cannot be opened or is larger than the type can
+  /// tell.
   static TInt32 FileSize(const TChr* path);
+
+  /// Writes everything that is buffered to the disks: EFileHndlOk or EFileHndlSyncFailed.
+  static TFileHndlError Sync();
+
+  /// Unmounts: up to three times plainly, then up to three times lazily, with a sync and a pause after each
+  /// failure. Always EFileHndlOk; only the log tells a failure.
+  static TFileHndlError Umount(const TChr* path);
+
+  /// Removes a folder with all that is in it: EFileHndlOk, also when there is none, or EFileHndlError.
+  static TFileHndlError RemoveFolder(const TChr* folder);
+
+  /// Mounts with the options of the format, in up to three attempts with a pause after each failure.
+  /// `remount` changes the options of what is mounted there. EFileHndlOk or EFileHndlError.
+  static TFileHndlError Mount(const TChr* device, const TChr* mountPoint, TBool remount,
+                              TFileSystemFormat format);
+  static TFileHndlError Mount(const TChr* device, const TChr* mountPoint, TFileSystemFormat format);
+  static TFileHndlError ReMount(const TChr* device, const TChr* mountPoint, TFileSystemFormat format);
+
+  /// Unmounts, makes a new file system on the device and mounts it. A loopback ext2 volume is made as FAT.
+  /// EFileHndlOk when it is mounted; EFileHndlError when a tool failed, which leaves it unmounted, or the
+  /// mount did.
+  static TFileHndlError Format(const TChr* device, const TChr* mountPoint, TFileSystemFormat format);
+
+  /// Unmounts, checks and repairs the device and mounts it. Errors that e2fsck has corrected count as a
+  /// failure; FAT gets a second pass. Results as Format's.
+  static TFileHndlError CheckFS(const TChr* device, const TChr* mountPoint, TFileSystemFormat format);
+
+  /// Reads the free space from the first line of `df` that matches `fileSystem`, a pattern without blanks,
+  /// into `availableSpace`, in kilobytes modulo 2^32. EFileHndlSyncFailed when the disks could not be
+  /// flushed, else the result of removing the scratch file, which tells nothing of the space: an unchanged
+  /// number was not read, and 0 is a full disk or no number; only the log knows. Calls must not overlap, from
+  /// whatever process.
+  static TFileHndlError AvailableSpace(const TChr* fileSystem, TUint32* availableSpace);
 };

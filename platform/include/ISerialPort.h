@@ -15,9 +15,10 @@ class ISerialPort {
   ///
   /// Returns null when the device cannot be opened, is no serial line, refuses the settings or is held by
   /// another program; the reason is logged at Error. The port belongs to the platform: nobody need delete it,
-  /// and it stays alive until the process ends. A port made anew for the same device takes the line over:
-  /// from then on the older one's reads and writes fail.
+  /// and it stays alive until the process ends. Making a port anew for the same device takes the line over,
+  /// even when it fails then: from then on the older one's reads and writes fail.
   static ISerialPort* Create(const TChr* name, TInt32 speed, TBool hardwareFlowControl, TBool lowLatency);
+  using TCreate = ISerialPort* (*)(const TChr*, TInt32, TBool, TBool);
 
   /// Writes `count` bytes, waiting a bounded time for room in the driver. `written` receives how many the
   /// driver took. Returns 0 when it took them all, -1 on a broken line or when the time ran out.

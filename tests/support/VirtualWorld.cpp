@@ -84,12 +84,18 @@ ISerialPort* VirtualWorld::MakePort(const std::string& name) {
 // ---- The broker ----
 
 void VirtualWorld::Subscribe(const TEvent& filter, IEventObserver& observer) {
+  if (iWitness != nullptr) {
+    iWitness->Subscribe(filter, observer);
+  }
   const std::int64_t period_us = filter.type == ETimerEvent ? std::int64_t{filter.length} * 1000 : 0;
   iSubscriptions.push_back(
       {filter.type, filter.id, period_us, filter.data != nullptr, iNow_us + period_us, &observer});
 }
 
 void VirtualWorld::Unsubscribe(const TEvent& filter, IEventObserver& observer) {
+  if (iWitness != nullptr) {
+    iWitness->Unsubscribe(filter, observer);
+  }
   iSubscriptions.erase(std::remove_if(iSubscriptions.begin(), iSubscriptions.end(),
                                       [&](const Subscription& subscription) {
                                         return subscription.type == filter.type &&
@@ -100,6 +106,9 @@ void VirtualWorld::Unsubscribe(const TEvent& filter, IEventObserver& observer) {
 }
 
 void VirtualWorld::Post(const TEvent& event) {
+  if (iWitness != nullptr) {
+    iWitness->Post(event);
+  }
   const auto* bytes = static_cast<const char*>(event.data);
   iQueue.push_back({event, bytes == nullptr ? std::string() : std::string(bytes, event.length)});
 }

@@ -49,6 +49,9 @@ class VirtualWorld : public IEventBroker, private virtual_clock::IWorldClock {
   void Unsubscribe(const TEvent& filter, IEventObserver& observer) override;
   void Post(const TEvent& event) override;
 
+  /// Passes every call of the broker on to `witness` before it is carried out. Null ends it.
+  void SetWitness(IEventBroker* witness) { iWitness = witness; }
+
   /// A serial device; the line must live as long as the world.
   void Plug(const std::string& portName, IWorldLine& line);
 
@@ -116,6 +119,7 @@ class VirtualWorld : public IEventBroker, private virtual_clock::IWorldClock {
 
   std::int64_t iNow_us = 0;
   std::int64_t iLimit_us = IWorldLine::kNever;
+  IEventBroker* iWitness = nullptr;
   std::vector<Subscription> iSubscriptions;
   std::deque<QueuedEvent> iQueue;
   std::map<std::string, IWorldLine*> iLines;

@@ -9,6 +9,7 @@
 #include "CanXModemLoader.h"
 #include "Files.h"
 #include "Journal.h"
+#include "SanyoXModemLoader.h"
 #include "SerialPorts.h"
 #include "VirtualClock.h"
 
@@ -57,7 +58,8 @@ class Factory : public testing::Test {
   std::vector<ILoader*> iLoaders;
 };
 
-// Of a list: "C" for each CAN loader made, and the entries complained about between brackets.
+// Of a list: "C" for each CAN loader made, "S" for each Sanyo loader, and the entries complained about
+// between brackets.
 struct List {
   std::string list;
   std::string outcome;
@@ -84,17 +86,51 @@ const List kLists[] = {
     {"xmodem;;xmodem", "C[]C"},
     {"xmodem;foo;bar", "C[foo][bar]"},
     {"foo;xmodem", "[foo]C"},
+    {"sanyoxmodem", "S"},
+    {"sanyoxmodem;sanyoxmodem", "SS"},
+    {"xmodem;sanyoxmodem", "CS"},
+    {"sanyoxmodem;xmodem", "SC"},
+    {"xmodem;foo;sanyoxmodem", "C[foo]S"},
+    {"foo;sanyoxmodem;;bar;xmodem;", "[foo]S[][bar]C"},
+    {"SanyoXModem", "[SanyoXModem]"},
+    {" sanyoxmodem", "[ sanyoxmodem]"},
+    {"sanyoxmodem ", "[sanyoxmodem ]"},
+    {"sanyoxmode", "[sanyoxmode]"},
+    {"sanyoxmodemx", "[sanyoxmodemx]"},
+    {"sanyo xmodem", "[sanyo xmodem]"},
+    {"sanyo;xmodem", "[sanyo]C"},
 };
 
-// The line before a loader's own first line.
+struct Added {
+  const char* line;
+  const char* behind;  ///< the loader's own first line
+  const char* sign;
+};
+
+const Added kAdded[] = {
+    {"Info CLoaderFactory::Create (Added Can xmodem loader: xmodem)",
+     "Interface CCanXModemLoader::CCanXModemLoader ()", "C"},
+    {"Info CLoaderFactory::Create (Added Sanyo xmodem loader: sanyoxmodem)",
+     "Interface CSanyoXModemLoader::CSanyoXModemLoader ()", "S"},
+};
+
+// The sign of the loader whose addition these two lines tell, or nothing.
+std::string SignOf(const std::string& line, const std::string& behind) {
+  for (const Added& added : kAdded) {
+    if (line == added.line && behind == added.behind) {
+      return added.sign;
+    }
+  }
+  return "";
+}
+
 std::string OutcomeOf(const Entries& journal) {
-  const std::string added = "Info CLoaderFactory::Create (Added Can xmodem loader: xmodem)";
   const std::string unknown = "Error CLoaderFactory::Create (Unknown peripheral found and ignored: ";
   std::string outcome;
   for (auto entry = journal.begin(); entry != journal.end(); ++entry) {
-    if (*entry == added && entry + 1 != journal.end() &&
-        *(entry + 1) == "Interface CCanXModemLoader::CCanXModemLoader ()") {
-      outcome += "C";
+    const std::string sign = entry + 1 == journal.end() ? "" : SignOf(*entry, *(entry + 1));
+    if (!sign.empty()) {
+      outcome += sign;
       ++entry;
     } else if (entry->compare(0, unknown.size(), unknown) == 0) {
       outcome += "[" + entry->substr(unknown.size(), entry->size() - unknown.size() - 1) + "]";
@@ -105,6 +141,29 @@ std::string OutcomeOf(const Entries& journal) {
   return outcome;
 }
 
+std::string SignsOf(const std::vector<ILoader*>& loaders) {
+  std::string signs;
+  for (ILoader* loader : loaders) {
+    signs += dynamic_cast<CCanXModemLoader*>(loader) != nullptr     ? "C"
+             : dynamic_cast<CSanyoXModemLoader*>(loader) != nullptr ? "S"
+                                                                    : "?";
+  }
+  return signs;
+}
+
+// What is outside of brackets.
+std::string WithoutComplaints(const std::string& outcome) {
+  std::string signs;
+  bool inside = false;
+  for (const char c : outcome) {
+    inside = c == '[' || (inside && c != ']');
+    if (!inside && c != ']') {
+      signs += c;
+    }
+  }
+  return signs;
+}
+
 TEST_F(Factory, MakesALoaderForEachKnownEntryAndComplainsOfTheOthersInOrder) {
   for (const List& list : kLists) {
     SCOPED_TRACE("list \"" + list.list + "\"");
@@ -113,18 +172,15 @@ TEST_F(Factory, MakesALoaderForEachKnownEntryAndComplainsOfTheOthersInOrder) {
       Create(list.list);
     }
     EXPECT_EQ(OutcomeOf(iJournal.Take()), list.outcome);
-    EXPECT_EQ(iLoaders.size(),
-              static_cast<std::size_t>(std::count(list.outcome.begin(), list.outcome.end(), 'C')));
-    for (ILoader* loader : iLoaders) {
-      EXPECT_NE(dynamic_cast<CCanXModemLoader*>(loader), nullptr);
-    }
+    EXPECT_EQ(SignsOf(iLoaders), WithoutComplaints(list.outcome));
     DeleteLoaders();
   }
 }
 
 TEST_F(Factory, LogsForTheFeaturesModule) {
   LogCapture log;
-  Create("xmodem;foo");
+  Create("xmodem;sanyoxmodem;foo");
+  EXPECT_EQ(log.Lines().size(), 5U);
   for (const LogCapture::Line& line : log.Lines()) {
     EXPECT_EQ(line.module, logging::PeripheralLoader);
   }
@@ -140,7 +196,7 @@ TEST_F(Factory, AppendsBehindWhatTheVectorHolds) {
 }
 
 TEST_F(Factory, AsksNothingAndTouchesNothingWhileItMakesLoaders) {
-  Create("xmodem;xmodem;foo");
+  Create("xmodem;sanyoxmodem;xmodem;foo");
   EXPECT_EQ(iProperties.asked, Entries());
   EXPECT_EQ(iBroker.Summary(), Entries());
   EXPECT_EQ(iJournal.Take(), Entries());
@@ -152,44 +208,69 @@ TEST(FactoryObject, HoldsNoData) {
 }
 
 TEST_F(Factory, LoadersAskTheSamePropertiesOfTheSameFeature) {
-  Create("xmodem;xmodem");
-  for (ILoader* loader : iLoaders) {
+  iProperties.Set("xmodemsource-image", "/none");
+  Create("xmodem;sanyoxmodem;xmodem");
+  const Entries asked[] = {{"xmodemsource-image", "xmodemsource-loader"},
+                           {"xmodemsource-image", "xmodemspeed"},
+                           {"xmodemsource-image", "xmodemsource-loader"}};
+  for (std::size_t i = 0; i < iLoaders.size(); ++i) {
     iProperties.asked.clear();
     iProperties.askedFeatures.clear();
-    iProperties.Set("xmodemsource-image", "/none");
-    EXPECT_EQ(loader->Prepare(), EFalse);
-    EXPECT_EQ(iProperties.asked, (Entries{"xmodemsource-image", "xmodemsource-loader"}));
+    EXPECT_EQ(iLoaders[i]->Prepare(), EFalse);
+    EXPECT_EQ(iProperties.asked, asked[i]);
     EXPECT_EQ(iProperties.askedFeatures, (Entries{"feature", "feature"}));
   }
 }
 
 TEST_F(Factory, LoadersGetThePlatformsPortsAndReportToTheCallback) {
-  std::vector<PortRequest> requests;
+  Entries requests;
   SetPortFactory([&](const PortRequest& request) {
-    requests.push_back(request);
+    requests.push_back(request.name + " " + std::to_string(request.speed) + " " +
+                       std::to_string(request.hardwareFlowControl) + " " +
+                       std::to_string(request.lowLatency));
     return nullptr;
   });
-  Create("xmodem");
-  iLoaders.front()->Install();
-  ASSERT_EQ(requests.size(), 1U);
-  EXPECT_EQ(requests.front().speed, 115200);
-  iLoaders.front()->Abort();
-  EXPECT_EQ(iJournal.Take(), (Entries{"completed 0", "aborted"}));
+  Create("xmodem;sanyoxmodem");
+  for (ILoader* loader : iLoaders) {
+    loader->Install();
+    loader->Abort();
+    EXPECT_EQ(iJournal.Take(), (Entries{"completed 0", "aborted"}));
+  }
+  EXPECT_EQ(requests, (Entries{" 115200 0 1", " 115200 0 0"}));
 }
 
-TEST_F(Factory, LoadersRunTheRealEngineAndTheCanSession) {
-  virtual_clock::Reset();
-  ScriptedPort port;
-  SetPortFactory([&](const PortRequest&) { return &port; });
-  LogCapture log;
-  Create("xmodem");
-  iLoaders.front()->Install();
-  DeleteLoaders();
-  EXPECT_EQ(iBroker.Summary().front(), "subscribe 0/0");
-  const Entries trace = log.Trace();
-  for (const char* made : {"Interface CXModem::CXModem ()", "Interface CCanXModemSwl::CCanXModemSwl ()",
-                           "Interface CCanXModemSwl::Upload ()", "Interface CXModem::ReceiveBuffer ()"}) {
-    EXPECT_EQ(std::count(trace.begin(), trace.end(), made), 1) << made;
+struct RealChain {
+  const char* list;
+  Entries made;  ///< lines that a start leaves once each
+};
+
+const RealChain kRealChains[] = {
+    {"xmodem",
+     {"Interface CXModem::CXModem ()", "Interface CCanXModemSwl::Create ()",
+      "Interface CCanXModemSwl::CCanXModemSwl ()", "Interface CCanXModemSwl::Upload ()",
+      "Interface CXModem::ReceiveBuffer ()"}},
+    {"sanyoxmodem",
+     {"Interface CXModem::CXModem ()", "Interface CSanyoXModemSwl::Create ()",
+      "Interface CSanyoXModemSwl::CSanyoXModemSwl ()", "Interface CSanyoXModemSwl::Upload ()",
+      "Interface CXModem::SendFile ()"}},
+};
+
+TEST_F(Factory, LoadersRunTheRealEngineAndTheirOwnSession) {
+  for (const RealChain& chain : kRealChains) {
+    SCOPED_TRACE(chain.list);
+    virtual_clock::Reset();
+    iBroker.Clear();
+    ScriptedPort port;
+    SetPortFactory([&](const PortRequest&) { return &port; });
+    LogCapture log;
+    Create(chain.list);
+    iLoaders.front()->Install();
+    DeleteLoaders();
+    EXPECT_EQ(iBroker.Summary().front(), "subscribe 0/0");
+    const Entries trace = log.Trace();
+    for (const std::string& made : chain.made) {
+      EXPECT_EQ(std::count(trace.begin(), trace.end(), made), 1) << made;
+    }
   }
 }
 

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <memory>
 #include <utility>
@@ -731,6 +732,19 @@ const Percentage kPercentages[] = {
     {201, 200, 0},
     {4294967295U, 145, 101},
     {0, 4294967295U, 100},
+    // A session of 150 steps, which ends one below zero.
+    {150, 150, 0},
+    {149, 150, 1},
+    {148, 150, 1},
+    {147, 150, 2},
+    {76, 150, 49},
+    {75, 150, 50},
+    {74, 150, 51},
+    {50, 150, 67},
+    {2, 150, 99},
+    {1, 150, 99},
+    {0, 150, 100},
+    {4294967295U, 150, 101},
     {2147483648U, 4294967295U, 50},
 };
 
@@ -773,6 +787,20 @@ const Overall kOveralls[] = {
     {1, 0, 2, 1, 255},
     // 4 loaders of which the last is at 202 %: 502 / 4
     {4, 3, 146, 145, 125},
+    // Where a session that ends with 101 % leaves the whole.
+    {1, 0, 4294967295U, 150, 101},
+    {2, 0, 4294967295U, 150, 50},
+    {2, 1, 4294967295U, 150, 100},
+    {3, 0, 4294967295U, 150, 33},
+    {3, 1, 4294967295U, 150, 67},
+    {3, 2, 4294967295U, 150, 100},
+    {4, 0, 4294967295U, 150, 25},
+    {4, 2, 4294967295U, 150, 75},
+    {5, 1, 4294967295U, 150, 40},
+    {7, 1, 4294967295U, 150, 28},
+    {7, 2, 4294967295U, 150, 43},
+    {7, 2, 0, 145, 42},
+    {7, 6, 4294967295U, 150, 100},
 };
 
 TEST_F(Module, TheOverallPercentageWeighsLoadersEqually) {
@@ -901,6 +929,39 @@ TEST_F(ModuleWithACanLoader, AnUnknownEntryBesideItIsSkippedAndTheLoadersOwnResu
   iProperties.Set("xmodemspeed", "74");
   Send(201);
   EXPECT_EQ(iBroker.Summary().back(), "post 3/202 flag 0");
+}
+
+TEST_F(ModuleWithACanLoader, ASanyoLoaderBesideItAsksForItsOwnPartOfTheSameProperties) {
+  iProperties.Set("updatelist", "xmodem;sanyoxmodem");
+  Send(201);
+  EXPECT_EQ(
+      LastOf(Journaled(), 7),
+      (Entries{
+          "Interface CSanyoXModemLoader::Prepare ()", "get abc xmodemsource-image", "get abc xmodemspeed",
+          "get abc xmodemportname", "Info CLoaderPreparation::Conclude (All properties are ok)",
+          "Info CPeripheralLoader::HandleControllerPrepare (Prepare result is 1)", "post 3/202 flag 1"}));
+}
+
+TEST_F(ModuleWithACanLoader, WithoutItsOwnPropertiesASanyoLoaderBesideItIsOnlyAskedWhenItComesFirst) {
+  for (const char* key : {"xmodemsource-loader", "xmodemramaddress", "xmodemflashaddress"}) {
+    iProperties.Remove(key);
+  }
+  struct {
+    const char* list;
+    int asksOfSanyo;
+    int flag;
+  } const cases[] = {{"xmodem;sanyoxmodem", 0, 0}, {"sanyoxmodem;xmodem", 1, 0}, {"sanyoxmodem", 1, 1}};
+  for (const auto& one : cases) {
+    SCOPED_TRACE(one.list);
+    iProperties.Set("updatelist", one.list);
+    iModule.reset(dynamic_cast<CPeripheralLoader*>(FeatureCreate2(kId, iInterfaces, iBroker, iProperties)));
+    Journaled();
+    Send(201);
+    const Entries journal = Journaled();
+    EXPECT_EQ(std::count(journal.begin(), journal.end(), "Interface CSanyoXModemLoader::Prepare ()"),
+              one.asksOfSanyo);
+    EXPECT_EQ(journal.back(), "post 3/202 flag " + std::to_string(one.flag));
+  }
 }
 
 TEST_F(ModuleWithACanLoader, WithoutAPortItFailsAndAnAbortIsStillReported) {

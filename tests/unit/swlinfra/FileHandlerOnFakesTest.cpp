@@ -8,12 +8,16 @@
 #include <gtest/gtest.h>
 #include <tdes>
 
+#include <fstream>
+#include <functional>
 #include <type_traits>
 
 #include "FileExistsCache.h"
 #include "FileSystemUtils.h"
 #include "Files.h"
 #include "LogCapture.h"
+#include "ScratchFile.h"
+#include "SystemCalls.h"
 
 namespace {
 
@@ -25,6 +29,7 @@ struct Platform {
   std::vector<const TChr*> pointers;  ///< the characters that each call was shown
   TBool answer = ETrue;               ///< of existence and permission
   TInt result = 0;                    ///< of what changes the file system
+  std::function<void()> beforeRemoval = nullptr;
 };
 Platform* platform = nullptr;
 
@@ -62,6 +67,9 @@ TInt FileSystemUtils::CreateDirectory(const Tdes& path) {
   return Did("create folder", path);
 }
 TInt FileSystemUtils::InternalRemoveFile(const Tdes& path) {
+  if (platform->beforeRemoval) {
+    platform->beforeRemoval();
+  }
   return Did("remove", path);
 }
 TInt FileSystemUtils::InternalMoveFile(const Tdes& from, const Tdes& to) {
@@ -180,7 +188,7 @@ Entries WithoutSelfTests(const Entries& calls) {
 TEST_F(OnFakes, EachOperationAsksInOrderAndTranslatesTheAnswer) {
   for (const Case& test : kCases) {
     SCOPED_TRACE(test.what);
-    iPlatform = {{}, {}, test.answer, test.platformResult};
+    iPlatform = {{}, {}, test.answer, test.platformResult, nullptr};
     EXPECT_EQ(test.operation(), test.result);
     EXPECT_EQ(WithoutSelfTests(iPlatform.calls), test.calls);
     EXPECT_TRUE(iLog.Lines().empty());
@@ -190,7 +198,7 @@ TEST_F(OnFakes, EachOperationAsksInOrderAndTranslatesTheAnswer) {
 TEST_F(OnFakes, EachPathIsTestedBeforeAndAfterThePlatformsCalls) {
   for (const Case& test : kCases) {
     SCOPED_TRACE(test.what);
-    iPlatform = {{}, {}, test.answer, test.platformResult};
+    iPlatform = {{}, {}, test.answer, test.platformResult, nullptr};
     test.operation();
     const bool isPair = test.operation == Move || test.operation == Copy;
     const std::string first = test.operation == Size ? "self test /no/such/file" : "self test a";
@@ -211,7 +219,7 @@ TEST_F(OnFakes, ThePlatformIsShownTheCallersOwnCharacters) {
       continue;
     }
     SCOPED_TRACE(test.what);
-    iPlatform = {{}, {}, test.answer, test.platformResult};
+    iPlatform = {{}, {}, test.answer, test.platformResult, nullptr};
     test.operation();
     for (const TChr* pointer : iPlatform.pointers) {
       EXPECT_TRUE(pointer == kA || pointer == kB);
@@ -244,6 +252,71 @@ TEST_F(OnFakes, ANullPathIsToldOnStandardOutputAndCountsAsEmpty) {
   EXPECT_EQ(WithoutSelfTests(iPlatform.calls), (Entries{"file exists ", "cached "}));
   const std::string once = "\nAssertion failed \\(aString!=NULL\\) in file include/tdes, line [1-9][0-9]*\n";
   EXPECT_THAT(output, testing::MatchesRegex(once + once));
+}
+
+// ---- The scratch file of free space, which is real; no command runs ----
+
+class ScratchFileOnFakes : public OnFakes {
+ protected:
+  ~ScratchFileOnFakes() override { system_calls::Reset(); }
+
+  const Entries kRemoval = {"file exists /tmp/CalculateDiskSpace", "forget /tmp/CalculateDiskSpace",
+                            "remove /tmp/CalculateDiskSpace"};
+  const std::string kNotRemoved = "Error (The file containing the available space could not be removed)";
+  ScratchFile iScratchFile;
+  TUint32 iSpace = 0xdeadbeef;
+};
+
+TEST_F(ScratchFileOnFakes, IsClosedAndRemovedOnceAfterItWasRead) {
+  std::ofstream(ScratchFile::kPath) << "x 1 2 345 4%\n";
+  system_calls::Answer({0, 0});
+  std::size_t open = 1;
+  iPlatform.beforeRemoval = [&open] { open = OpenDescriptorsOf(ScratchFile::kPath); };
+  EXPECT_EQ(IFileHandler::AvailableSpace(kA, &iSpace), IFileHandler::EFileHndlOk);
+  EXPECT_EQ(open, 0U);
+  EXPECT_EQ(iSpace, 345U);
+  EXPECT_EQ(WithoutSelfTests(iPlatform.calls), kRemoval);
+  EXPECT_EQ(iLog.Messages(), Entries());
+}
+
+TEST_F(ScratchFileOnFakes, IsReadAndTheRemovalsFailureToldAllTheSame) {
+  std::ofstream(ScratchFile::kPath) << "x 1 2 345 4%\n";
+  system_calls::Answer({0, 0});
+  iPlatform.result = -1;
+  EXPECT_EQ(IFileHandler::AvailableSpace(kA, &iSpace), IFileHandler::EFileHndlError);
+  EXPECT_EQ(iSpace, 345U);
+  EXPECT_EQ(WithoutSelfTests(iPlatform.calls), kRemoval);
+  EXPECT_EQ(iLog.Messages(), (Entries{kNotRemoved}));
+}
+
+TEST_F(ScratchFileOnFakes, IsRemovedWithoutReadingWhereTheCommandFailed) {
+  std::ofstream(ScratchFile::kPath) << "x 1 2 345 4%\n";
+  system_calls::Answer({0, 0x0100});
+  EXPECT_EQ(IFileHandler::AvailableSpace(kA, &iSpace), IFileHandler::EFileHndlOk);
+  EXPECT_EQ(iSpace, 0xdeadbeef);
+  EXPECT_EQ(WithoutSelfTests(iPlatform.calls), kRemoval);
+}
+
+TEST_F(ScratchFileOnFakes, IsNotFoundWhereNothingMadeIt) {
+  system_calls::Answer({0, 0x0100});
+  iPlatform.answer = EFalse;
+  EXPECT_EQ(IFileHandler::AvailableSpace(kA, &iSpace), IFileHandler::EFileHndlNotFound);
+  EXPECT_EQ(WithoutSelfTests(iPlatform.calls), (Entries{kRemoval[0]}));
+  EXPECT_EQ(iLog.Messages().back(), kNotRemoved);
+}
+
+TEST_F(ScratchFileOnFakes, IsNotAskedAboutWhereTheDisksCannotBeFlushed) {
+  system_calls::Answer({0x0100});
+  EXPECT_EQ(IFileHandler::AvailableSpace(kA, &iSpace), IFileHandler::EFileHndlSyncFailed);
+  EXPECT_EQ(iPlatform.calls, Entries());
+}
+
+TEST_F(OnFakes, ARemovedFolderIsNotThePlatformsConcern) {
+  for (const int rawStatus : {0, 0x0100}) {
+    system_calls::Answer({rawStatus});
+    EXPECT_EQ(IFileHandler::RemoveFolder(kA), rawStatus == 0 ? 0 : 1);
+  }
+  EXPECT_EQ(iPlatform.calls, Entries());
 }
 
 // ---- The numbers that callers compare ----

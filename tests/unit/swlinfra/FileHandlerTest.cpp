@@ -313,6 +313,16 @@ TEST_F(RealFiles, WhatCannotBeOpenedHasNoSizeAndNoLine) {
   EXPECT_TRUE(iLog.Lines().empty());
 }
 
+// Sparse files: no block of the disk is written.
+TEST_F(RealFiles, SizeOfAFileThatIsTooLargeForItsTypeIsRefusedAndNotCut) {
+  const std::pair<std::uintmax_t, TInt32> cases[] = {
+      {2147483647, 2147483647}, {2147483648, -1}, {4294967295, -1}, {4294967306, -1}};
+  for (const auto& [bytes, size] : cases) {
+    std::filesystem::resize_file(iFile, bytes);
+    EXPECT_EQ(IFileHandler::FileSize(AsTChr(iFile)), size) << bytes;
+  }
+}
+
 TEST_F(RealFiles, TheSizeIsToldWhileTheFileIsOpenAndItIsClosedThen) {
   class Sink : public logging::ISink {
    public:

@@ -9,8 +9,8 @@ constexpr char KLoaderName[] = "CanXModemLoader";
 
 CCanXModemLoader::CCanXModemLoader(TFeatureId& featureId, IEventBroker& broker,
                                    const IFeatureProperties& properties, ILoaderCallback& callback,
-                                   TCreateSerialPort createSerialPort, TCreateXModem createXModem,
-                                   TCreateSwl createSwl)
+                                   ISerialPort::TCreate createSerialPort, IXModem::TCreate createXModem,
+                                   CCanXModemSwl::TCreate createSwl)
     : iSpeed(KDefaultXModemSpeed),
       iCallback(callback),
       iProperties(properties),
@@ -25,10 +25,6 @@ CCanXModemLoader::CCanXModemLoader(TFeatureId& featureId, IEventBroker& broker,
 
 CCanXModemLoader::~CCanXModemLoader() {
   LOG_INTERFACE(logging::PeripheralLoader, "");
-  for (const CCanXModemSwl* replaced : iReplacedSwls) {
-    delete replaced;
-  }
-  delete iSwl;
 }
 
 TBool CCanXModemLoader::Prepare() {
@@ -65,10 +61,8 @@ bool CCanXModemLoader::StartSession() {
   if (engine == nullptr) {
     return false;
   }
-  if (iSwl != nullptr) {
-    iReplacedSwls.push_back(iSwl);
-  }
-  iSwl = iCreateSwl(engine, iEventBroker, iCallback, iSourceLoader, iSourceImage, iRamAddress, iFlashAddress);
+  iSwl = iSwls.Own(
+      iCreateSwl(engine, iEventBroker, iCallback, iSourceLoader, iSourceImage, iRamAddress, iFlashAddress));
   if (iSwl == nullptr) {
     return false;
   }

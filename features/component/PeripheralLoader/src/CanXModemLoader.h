@@ -3,7 +3,6 @@
 #include <cstddef>
 #include <cstdlib>
 #include <string>
-#include <vector>
 
 #include "CanXModemSwl.h"
 #include "IEventBroker.h"
@@ -12,20 +11,16 @@
 #include "ILoaderCallback.h"
 #include "ISerialPort.h"
 #include "IXModem.h"
+#include "OwnedSwls.h"
 
 /// Loads a CAN controller's microcontroller: a loader program and an image, through a serial port. All
 /// operations run on the thread that delivers events.
 class CCanXModemLoader : public ILoader {
  public:
-  using TCreateSerialPort = ISerialPort* (*)(const TChr*, TInt32, TBool, TBool);
-  using TCreateXModem = IXModem* (*)(ISerialPort*);
-  using TCreateSwl = CCanXModemSwl* (*)(IXModem*, IEventBroker&, ILoaderCallback&, const std::string&,
-                                        const std::string&, const std::string&, const std::string&);
-
   /// The references must outlive the loader; the id is copied.
   CCanXModemLoader(TFeatureId& featureId, IEventBroker& broker, const IFeatureProperties& properties,
-                   ILoaderCallback& callback, TCreateSerialPort createSerialPort, TCreateXModem createXModem,
-                   TCreateSwl createSwl);
+                   ILoaderCallback& callback, ISerialPort::TCreate createSerialPort,
+                   IXModem::TCreate createXModem, CCanXModemSwl::TCreate createSwl);
   ~CCanXModemLoader() override;
 
   TBool Prepare() override;
@@ -55,9 +50,9 @@ class CCanXModemLoader : public ILoader {
   const IFeatureProperties& iProperties;
   IEventBroker& iEventBroker;
   TFeatureId iFeatureId;
-  TCreateSerialPort iCreateSerialPort;
-  TCreateXModem iCreateXModem;
-  TCreateSwl iCreateSwl;
+  ISerialPort::TCreate iCreateSerialPort;
+  IXModem::TCreate iCreateXModem;
+  CCanXModemSwl::TCreate iCreateSwl;
+  COwnedSwls<CCanXModemSwl> iSwls;
   CCanXModemSwl* iSwl;
-  std::vector<CCanXModemSwl*> iReplacedSwls;
 };

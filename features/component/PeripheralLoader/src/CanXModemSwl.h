@@ -13,6 +13,8 @@ class CCanXModemSwl : public CXModemSwl {
   static CCanXModemSwl* Create(IXModem* engine, IEventBroker& eventBroker, ILoaderCallback& callback,
                                const std::string& loaderFile, const std::string& imageFile,
                                const std::string& ramAddress, const std::string& flashAddress);
+  using TCreate = CCanXModemSwl* (*)(IXModem*, IEventBroker&, ILoaderCallback&, const std::string&,
+                                     const std::string&, const std::string&, const std::string&);
 
   CCanXModemSwl(IXModem* engine, IEventBroker& eventBroker, ILoaderCallback& callback,
                 const std::string& loaderFile, const std::string& imageFile, const std::string& ramAddress,

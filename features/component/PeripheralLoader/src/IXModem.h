@@ -50,10 +50,12 @@ class IXModem {
   virtual TXModemError ReceiveBuffer(TUint8* buffer, TInt32 capacity, TInt32* received) = 0;
 
   /// From any thread: from now on every wait and every write fails at once, so that a running operation ends
-  /// soon and nothing more goes on the line. There is no way back.
+  /// soon and nothing more goes on the line; only a write that the port has already begun runs to its end.
+  /// There is no way back.
   virtual void Stop() {}
 
   /// Makes the engine over `port`, which it borrows and never releases. The caller deletes the result. Null
   /// when there is no memory.
   static IXModem* Create(ISerialPort* port);
+  using TCreate = IXModem* (*)(ISerialPort*);
 };

@@ -7,6 +7,8 @@
 #include "ISerialPort.h"
 #include "IXModem.h"
 #include "Logging.h"
+#include "SanyoXModemLoader.h"
+#include "SanyoXModemSwl.h"
 
 void CLoaderFactory::Create(const std::string& updateList, std::vector<ILoader*>& loaders,
                             TFeatureId& featureId, IEventBroker& eventBroker,
@@ -19,6 +21,11 @@ void CLoaderFactory::Create(const std::string& updateList, std::vector<ILoader*>
       LOG_INFO(logging::PeripheralLoader, "Added Can xmodem loader: " << entry);
       loaders.push_back(new CCanXModemLoader(featureId, eventBroker, properties, callback,
                                              ISerialPort::Create, IXModem::Create, CCanXModemSwl::Create));
+    } else if (entry == "sanyoxmodem") {
+      LOG_INFO(logging::PeripheralLoader, "Added Sanyo xmodem loader: " << entry);
+      loaders.push_back(new CSanyoXModemLoader(featureId, eventBroker, properties, callback,
+                                               ISerialPort::Create, IXModem::Create,
+                                               CSanyoXModemSwl::Create));
     } else {
       LOG_ERROR(logging::PeripheralLoader, "Unknown peripheral found and ignored: " << entry);
     }

@@ -11,14 +11,14 @@ namespace {
 constexpr TInt32 KAnswerSize = 1024;
 constexpr TInt32 KWatchdogTicks = 80;
 constexpr TInt32 KInitialSteps = 1;
-constexpr TUint32 KTickPeriod = 500;  // ms
+constexpr TUint32 KTickPeriod_ms = 500;
 
 constexpr char KSuccessAnswer[] = "000";
 constexpr char KSendingCommand[] = "Sending command ";
 
 TEvent TimerRecord() {
   const auto repeating = reinterpret_cast<const void*>(1);
-  return {ETimerEvent, 0, KTickPeriod, repeating};
+  return {ETimerEvent, 0, KTickPeriod_ms, repeating};
 }
 
 }  // namespace
