@@ -1,6 +1,7 @@
 #include "XModem.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "Clock.h"
 #include "Logging.h"
@@ -34,6 +35,27 @@ constexpr TInt32 KChecksumMode = 0;
 TUint32 BlockSize(TUint32 length) {
   return length <= KXModemSmallBlock ? KXModemSmallBlock : KXModemLargeBlock;
 }
+
+// What every wait for the other side has in common: some failures may pass, and two CAN in a row cancel.
+class CPatience {
+ public:
+  enum TVerdict { EWaitOn, ECancelled, EExhausted };
+
+  // Judges a wait that brought nothing, or no byte that the step asked for.
+  TVerdict Judge(bool arrived, TUint8 byte) {
+    if (arrived && byte == KCan) {
+      return std::exchange(iCanSeen, true) ? ECancelled : EWaitOn;
+    }
+    iCanSeen = false;
+    return ++iFailures > KXModemFailuresAllowed ? EExhausted : EWaitOn;
+  }
+
+  void ForgetCan() { iCanSeen = false; }
+
+ private:
+  TInt32 iFailures = 0;
+  bool iCanSeen = false;
+};
 
 IXModem::TXModemError FileNotOpened(const TChr* name) {
   LOG_ERROR(logging::PeripheralLoader, "The file " << name << " could not be opened");
@@ -291,22 +313,10 @@ IXModem::TXModemError CXModem::SendFileData(std::FILE* file, TUint8* buffer, TUi
 
 IXModem::TXModemError CXModem::WaitForStartUp() {
   LOG_INTERFACE(logging::PeripheralLoader, "");
-  TInt32 failures = 0;
-  bool canSeen = false;
+  CPatience patience;
   for (;;) {
     TUint8 byte = 0;
     const bool arrived = ReceiveUntil(KXModemStartUpTimeout, &byte) == EXModemOk;
-    if (arrived && byte == KCan) {
-      if (canSeen) {
-        LOG_WARNING(logging::PeripheralLoader,
-                    "Transmission canceled by the other side. CAN messages received");
-        return EXModemCancelled;
-      }
-      canSeen = true;
-      continue;
-    }
-    canSeen = false;
-    ++failures;
     if (arrived && byte == KCrcRequest) {
       iCrcMode = KCrcMode;
       LOG_INFO(logging::PeripheralLoader, "CRC mode is requested");
@@ -317,8 +327,14 @@ IXModem::TXModemError CXModem::WaitForStartUp() {
       LOG_INFO(logging::PeripheralLoader, "No CRC mode is requested");
       return EXModemOk;
     }
-    if (failures <= KXModemFailuresAllowed) {
+    const CPatience::TVerdict verdict = patience.Judge(arrived, byte);
+    if (verdict == CPatience::EWaitOn) {
       continue;
+    }
+    if (verdict == CPatience::ECancelled) {
+      LOG_WARNING(logging::PeripheralLoader,
+                  "Transmission canceled by the other side. CAN messages received");
+      return EXModemCancelled;
     }
     if (!arrived) {
       LOG_WARNING(logging::PeripheralLoader, "[Timeout] while waiting for startup character");
@@ -360,8 +376,7 @@ IXModem::TXModemError CXModem::SendDataPackets(const TUint8* data, TInt32 size) 
 
 IXModem::TXModemError CXModem::ProcessReply() {
   LOG_INTERFACE(logging::PeripheralLoader, "");
-  TInt32 failures = 0;
-  bool canSeen = false;
+  CPatience patience;
   for (;;) {
     TUint8 byte = 0;
     const bool arrived = ReceiveUntil(KXModemReplyTimeout, &byte) == EXModemOk;
@@ -373,18 +388,14 @@ IXModem::TXModemError CXModem::ProcessReply() {
       ++iPacketNumber;
       return EXModemOk;
     }
-    if (arrived && byte == KCan) {
-      if (canSeen) {
-        LOG_WARNING(logging::PeripheralLoader,
-                    "The transfer has been canceled by the other side of the communication");
-        return EXModemCancelled;
-      }
-      canSeen = true;
+    const CPatience::TVerdict verdict = patience.Judge(arrived, byte);
+    if (verdict == CPatience::EWaitOn) {
       continue;
     }
-    canSeen = false;
-    if (++failures <= KXModemFailuresAllowed) {
-      continue;
+    if (verdict == CPatience::ECancelled) {
+      LOG_WARNING(logging::PeripheralLoader,
+                  "The transfer has been canceled by the other side of the communication");
+      return EXModemCancelled;
     }
     if (!arrived) {
       LOG_WARNING(logging::PeripheralLoader, "[Timeout] while processing the reply");
@@ -397,9 +408,8 @@ IXModem::TXModemError CXModem::ProcessReply() {
 
 IXModem::TXModemError CXModem::FinalizeDelivery() {
   LOG_INTERFACE(logging::PeripheralLoader, "");
-  TInt32 failures = 0;
   TInt32 naks = 0;
-  bool canSeen = false;
+  CPatience patience;
   for (;;) {
     TUint8 byte = 0;
     const bool arrived = SendChr(KEot) == EXModemOk && ReceiveUntil(KXModemReplyTimeout, &byte) == EXModemOk;
@@ -411,20 +421,16 @@ IXModem::TXModemError CXModem::FinalizeDelivery() {
         LOG_ERROR(logging::PeripheralLoader, "Too many NAKs received while finalizing the delivery");
         return EXModemTooManyNaks;
       }
-      canSeen = false;
+      patience.ForgetCan();
       continue;
     }
-    if (arrived && byte == KCan) {
-      if (canSeen) {
-        LOG_WARNING(logging::PeripheralLoader, "Transfer cancelled while finalizing the delivery");
-        return EXModemCancelled;
-      }
-      canSeen = true;
+    const CPatience::TVerdict verdict = patience.Judge(arrived, byte);
+    if (verdict == CPatience::EWaitOn) {
       continue;
     }
-    canSeen = false;
-    if (++failures <= KXModemFailuresAllowed) {
-      continue;
+    if (verdict == CPatience::ECancelled) {
+      LOG_WARNING(logging::PeripheralLoader, "Transfer cancelled while finalizing the delivery");
+      return EXModemCancelled;
     }
     if (!arrived) {
       LOG_WARNING(logging::PeripheralLoader, "[Timeout] while finalizing the delivery");
@@ -510,8 +516,7 @@ IXModem::TXModemError CXModem::ReceiveBlocks(TStore store) {
 
 IXModem::TXModemError CXModem::ProcessFirstByte(TInt32 firstByte, TUint8* byte) {
   LOG_INTERFACE(logging::PeripheralLoader, "");
-  TInt32 failures = 0;
-  bool canSeen = false;
+  CPatience patience;
   *byte = 0;
   for (;;) {
     const bool asked = firstByte != 1 || SendChr(KCrcRequest) == EXModemOk;
@@ -519,17 +524,13 @@ IXModem::TXModemError CXModem::ProcessFirstByte(TInt32 firstByte, TUint8* byte) 
     if (arrived && (*byte == KSoh || *byte == KStx || (*byte == KEot && firstByte != 1))) {
       return EXModemOk;
     }
-    if (arrived && *byte == KCan) {
-      if (canSeen) {
-        LOG_WARNING(logging::PeripheralLoader, "Transfer cancelled while processing the first byte");
-        return EXModemCancelled;
-      }
-      canSeen = true;
+    const CPatience::TVerdict verdict = patience.Judge(arrived, *byte);
+    if (verdict == CPatience::EWaitOn) {
       continue;
     }
-    canSeen = false;
-    if (++failures <= KXModemFailuresAllowed) {
-      continue;
+    if (verdict == CPatience::ECancelled) {
+      LOG_WARNING(logging::PeripheralLoader, "Transfer cancelled while processing the first byte");
+      return EXModemCancelled;
     }
     if (!arrived) {
       LOG_WARNING(logging::PeripheralLoader, "[Timeout] arrived while processing the first byte");
