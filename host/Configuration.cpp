@@ -3,10 +3,9 @@
 #include <fmt/format.h>
 
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <system_error>
 
 #include "Peripherals.h"
 
@@ -18,6 +17,7 @@ namespace host {
 
 namespace {
 
+constexpr std::size_t kMaxSize_bytes = 1u << 20;
 constexpr const char* kModuleTable = "module";
 constexpr const char* kPropertiesTable = "properties";
 constexpr const char* kLibraryKey = "library";
@@ -165,6 +165,11 @@ class FileReader {
   Configuration iConfiguration;
 };
 
+std::string Unreadable(const std::string& path, int error) {
+  return fmt::format("{}: cannot read the configuration file: {}. Check the name after --config.", path,
+                     std::generic_category().message(error));
+}
+
 std::optional<std::string> ReadWholeFile(const std::string& path, Faults& faults) {
   std::error_code error;
   if (std::filesystem::is_directory(path, error)) {
@@ -174,13 +179,22 @@ std::optional<std::string> ReadWholeFile(const std::string& path, Faults& faults
   errno = 0;
   std::ifstream file(path, std::ios::binary);
   if (!file) {
-    faults.push_back(fmt::format("{}: cannot read the configuration file: {}. Check the name after --config.",
-                                 path, std::strerror(errno)));
+    faults.push_back(Unreadable(path, errno));
     return std::nullopt;
   }
-  std::ostringstream text;
-  text << file.rdbuf();
-  return text.str();
+  std::string text(kMaxSize_bytes + 1, '\0');
+  file.read(text.data(), static_cast<std::streamsize>(text.size()));
+  if (file.bad()) {
+    faults.push_back(Unreadable(path, errno));
+    return std::nullopt;
+  }
+  text.resize(static_cast<std::size_t>(file.gcount()));
+  if (text.size() > kMaxSize_bytes) {
+    faults.push_back(fmt::format("{}: more than {} KiB are no configuration. Check the name after --config.",
+                                 path, kMaxSize_bytes / 1024));
+    return std::nullopt;
+  }
+  return text;
 }
 
 }  // namespace

@@ -24,8 +24,9 @@ struct Configuration {
 };
 
 /// Reads a configuration file (TOML): `library` and `feature-id` at the top or in [module], and the module's
-/// properties in [properties]. Relative paths in it are taken relative to the file's folder. What is wrong is
-/// appended to `faults`, with line and column where they are known; the result then holds the rest.
+/// properties in [properties]; at most 1 MiB. Relative paths in it are taken relative to the file's folder.
+/// What is wrong is appended to `faults`, with line and column where they are known; the result then holds
+/// the rest.
 Configuration ReadConfiguration(const std::string& path, Faults& faults);
 
 /// As ReadConfiguration, for a text that stands for the content of the file `path`.

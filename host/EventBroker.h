@@ -6,7 +6,6 @@
 #include <deque>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <thread>
 #include <vector>
 
@@ -92,6 +91,19 @@ class EventBroker final : public IEventBroker {
   std::thread::id iThreadId;
   std::mutex iJoinMutex;  ///< guards iThread; never taken on the delivery thread
   std::thread iThread;
+};
+
+/// Starts a broker, and stops it at the end of the scope, however that is left. What the delivery thread
+/// calls must have been made before.
+class ScopedDelivery {
+ public:
+  explicit ScopedDelivery(EventBroker& broker) : iBroker(broker) { iBroker.Start(); }
+  ScopedDelivery(const ScopedDelivery&) = delete;
+  ScopedDelivery& operator=(const ScopedDelivery&) = delete;
+  ~ScopedDelivery() { iBroker.Stop(); }
+
+ private:
+  EventBroker& iBroker;
 };
 
 }  // namespace host

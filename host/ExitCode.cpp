@@ -18,7 +18,7 @@ constexpr Description kDescriptions[] = {
     {ExitCode::BadConfiguration, "bad configuration; nothing was sent"},
     {ExitCode::ModuleNotLoadable, "module not loadable"},
     {ExitCode::PrepareFailed, "preparation failed; nothing was sent"},
-    {ExitCode::UpdateFailed, "update failed"},
+    {ExitCode::UpdateFailed, "update failed, or a file changed while it was sent"},
     {ExitCode::Aborted, "aborted on request"},
     {ExitCode::NoResult, "no result in time"},
 };
@@ -32,6 +32,7 @@ ExitCode ExitCodeOf(Outcome outcome) {
     case Outcome::PrepareFailed:
       return ExitCode::PrepareFailed;
     case Outcome::InstallFailed:
+    case Outcome::SourceChanged:
       return ExitCode::UpdateFailed;
     case Outcome::Aborted:
       return ExitCode::Aborted;

@@ -52,7 +52,7 @@ FeatureModule::FeatureModule(std::string name, Library library, TFeatureCreate2F
 std::unique_ptr<FeatureModule> FeatureModule::Load(const std::string& library, std::string& fault) {
   Library handle(dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL));
   if (handle == nullptr) {
-    const char* reason = dlerror();
+    const char* reason = dlerror();  // NOLINT(concurrency-mt-unsafe): each thread has its own
     fault = OpenFault(library, reason == nullptr ? "unknown reason" : reason);
     return nullptr;
   }

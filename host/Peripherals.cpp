@@ -27,6 +27,25 @@ const std::vector<PeripheralKind>& PeripheralKinds() {
   return kinds;
 }
 
+std::vector<std::string_view> UpdateListEntries(std::string_view list) {
+  std::vector<std::string_view> entries;
+  std::size_t begin = 0;
+  for (std::size_t end = 0; end != std::string_view::npos; begin = end + 1) {
+    end = list.find(kUpdateListSeparator, begin);
+    entries.push_back(list.substr(begin, end == std::string_view::npos ? end : end - begin));
+  }
+  return entries;
+}
+
+const PeripheralKind* FindPeripheralKind(std::string_view entry) {
+  for (const PeripheralKind& kind : PeripheralKinds()) {
+    if (kind.entry == entry) {
+      return &kind;
+    }
+  }
+  return nullptr;
+}
+
 const PropertyKey* FindPropertyKey(std::string_view name) {
   for (const PropertyKey& key : PropertyKeys()) {
     if (key.name == name) {

@@ -26,11 +26,20 @@ struct PeripheralKind {
 /// The key that lists the peripherals.
 constexpr const char* kUpdateListKey = "updatelist";
 
+/// What stands between its entries.
+constexpr char kUpdateListSeparator = ';';
+
 /// Every key that the module reads.
 const std::vector<PropertyKey>& PropertyKeys();
 
 /// Every kind of peripheral that an update list may hold.
 const std::vector<PeripheralKind>& PeripheralKinds();
+
+/// The entries of an update list, as they stand between its semicolons. They point into `list`.
+std::vector<std::string_view> UpdateListEntries(std::string_view list);
+
+/// The kind of that entry, or null when there is none.
+const PeripheralKind* FindPeripheralKind(std::string_view entry);
 
 /// The key of that name, or null when the module has none.
 const PropertyKey* FindPropertyKey(std::string_view name);

@@ -2,15 +2,19 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <grp.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
-#include <cstring>
 #include <limits>
 #include <set>
 #include <string_view>
+#include <system_error>
 
 #include "Peripherals.h"
 
@@ -20,14 +24,15 @@ namespace {
 
 constexpr long long kMinSpeed_bps = 75;
 constexpr long long kMaxSpeed_bps = std::numeric_limits<TInt32>::max();
-constexpr char kListSeparator = ';';
 constexpr const char* kBlanks = " \t";
+// What the module can count in a file.
+constexpr long long kMaxFileSize_bytes = std::numeric_limits<TInt32>::max();
 
 bool IsDigit(char c) {
   return c >= '0' && c <= '9';
 }
 
-bool IsHexadecimalOrLetter(char c) {
+bool IsLetterOrDigit(char c) {
   return IsDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
 
@@ -43,31 +48,30 @@ std::string_view Trimmed(std::string_view text) {
   return text.substr(begin, text.find_last_not_of(kBlanks) - begin + 1);
 }
 
-std::vector<std::string_view> Split(std::string_view list) {
-  std::vector<std::string_view> entries;
-  std::size_t begin = 0;
-  for (std::size_t end = 0; end != std::string_view::npos; begin = end + 1) {
-    end = list.find(kListSeparator, begin);
-    entries.push_back(list.substr(begin, end == std::string_view::npos ? end : end - begin));
-  }
-  return entries;
-}
-
-const PeripheralKind* FindKind(std::string_view entry) {
-  for (const PeripheralKind& kind : PeripheralKinds()) {
-    if (kind.entry == entry) {
-      return &kind;
-    }
-  }
-  return nullptr;
-}
-
 std::string KnownEntries() {
   std::vector<std::string> known;
   for (const PeripheralKind& kind : PeripheralKinds()) {
     known.push_back(fmt::format("\"{}\" ({})", kind.entry, kind.device));
   }
   return fmt::format("{}", fmt::join(known, " and "));
+}
+
+std::string Reason() {
+  return std::generic_category().message(errno);
+}
+
+std::string GroupName(gid_t id) {
+  struct group entry = {};
+  struct group* found = nullptr;
+  std::array<char, 4096> names = {};
+  getgrgid_r(id, &entry, names.data(), names.size(), &found);
+  return found != nullptr ? found->gr_name : std::to_string(id);
+}
+
+// The master side of a pseudo-terminal passes for a terminal too, but only its other side is a port.
+bool IsSerialPort(int descriptor) {
+  unsigned number = 0;
+  return isatty(descriptor) != 0 && ioctl(descriptor, TIOCGPTN, &number) != 0;
 }
 
 // The checks share what they find: the faults, and the keys that the listed peripherals need.
@@ -92,7 +96,7 @@ class Checker {
       Fault("{}: missing; say which peripherals to update, known are {}.", kUpdateListKey, KnownEntries());
       return;
     }
-    const std::vector<std::string_view> entries = Split(list->second);
+    const std::vector<std::string_view> entries = UpdateListEntries(list->second);
     CheckSpelling(list->second, entries);
     for (const std::string_view entry : entries) {
       CheckEntry(Trimmed(entry));
@@ -118,7 +122,7 @@ class Checker {
     if (entry.empty()) {
       return;
     }
-    const PeripheralKind* kind = FindKind(entry);
+    const PeripheralKind* kind = FindPeripheralKind(entry);
     if (kind == nullptr) {
       iListFaulty = true;
       Fault("{}: unknown peripheral \"{}\"; known are {}.", kUpdateListKey, entry, KnownEntries());
@@ -184,13 +188,16 @@ class Checker {
       Fault(
           "{}: cannot find the file '{}': {}. Check the path; in a configuration file it is relative to that "
           "file's folder.",
-          key, path, std::strerror(errno));
+          key, path, Reason());
     } else if (S_ISDIR(status.st_mode)) {
       Fault("{}: '{}' is a folder; name the file in it.", key, path);
     } else if (!S_ISREG(status.st_mode)) {
       Fault("{}: '{}' is not a regular file; copy the content to a file and name that.", key, path);
     } else if (status.st_size == 0) {
       Fault("{}: the file '{}' is empty; there is nothing to send. Fetch it again.", key, path);
+    } else if (status.st_size > kMaxFileSize_bytes) {
+      Fault("{}: the file '{}' is too large: {} bytes; at most {} can be sent. Is it the right file?", key,
+            path, status.st_size, kMaxFileSize_bytes);
     } else {
       CheckReadable(key, path);
     }
@@ -199,7 +206,7 @@ class Checker {
   void CheckReadable(const char* key, const std::string& path) {
     const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
     if (descriptor < 0) {
-      Fault("{}: cannot read the file '{}': {}. Check its permissions.", key, path, std::strerror(errno));
+      Fault("{}: cannot read the file '{}': {}. Check its permissions.", key, path, Reason());
       return;
     }
     close(descriptor);
@@ -222,28 +229,64 @@ class Checker {
       Fault("{}: the port name is empty; name the serial device, such as /dev/ttyUSB0.", key);
     } else if (stat(port.c_str(), &status) != 0) {
       Fault(
-          "{}: cannot find the port \"{}\": {}.{} Is the device plugged in? 'ls /dev/tty*' lists the ports.",
-          key, port, std::strerror(errno), HintOnPortName(port));
+          "{}: cannot find the port \"{}\": {}.{} Is the adapter plugged in? 'ls /dev/tty*' lists the ports.",
+          key, port, Reason(), HintOnPortName(port));
     } else if (!S_ISCHR(status.st_mode)) {
-      Fault("{}: '{}' is no serial port; name the serial device, such as /dev/ttyUSB0.", key, port);
-    } else if (faccessat(AT_FDCWD, port.c_str(), R_OK | W_OK, AT_EACCESS) != 0) {
-      Fault(
-          "{}: no permission to use the port '{}': {}. Run as a user who may, often a member of the group "
-          "dialout.",
-          key, port, std::strerror(errno));
+      FaultOfNoSerialPort(key, port);
+    } else {
+      CheckDevice(key, port, status);
     }
   }
 
+  // As the module will open it, without waiting and without changing its settings.
+  void CheckDevice(const char* key, const std::string& port, const struct stat& status) {
+    const int descriptor = open(port.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (descriptor < 0) {
+      FaultOfOpening(key, port, status);
+      return;
+    }
+    if (!IsSerialPort(descriptor)) {
+      FaultOfNoSerialPort(key, port);
+    } else if (flock(descriptor, LOCK_EX | LOCK_NB) != 0) {
+      FaultOfPortInUse(key, port);
+    }
+    close(descriptor);
+  }
+
+  void FaultOfOpening(const char* key, const std::string& port, const struct stat& status) {
+    const int error = errno;
+    const std::string reason = Reason();
+    if (error == EBUSY) {
+      FaultOfPortInUse(key, port);
+    } else if (error == EACCES || error == EPERM) {
+      Fault(
+          "{}: no permission to use the port '{}': {}. It belongs to the group {}: have your user added to "
+          "it "
+          "and log in again.",
+          key, port, reason, GroupName(status.st_gid));
+    } else {
+      Fault("{}: cannot open the port '{}': {}. Is the adapter plugged in?", key, port, reason);
+    }
+  }
+
+  void FaultOfNoSerialPort(const char* key, const std::string& port) {
+    Fault("{}: '{}' is no serial port; name the serial device, such as /dev/ttyUSB0.", key, port);
+  }
+
+  void FaultOfPortInUse(const char* key, const std::string& port) {
+    Fault("{}: the port '{}' is in use by another program; close that and try again.", key, port);
+  }
+
   static const char* HintOnPortName(const std::string& port) {
-    const bool odd = port.find_first_of(std::string(kBlanks) + kListSeparator) != std::string::npos;
+    const bool odd = port.find_first_of(std::string(kBlanks) + kUpdateListSeparator) != std::string::npos;
     return odd ? " The name holds a blank or a semicolon: one device only, and nothing around it." : "";
   }
 
   void CheckAddress(const char* key, const std::string& address) {
-    if (address.empty() || !std::all_of(address.begin(), address.end(), IsHexadecimalOrLetter)) {
+    if (address.empty() || !std::all_of(address.begin(), address.end(), IsLetterOrDigit)) {
       Fault(
-          "{} \"{}\": must be a hexadecimal address as the device reads it: digits and letters only, no "
-          "blanks, no semicolons.",
+          "{} \"{}\": must be an address of letters and digits only, as the device reads it: no blanks, no "
+          "semicolons.",
           key, address);
     }
   }

@@ -23,6 +23,8 @@ const char* Headline(const RunResult& result) {
       return "Aborted.";
     case Outcome::NoResult:
       return "No result in time: the module gave no sign of life.";
+    case Outcome::SourceChanged:
+      return "The update failed: a file changed while it was being sent.";
   }
   return "";
 }
@@ -47,12 +49,17 @@ const char* Advice(const RunResult& result) {
       return "Correct what is named above and run the command again.\n";
     case Outcome::InstallFailed:
       return "Check that the device has power and is in its bootloader, that the cable is plugged in, and "
-             "that no "
-             "other program uses the port.\n";
+             "that no other program uses the port.\n";
     case Outcome::NoResult:
       return "Check the port and the device's power; --timeout allows for more time.\n";
+    case Outcome::SourceChanged:
+      return "Wait until the file is finished, then update with it.\n";
   }
   return "";
+}
+
+const char* DeviceState(const RunResult& result) {
+  return result.uploadStarted ? kIncomplete : kUntouched;
 }
 
 }  // namespace
@@ -66,7 +73,12 @@ std::string ReportFor(const RunResult& result) {
     text += Reasons(result.reasons);
   }
   text += Advice(result);
-  return text + (result.installRequested ? kIncomplete : kUntouched) + "\n";
+  return text + DeviceState(result) + "\n";
+}
+
+std::string HurriedReportFor(const RunResult& result) {
+  const bool done = result.outcome == Outcome::Succeeded;
+  return fmt::format("\nExiting at once. {}\n", done ? Headline(result) : DeviceState(result));
 }
 
 }  // namespace host

@@ -11,12 +11,15 @@ namespace host {
 struct RunResult {
   Goal goal;
   Outcome outcome;
-  bool installRequested;             ///< the device may have been written to
-  std::vector<std::string> reasons;  ///< errors that the module or the platform logged
+  bool uploadStarted;                ///< the device may have been written to
+  std::vector<std::string> reasons;  ///< errors that the module or the platform logged, or the changed files
 };
 
 /// What to tell a person at the end: the outcome, the reasons of a failure, and what to do next. Ends with a
 /// line break.
 std::string ReportFor(const RunResult& result);
+
+/// The same in one line, for a person who does not wait for the end.
+std::string HurriedReportFor(const RunResult& result);
 
 }  // namespace host

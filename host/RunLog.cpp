@@ -21,37 +21,34 @@ std::string Now() {
   return fmt::format("{:%Y-%m-%d %H:%M:%S}.{:03}", fmt::localtime(seconds), sinceEpoch_ms.count() % 1000);
 }
 
-// A message may quote what a device sent, which must not steer the person's terminal.
-std::string Printable(std::string_view message) {
-  std::string text(message);
-  std::replace_if(
-      text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; },
-      '?');
-  return text;
-}
-
 }  // namespace
 
 // Errors reach the sink whatever is wanted in the stream: they are the reasons.
 RunLog::RunLog(std::ostream& out, std::optional<logging::TLevel> lowest, MilestoneHandler onMilestone)
-    : iOut(out), iLowest(lowest), iOnMilestone(std::move(onMilestone)), iPrevious(logging::SetSink(this)) {
+    : iOut(out),
+      iLowest(lowest),
+      iOnMilestone(std::move(onMilestone)),
+      iPreviousLevel(logging::LowestLevel()),
+      iPrevious(logging::SetSink(this)) {
   logging::SetLowestLevel(std::min(lowest.value_or(logging::EError), logging::EError));
 }
 
 RunLog::~RunLog() {
   logging::SetSink(iPrevious);
+  logging::SetLowestLevel(iPreviousLevel);
 }
 
 void RunLog::Write(const logging::TLine& line) {
   if (iLowest && line.level >= *iLowest) {
     iOut << Now() << " " << logging::Format(line) << std::endl;
+    iLinesLost = iLinesLost || !iOut;
   }
   if (line.level == logging::EError) {
-    Remember(Printable(line.message));
+    Remember(logging::Printable(line.message));
   }
   const bool milestone = line.message.substr(0, kMilestonePrefix.size()) == kMilestonePrefix;
   if (line.level == logging::EAlways && milestone) {
-    iOnMilestone(Printable(line.message.substr(kMilestonePrefix.size())));
+    iOnMilestone(logging::Printable(line.message.substr(kMilestonePrefix.size())));
   }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <deque>
 #include <functional>
 #include <mutex>
@@ -18,9 +19,9 @@ class RunLog final : public logging::ISink {
  public:
   using MilestoneHandler = std::function<void(const std::string&)>;
 
-  /// Takes the platform's log over until destruction. Lines at `lowest` and above are written to `out`, with
-  /// date and time; none without a level. `onMilestone` gets the text of each milestone line, on whichever
-  /// thread logs it, and must not log.
+  /// Takes the platform's log, and its lowest level, over until destruction. Lines at `lowest` and above are
+  /// written to `out`, with date and time; none without a level. `onMilestone` gets the text of each
+  /// milestone line, on whichever thread logs it, and must not log.
   RunLog(std::ostream& out, std::optional<logging::TLevel> lowest, MilestoneHandler onMilestone);
   RunLog(const RunLog&) = delete;
   RunLog& operator=(const RunLog&) = delete;
@@ -31,6 +32,9 @@ class RunLog final : public logging::ISink {
   /// The most recent errors, oldest first, each text once. Any thread.
   std::vector<std::string> Reasons();
 
+  /// Tells whether a line could not be written. Any thread.
+  bool LinesLost() const { return iLinesLost; }
+
  private:
   void Remember(const std::string& reason);
 
@@ -39,6 +43,8 @@ class RunLog final : public logging::ISink {
   const MilestoneHandler iOnMilestone;
   std::mutex iMutex;
   std::deque<std::string> iReasons;
+  std::atomic<bool> iLinesLost{false};
+  const logging::TLevel iPreviousLevel;
   logging::ISink* const iPrevious;
 };
 

@@ -66,42 +66,50 @@ UpdateController::~UpdateController() {
 
 Outcome UpdateController::Wait() {
   std::unique_lock<std::mutex> lock(iMutex);
-  Tell(lock);
   while (iState != UpdateState::Ended) {
     // Progress may put the deadline off meanwhile; whether time has run out is decided by the present one.
     const steady_clock::time_point deadline = iDeadline;
-    iChanged.wait_until(lock, deadline, [this] { return !iNotices.empty(); });
+    iChanged.wait_until(lock, deadline, [this] { return iState == UpdateState::Ended; });
     if (steady_clock::now() >= iDeadline) {
       Happened(Occurrence::TimedOut);
     }
-    Tell(lock);
   }
   return iOutcome;
 }
 
-void UpdateController::Tell() {
+void UpdateController::Follow() {
   std::unique_lock<std::mutex> lock(iMutex);
-  Tell(lock);
-}
-
-void UpdateController::Tell(std::unique_lock<std::mutex>& lock) {
-  while (!iNotices.empty()) {
+  while (true) {
+    iChanged.wait(lock, [this] { return !iNotices.empty() || iFollowingFinished; });
+    if (iNotices.empty()) {
+      return;
+    }
     const Notice notice = std::move(iNotices.front());
     iNotices.pop_front();
     lock.unlock();
-    switch (notice.kind) {
-      case Notice::Kind::State:
-        iListener.OnState(notice.state);
-        break;
-      case Notice::Kind::Progress:
-        iListener.OnProgress(notice.percent);
-        break;
-      case Notice::Kind::Milestone:
-        iListener.OnMilestone(notice.text);
-        break;
-    }
+    Tell(notice);
     lock.lock();
   }
+}
+
+void UpdateController::Tell(const Notice& notice) {
+  switch (notice.kind) {
+    case Notice::Kind::State:
+      iListener.OnState(notice.state);
+      break;
+    case Notice::Kind::Progress:
+      iListener.OnProgress(notice.percent);
+      break;
+    case Notice::Kind::Milestone:
+      iListener.OnMilestone(notice.text);
+      break;
+  }
+}
+
+void UpdateController::FinishFollowing() {
+  const std::lock_guard<std::mutex> lock(iMutex);
+  iFollowingFinished = true;
+  iChanged.notify_all();
 }
 
 void UpdateController::Abort() {
@@ -109,9 +117,15 @@ void UpdateController::Abort() {
   Happened(Occurrence::AbortAsked);
 }
 
-bool UpdateController::InstallRequested() {
+std::optional<Outcome> UpdateController::Result() {
   const std::lock_guard<std::mutex> lock(iMutex);
-  return iInstallRequested;
+  return iState == UpdateState::Ended ? std::make_optional(iOutcome) : std::nullopt;
+}
+
+bool UpdateController::UploadStarted() {
+  const std::lock_guard<std::mutex> lock(iMutex);
+  const bool answered = iState == UpdateState::Ended && iOutcome != Outcome::NoResult;
+  return iUploadStarted || (iInstallRequested && !answered);
 }
 
 void UpdateController::AddMilestone(const std::string& text) {
@@ -124,6 +138,7 @@ void UpdateController::OnEvent(const TEvent& event) {
   const std::lock_guard<std::mutex> lock(iMutex);
   const Occurrence occurrence = Classify(event);
   if (occurrence == Occurrence::Progressed) {
+    iUploadStarted = true;
     TFeatureProgressPayload payload = {};
     std::memcpy(&payload, event.data, sizeof(payload));
     iReported = payload.percent;

@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "FeatureEvents.h"
@@ -17,8 +18,9 @@ enum class Goal { Prepare, Update };
 /// What the controller is waiting for.
 enum class UpdateState { AwaitingAnnouncement, Preparing, Installing, Aborting, Ended };
 
-/// How it ended.
-enum class Outcome { Succeeded, PrepareFailed, InstallFailed, Aborted, NoResult };
+/// How it ended. SourceChanged is no result of the module: it reported success, but a file that was sent
+/// changed meanwhile.
+enum class Outcome { Succeeded, PrepareFailed, InstallFailed, Aborted, NoResult, SourceChanged };
 
 /// How long each state waits without a sign of life from the module: announcement and result while preparing,
 /// progress or result while installing, result while aborting.
@@ -28,8 +30,8 @@ struct TimeLimits {
   std::chrono::milliseconds abort = std::chrono::seconds(10);
 };
 
-/// Who follows an update. Called only from within UpdateController::Wait and Tell, on their caller's thread,
-/// so that a slow terminal holds up nobody else.
+/// Who follows an update. Called only from within UpdateController::Follow, on its caller's thread, so that a
+/// terminal that is slow or stopped holds up nobody else.
 class UpdateListener {
  public:
   virtual ~UpdateListener() = default;
@@ -51,18 +53,26 @@ class UpdateController final : public IEventObserver {
   UpdateController& operator=(const UpdateController&) = delete;
   ~UpdateController() override;
 
-  /// Waits for the end and returns how it ended; meanwhile tells the listener. One thread, not the broker's.
+  /// Waits for the end and returns how it ended. One thread, neither the broker's nor that of Follow.
   Outcome Wait();
 
-  /// Tells the listener what has come in since Wait returned. Any thread, but not during Wait.
-  void Tell();
+  /// Tells the listener what happens, in order, until FinishFollowing was called and all that came in before
+  /// is told. One thread, not the broker's.
+  void Follow();
+
+  /// Has Follow return as soon as everything is told. Any thread.
+  void FinishFollowing();
 
   /// Asks the module to abort; the end comes through Wait. Without effect when asked before or at the end.
   /// Any thread.
   void Abort();
 
-  /// Tells whether the module was asked to install, so that the device may have been written to. Any thread.
-  bool InstallRequested();
+  /// How it ended, or nothing while it goes on. Any thread.
+  std::optional<Outcome> Result();
+
+  /// Tells whether the device may have been written to: the module has reported progress, which it does from
+  /// the moment that its port is open, or it has not answered the request to install. Any thread.
+  bool UploadStarted();
 
   /// Queues a line of text for the listener. Any thread.
   void AddMilestone(const std::string& text);
@@ -115,7 +125,7 @@ class UpdateController final : public IEventObserver {
   template <Outcome kOutcome>
   void Conclude();
 
-  void Tell(std::unique_lock<std::mutex>& lock);
+  void Tell(const Notice& notice);
   std::chrono::milliseconds Limit() const;
   void Send(TFeatureEventId request);
 
@@ -131,9 +141,11 @@ class UpdateController final : public IEventObserver {
   Outcome iOutcome = Outcome::NoResult;
   std::chrono::steady_clock::time_point iDeadline;
   bool iInstallRequested = false;
+  bool iUploadStarted = false;
   int iReported = 0;  ///< percent in the progress event at hand
   int iPercent = -1;  ///< highest percent told so far
   std::deque<Notice> iNotices;
+  bool iFollowingFinished = false;
 };
 
 }  // namespace host

@@ -1,10 +1,13 @@
 #pragma once
 
 #include <iosfwd>
+#include <optional>
+#include <string>
 
-#include "CommandLine.h"
-#include "Configuration.h"
 #include "ExitCode.h"
+#include "Logging.h"
+#include "PropertyStore.h"
+#include "UpdateController.h"
 
 namespace host {
 
@@ -17,10 +20,16 @@ struct UpdateRun {
   std::string featureId;
   PropertyMap properties;
   std::ostream& log;                        ///< where log lines go
+  std::string logFile;                      ///< its name, empty when it is standard error
   std::optional<logging::TLevel> logLevel;  ///< nothing: no log lines
 
-  /// Loads the module, drives it, shows progress on standard output and failures on standard error. Meanwhile
-  /// Ctrl-C aborts. When the module cannot be made to let go of the delivery thread the process ends here.
+  /// Loads the module, drives it, shows progress on standard output and failures on standard error. An update
+  /// during which a file that is sent changed has failed. When the module cannot be made to let go of the
+  /// delivery thread the process ends here.
+  ///
+  /// Ctrl-C aborts, a second one ends the process at once. Both, the time limits and the end of the module
+  /// work also while an output takes nothing (a full pipe, a stopped terminal); only the return then waits
+  /// for it. Log lines are written by whoever logs: a log that takes nothing does hold up the module.
   ExitCode Execute() const;
 };
 

@@ -3,12 +3,14 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <exception>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <system_error>
 
+#include "CommandLine.h"
+#include "Configuration.h"
 #include "FeatureModule.h"
 #include "Preflight.h"
 #include "UpdateRun.h"
@@ -63,9 +65,8 @@ ExitCode Execute(const Options& options) {
     logFile.open(options.logFile, std::ios::app);
     if (!logFile) {
       std::cerr << fmt::format(
-          "peripheralctl: cannot write the log file '{}': {}. Choose another after "
-          "--log-file.\n",
-          options.logFile, std::strerror(errno));
+          "peripheralctl: cannot write the log file '{}': {}. Choose another after --log-file.\n",
+          options.logFile, std::generic_category().message(errno));
       return ExitCode::BadUsage;
     }
   }
@@ -74,7 +75,7 @@ ExitCode Execute(const Options& options) {
       options.featureId.value_or(configuration.featureId.value_or(kDefaultFeatureId));
   return UpdateRun{options.goal,    options.limits,           Library(options, configuration),
                    featureId,       configuration.properties, log,
-                   options.logLevel}
+                   options.logFile, options.logLevel}
       .Execute();
 }
 

@@ -22,6 +22,7 @@ peripheral_test(host_tests LABEL unit TIMEOUT 120
     unit/host/PropertyStoreTest.cpp
     unit/host/ReportTest.cpp
     unit/host/RunLogTest.cpp
+    unit/host/SourceFilesTest.cpp
     unit/host/UpdateControllerTest.cpp
   LIBRARIES host)
 add_dependencies(host_tests peripheralctl FakeModule WrongTypeModule NoTypeModule NoCreateModule)

@@ -1,6 +1,6 @@
 # The shipped programs and libraries as processes.
 peripheral_test(integration_tests LABEL integration TIMEOUT 300
-  LONG "Update.OfMoreThan16MiBArrives:Update.OfASilentDeviceEndsWithTheStall"
+  LONG "Update.OfASilentDeviceEndsWithTheStall"
   SOURCES
     integration/UpdateTest.cpp
     support/Process.cpp

@@ -35,12 +35,17 @@ class ISink {
 const char* Name(TLevel level);
 const char* Name(TModule module);
 
-/// A line as text: level, module, signature, file and line, and the message between "(" and ")". Control
-/// bytes in the message become "\x0a" and the like, so that it stays one line; there is no line end.
+/// The text with its control characters, one byte or two in UTF-8, written as "\x0a" and the like: what a
+/// device sent can then neither start a line nor steer a terminal.
+std::string Printable(std::string_view text);
+
+/// A line as text: level, module, signature, file and line, and the printable message between "(" and ")".
+/// There is no line end.
 std::string Format(const TLine& line);
 
 /// Lines below `lowest` are dropped before their message is composed. Warning at first.
 void SetLowestLevel(TLevel lowest);
+TLevel LowestLevel();
 bool IsOn(TLevel level);
 
 /// Puts `sink` in the place of the present one and returns that one, which is not used any more after the

@@ -47,16 +47,22 @@ TOutput& Output() {
   return *output;
 }
 
-// A message may quote what a device sent. Whatever that is, a line of the log stays one line.
-void AppendPrintable(std::string& text, std::string_view message) {
+// How many bytes at the beginning of `text` are one control character; 0 when they are none. A byte of 80 to
+// 9f is one by itself, or behind c2 in UTF-8; behind any other byte above 7f it is a part of a letter.
+std::size_t ControlLength(std::string_view text, TUint8 before) {
+  const auto isC1 = [](TUint8 byte) { return byte >= 0x80 && byte <= 0x9f; };
+  const auto byte = static_cast<TUint8>(text[0]);
+  if (byte < 0x20 || byte == 0x7f || (isC1(byte) && before < 0x80)) {
+    return 1;
+  }
+  return byte == 0xc2 && text.size() > 1 && isC1(static_cast<TUint8>(text[1])) ? 2 : 0;
+}
+
+void AppendHexadecimal(std::string& text, std::string_view bytes) {
   constexpr char kDigits[] = "0123456789abcdef";
-  for (const char character : message) {
+  for (const char character : bytes) {
     const auto byte = static_cast<TUint8>(character);
-    if (byte >= 0x20 && byte != 0x7f) {
-      text += character;
-    } else {
-      text.append("\\x").append({kDigits[byte >> 4], kDigits[byte & 15]});
-    }
+    text.append("\\x").append({kDigits[byte >> 4], kDigits[byte & 15]});
   }
 }
 
@@ -92,21 +98,40 @@ const char* Name(TModule module) {
   return "?";
 }
 
+std::string Printable(std::string_view text) {
+  std::string printable;
+  TUint8 before = 0;
+  while (!text.empty()) {
+    const std::size_t control = ControlLength(text, before);
+    const std::size_t length = control > 0 ? control : 1;
+    if (control > 0) {
+      AppendHexadecimal(printable, text.substr(0, length));
+    } else {
+      printable += text[0];
+    }
+    before = control > 0 ? TUint8{0} : static_cast<TUint8>(text[0]);
+    text.remove_prefix(length);
+  }
+  return printable;
+}
+
 std::string Format(const TLine& line) {
   CMessage text;
   text << Name(line.level) << " " << Name(line.module) << " " << line.signature << " " << line.file << ":"
-       << line.line << " (";
-  std::string result(text.Text());
-  AppendPrintable(result, line.message);
-  return result + ")";
+       << line.line << " (" << Printable(line.message) << ")";
+  return std::string(text.Text());
 }
 
 void SetLowestLevel(TLevel lowest) {
   lowestLevel.store(lowest, std::memory_order_relaxed);
 }
 
+TLevel LowestLevel() {
+  return lowestLevel.load(std::memory_order_relaxed);
+}
+
 bool IsOn(TLevel level) {
-  return level == EAlways || level >= lowestLevel.load(std::memory_order_relaxed);
+  return level == EAlways || level >= LowestLevel();
 }
 
 ISink* SetSink(ISink* sink) {

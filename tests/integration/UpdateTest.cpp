@@ -141,15 +141,6 @@ TEST_F(Update, BringsTwoControllersUpToDateOneAfterTheOther) {
   EXPECT_TRUE(DeviceHoldsBoth(".2"));
 }
 
-TEST_F(Update, OfMoreThan16MiBArrives) {
-  MakeFiles(100, 17 * 1024 * 1024);
-  Plug({"--baud", "0", "--once"});
-  const auto process = Start();
-  EXPECT_EQ(process->WaitForEnd(280'000), kSuccess) << process->Output();
-  EXPECT_EQ(iSimulator->WaitForEnd(), 0);
-  EXPECT_TRUE(DeviceHoldsBoth());
-}
-
 TEST_F(Update, PreparationAloneSendsNothing) {
   Plug({"--baud", "0"});
   EXPECT_EQ(Run({}, "prepare"), kSuccess) << iOutput;
@@ -232,7 +223,7 @@ TEST_F(Update, OfAPortThatAnotherProgramHoldsNamesItAndLeavesItAlone) {
   Plug({"--baud", "0"});
   const int holder = open(iFolder.Path("port").c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
   ASSERT_EQ(flock(holder, LOCK_EX), 0);
-  EXPECT_EQ(Run(), kUpdateFailed);
+  EXPECT_EQ(Run(), kBadConfiguration);
   EXPECT_THAT(iOutput, AllOf(HasSubstr(iFolder.Path("port")), HasSubstr("in use by another program")));
   close(holder);
   EXPECT_EQ(Run(), kSuccess) << iOutput;

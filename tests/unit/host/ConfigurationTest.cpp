@@ -156,6 +156,31 @@ TEST(Configuration, AMissingFileIsNamed) {
                                   "directory. Check the name after --config."));
 }
 
+TEST(Configuration, AFileWithoutAnEndIsRefused) {
+  Faults faults;
+  host::ReadConfiguration("/dev/zero", faults);
+  EXPECT_THAT(faults, ElementsAre("/dev/zero: more than 1024 KiB are no configuration. Check the name after "
+                                  "--config."));
+}
+
+TEST(Configuration, OneMebibyteIsReadAndAByteMoreIsRefused) {
+  const TemporaryFolder folder;
+  const std::string comment = "#" + std::string(1024 * 1024 - 1, ' ');
+  Faults faults;
+  host::ReadConfiguration(folder.File("largest.toml", comment), faults);
+  EXPECT_THAT(faults, IsEmpty());
+  host::ReadConfiguration(folder.File("larger.toml", comment + " "), faults);
+  EXPECT_THAT(faults, ElementsAre(HasSubstr("larger.toml: more than 1024 KiB")));
+}
+
+// Opens well, but holds nothing at its beginning that could be read.
+TEST(Configuration, AFileThatCannotBeReadIsNotTakenForAnEmptyOne) {
+  Faults faults;
+  host::ReadConfiguration("/proc/self/mem", faults);
+  EXPECT_THAT(faults, ElementsAre("/proc/self/mem: cannot read the configuration file: Input/output error. "
+                                  "Check the name after --config."));
+}
+
 TEST(Configuration, AFolderIsNoConfigurationFile) {
   Faults faults;
   host::ReadConfiguration("/tmp", faults);

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <functional>
 #include <future>
+#include <stdexcept>
 #include <string>
 
 namespace {
@@ -508,6 +509,24 @@ TEST_F(EventBrokerTest, ManyThreadsMayPostSubscribeAndUnsubscribeAtOnce) {
     thread.join();
   }
   iBroker.Stop();
+}
+
+TEST_F(EventBrokerTest, AScopeDeliversUntilItIsLeftHowever) {
+  std::atomic<int> calls{0};
+  std::atomic<bool> failed{false};
+  try {
+    const host::ScopedDelivery delivery(iBroker);
+    Drain();
+    throw std::runtime_error("left");
+  } catch (const std::runtime_error&) {
+    failed = true;
+  }
+  Observer late([&](const TEvent&) { ++calls; });
+  iBroker.Subscribe(Timer(1, true), late);
+  std::this_thread::sleep_for(20ms);
+  iBroker.Stop();
+  EXPECT_TRUE(failed);
+  EXPECT_EQ(calls, 0);
 }
 
 }  // namespace

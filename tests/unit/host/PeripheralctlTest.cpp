@@ -1,14 +1,19 @@
 // Goal: whoever calls peripheralctl learns from exit code, output and log what happened, whatever the module
 // does. Method: the program as a process, with a module that plays the part its feature id names. Output is
-// read from a pipe or a pseudo-terminal.
+// read from a pipe or a pseudo-terminal, or left in a pipe that is full from the start.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
+#include <functional>
+#include <optional>
 #include <sstream>
+#include <thread>
 
+#include "PseudoTerminal.h"
 #include "TemporaryFolder.h"
 
 namespace {
@@ -24,10 +29,26 @@ std::string ContentOf(const std::string& path) {
   return text.str();
 }
 
-// The program while it runs; standard error goes to a file.
+// Waits for what must happen soon. Whether it did.
+bool Soon(const std::function<bool()>& happened) {
+  constexpr std::chrono::seconds kSoon(20);
+  const auto deadline = std::chrono::steady_clock::now() + kSoon;
+  while (!happened()) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return true;
+}
+
+// Where a program's outputs go: standard error to a file unless both go to the full pipe.
+enum class Output { Pipe, Terminal, FullPipe, FullPipeForBoth };
+
+// The program while it runs.
 class Process {
  public:
-  Process(std::vector<std::string> arguments, std::string errorFile, bool onTerminal = false)
+  Process(std::vector<std::string> arguments, std::string errorFile, Output output = Output::Pipe)
       : iErrorFile(std::move(errorFile)) {
     std::vector<char*> argv;
     arguments.insert(arguments.begin(), PERIPHERALCTL);
@@ -35,13 +56,15 @@ class Process {
       argv.push_back(argument.data());
     }
     argv.push_back(nullptr);
-    const int out = onTerminal ? OpenTerminal() : OpenPipe();
+    const int out = output == Output::Terminal ? OpenTerminal() : OpenPipe(output != Output::Pipe);
     const int error = open(iErrorFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     iPid = fork();
     if (iPid == 0) {
       setenv("TERM", "xterm", 1);
+      // Whoever runs the tests may ignore it, which the program would then do too.
+      std::signal(SIGHUP, SIG_DFL);
       dup2(out, STDOUT_FILENO);
-      dup2(error, STDERR_FILENO);
+      dup2(output == Output::FullPipeForBoth ? out : error, STDERR_FILENO);
       execv(PERIPHERALCTL, argv.data());
       _exit(99);
     }
@@ -84,15 +107,35 @@ class Process {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
   }
 
+  // For a program whose output is not read. Its exit code, or nothing when it goes on.
+  std::optional<int> WaitUnread() {
+    int status = 0;
+    if (!Soon([&] { return waitpid(iPid, &status, WNOHANG) == iPid; })) {
+      return std::nullopt;
+    }
+    iPid = -1;
+    return WEXITSTATUS(status);
+  }
+
   const std::string& Out() const { return iOut; }
   std::string Err() const { return ContentOf(iErrorFile); }
 
  private:
-  int OpenPipe() {
+  int OpenPipe(bool full) {
     int ends[2] = {-1, -1};
     EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
     iOutput = ends[0];
+    if (full) {
+      Fill(ends[1]);
+    }
     return ends[1];
+  }
+
+  static void Fill(int pipe) {
+    fcntl(pipe, F_SETFL, O_NONBLOCK);
+    while (write(pipe, "x", 1) == 1) {
+    }
+    fcntl(pipe, F_SETFL, 0);
   }
 
   int OpenTerminal() {
@@ -125,7 +168,8 @@ class Peripheralctl : public testing::Test {
                                                            "updatelist = \"sanyoxmodem\"\n"
                                                            "xmodemsource-image = \"image\"\n"
                                                            "xmodemspeed = 115200\n"
-                                                           "xmodemportname = \"/dev/null\"\n");
+                                                           "xmodemportname = \"" +
+                                                               iPort.Name() + "\"\n");
     std::vector<std::string> arguments = {command, "--config", config, "--feature-id", part};
     arguments.insert(arguments.end(), more.begin(), more.end());
     return arguments;
@@ -134,6 +178,7 @@ class Peripheralctl : public testing::Test {
   std::string ErrorFile() const { return iFolder.Path("stderr"); }
 
   TemporaryFolder iFolder;
+  PseudoTerminal iPort;
 };
 
 TEST_F(Peripheralctl, AnUpdateThatSucceedsShowsMilestonesAndProgress) {
@@ -155,7 +200,7 @@ TEST_F(Peripheralctl, APreparationSendsNothing) {
 }
 
 TEST_F(Peripheralctl, ATerminalGetsABar) {
-  Process process(Command("update", "succeeds"), ErrorFile(), true);
+  Process process(Command("update", "succeeds"), ErrorFile(), Output::Terminal);
   EXPECT_EQ(process.Wait(), 0);
   EXPECT_THAT(process.Out(),
               HasSubstr("\r\x1b[K[##################################################]  100 %"));
@@ -178,6 +223,26 @@ TEST_F(Peripheralctl, AFailedUpdateGivesTheReason) {
   EXPECT_THAT(process.Err(),
               AllOf(HasSubstr("The update failed.\n"), HasSubstr("  - The device answered 013\n"),
                     HasSubstr("incomplete image")));
+}
+
+TEST_F(Peripheralctl, AnUpdateThatCannotStartSaysThatNothingWasSent) {
+  Process process(Command("update", "cannot-start"), ErrorFile());
+  EXPECT_EQ(process.Wait(), 6);
+  EXPECT_THAT(process.Err(),
+              AllOf(HasSubstr("The update failed.\n"), EndsWith("Nothing was sent to the device.\n")));
+}
+
+TEST_F(Peripheralctl, AFileThatChangesDuringTheUpdateMakesItFail) {
+  Process process(Command("update", "file-changes"), ErrorFile());
+  EXPECT_EQ(process.Wait(), 6);
+  EXPECT_THAT(process.Out(), Not(HasSubstr("The update has succeeded.")));
+  EXPECT_THAT(process.Err(), AllOf(HasSubstr("xmodemsource-image: the file '" + iFolder.Path("image") + "'"),
+                                   HasSubstr("Wait until the file is finished, then update with it.")));
+}
+
+TEST_F(Peripheralctl, AFileThatChangesAfterAPreparationIsFine) {
+  Process process(Command("prepare", "file-changes"), ErrorFile());
+  EXPECT_EQ(process.Wait(), 0);
 }
 
 TEST_F(Peripheralctl, ASilentModuleIsGivenUp) {
@@ -212,7 +277,46 @@ TEST_F(Peripheralctl, ASecondCtrlCExitsAtOnce) {
   process.ReadUntil("Aborting.");
   process.Signal(SIGINT);
   EXPECT_EQ(process.Wait(), 7);
-  EXPECT_THAT(process.Err(), HasSubstr("Exiting at once."));
+  EXPECT_THAT(process.Err(), HasSubstr("Exiting at once. The device may hold an incomplete image"));
+}
+
+TEST_F(Peripheralctl, ASecondCtrlCWhilePreparingSaysThatNothingWasSent) {
+  Process process(Command("update", "hangs", {"--timeout", "3600"}), ErrorFile());
+  process.ReadUntil("Preparing");
+  process.Signal(SIGINT);
+  process.ReadUntil("Aborting.");
+  process.Signal(SIGINT);
+  EXPECT_EQ(process.Wait(), 7);
+  EXPECT_EQ(process.Err(), "\nExiting at once. Nothing was sent to the device.\n");
+}
+
+TEST_F(Peripheralctl, AnOutputThatTakesNothingKeepsNeitherCtrlCFromTheModuleNorASecondOneFromTheProgram) {
+  const std::string log = iFolder.Path("log");
+  Process process(Command("update", "waits-for-abort", {"--log-file", log}), ErrorFile(),
+                  Output::FullPipeForBoth);
+  ASSERT_TRUE(Soon([&] { return ContentOf(log).find("Starting upload in fake") != std::string::npos; }));
+  process.Signal(SIGTERM);
+  EXPECT_TRUE(Soon([&] { return ContentOf(log).find("Fake module is deleted") != std::string::npos; }));
+  process.Signal(SIGTERM);
+  EXPECT_EQ(process.WaitUnread(), 7);
+}
+
+TEST_F(Peripheralctl, AnOutputThatTakesNothingDoesNotKeepTimeFromRunningOut) {
+  const std::string log = iFolder.Path("log");
+  Process process(Command("update", "never-answers", {"--log-file", log, "--timeout", "1"}), ErrorFile(),
+                  Output::FullPipe);
+  EXPECT_TRUE(Soon([&] { return ContentOf(log).find("Fake module is deleted") != std::string::npos; }));
+  EXPECT_EQ(process.Wait(), 8);
+}
+
+TEST_F(Peripheralctl, TwoCtrlCAfterAGoodEndAreStillASuccess) {
+  const std::string log = iFolder.Path("log");
+  Process process(Command("update", "succeeds", {"--log-file", log}), ErrorFile(), Output::FullPipe);
+  ASSERT_TRUE(Soon([&] { return ContentOf(log).find("Fake module is deleted") != std::string::npos; }));
+  process.Signal(SIGINT);
+  process.Signal(SIGTERM);
+  EXPECT_EQ(process.WaitUnread(), 0);
+  EXPECT_EQ(process.Err(), "\nExiting at once. The update has succeeded.\n");
 }
 
 TEST_F(Peripheralctl, AnAbortWithoutAnAnswerIsGivenUp) {
@@ -241,6 +345,14 @@ TEST_F(Peripheralctl, ALogLevelWithoutAFileLogsToStandardError) {
   Process process(Command("update", "succeeds", {"--log-level", "always"}), ErrorFile());
   EXPECT_EQ(process.Wait(), 0);
   EXPECT_THAT(process.Err(), AllOf(HasSubstr("Always PeripheralLoader"), Not(HasSubstr("Info"))));
+}
+
+TEST_F(Peripheralctl, ALogFileThatCannotBeWrittenIsReportedOnce) {
+  Process process(Command("update", "succeeds", {"--log-file", "/dev/full"}), ErrorFile());
+  EXPECT_EQ(process.Wait(), 0);
+  EXPECT_EQ(
+      process.Err(),
+      "peripheralctl: the log file '/dev/full' is incomplete: it could not be written. Is the disk full?\n");
 }
 
 TEST_F(Peripheralctl, BadUsageIsRefused) {

@@ -4,12 +4,16 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <grp.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <termios.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 
+#include "PseudoTerminal.h"
 #include "TemporaryFolder.h"
 
 namespace {
@@ -29,7 +33,7 @@ class Preflight : public testing::Test {
              {"xmodemsource-image", iFolder.File("image", "i")},
              {"xmodemsource-loader", iFolder.File("loader", "l")},
              {"xmodemspeed", "115200"},
-             {"xmodemportname", "/dev/null"},
+             {"xmodemportname", iPort.Name()},
              {"xmodemramaddress", "20000000"},
              {"xmodemflashaddress", "0x0800C0DE"}};
   }
@@ -41,6 +45,7 @@ class Preflight : public testing::Test {
   }
 
   TemporaryFolder iFolder;
+  PseudoTerminal iPort;
   PropertyMap iGood;
 };
 
@@ -51,6 +56,7 @@ TEST_F(Preflight, GoodPropertiesHaveNoFault) {
 TEST_F(Preflight, GoodVariantsHaveNoFault) {
   for (const auto& [key, value] : PropertyMap{{"updatelist", "xmodem;xmodem;sanyoxmodem"},
                                               {"xmodemspeed", "75"},
+                                              {"xmodemramaddress", "Zz9"},
                                               {"xmodemflashaddress", "1000h"}}) {
     EXPECT_THAT(CheckProperties(With(key, value)), IsEmpty()) << key << " = " << value;
   }
@@ -61,12 +67,27 @@ TEST_F(Preflight, ALargeImageIsFine) {
   EXPECT_THAT(CheckProperties(iGood), IsEmpty());
 }
 
+TEST_F(Preflight, TheLargestFileIsTheOneWhoseSizeHas31Bits) {
+  for (const char* key : {"xmodemsource-image", "xmodemsource-loader"}) {
+    const std::string path = iGood[key];
+    std::filesystem::resize_file(path, 2147483647u);
+    EXPECT_THAT(CheckProperties(iGood), IsEmpty());
+    std::filesystem::resize_file(path, 2147483648u);
+    EXPECT_THAT(
+        CheckProperties(iGood),
+        ElementsAre(key + std::string(": the file '") + path +
+                    "' is too large: 2147483648 bytes; at most 2147483647 can be sent. Is it the right "
+                    "file?"));
+    std::filesystem::resize_file(path, 1);
+  }
+}
+
 TEST_F(Preflight, ASanyoDeviceNeedsThreeKeysOnlyAndTheOthersMayBeAnything) {
   const PropertyMap properties = {{"updatelist", "sanyoxmodem"},
                                   {"xmodemsource-image", iGood["xmodemsource-image"]},
                                   {"xmodemsource-loader", "/nowhere"},
                                   {"xmodemspeed", "115200"},
-                                  {"xmodemportname", "/dev/null"}};
+                                  {"xmodemportname", iPort.Name()}};
   EXPECT_THAT(CheckProperties(properties), IsEmpty());
 }
 
@@ -111,10 +132,13 @@ constexpr Fault kFaults[] = {
      "cannot find the port \"/dev/tty nope\": No such file or directory. The name "
      "holds a blank or a semicolon"},
     {"xmodemportname", "/dev/nope;/dev/null", "The name holds a blank or a semicolon"},
-    {"xmodemportname", "/dev/nope", "\"/dev/nope\": No such file or directory. Is the device plugged in?"},
+    {"xmodemportname", "/dev/nope", "\"/dev/nope\": No such file or directory. Is the adapter plugged in?"},
+    {"xmodemportname", "/dev/null", "xmodemportname: '/dev/null' is no serial port; name the serial device"},
+    {"xmodemportname", "/dev/ptmx", "xmodemportname: '/dev/ptmx' is no serial port"},
     {"xmodemportname", "~/image", "xmodemportname: '~/image' is no serial port"},
     {"xmodemportname", "~", "xmodemportname: '~' is no serial port"},
-    {"xmodemramaddress", "", "xmodemramaddress \"\": must be a hexadecimal address"},
+    {"xmodemramaddress", "",
+     "xmodemramaddress \"\": must be an address of letters and digits only, as the device reads it"},
     {"xmodemramaddress", "10 00", "xmodemramaddress \"10 00\": must be"},
     {"xmodemflashaddress", "1000;", "xmodemflashaddress \"1000;\": must be"},
 };
@@ -171,12 +195,11 @@ class SomebodyElse {
 
 TEST_F(Preflight, WhatMayNotBeReadOrUsedIsNamed) {
   using std::filesystem::perms;
-  const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
-  ASSERT_GE(terminal, 0);
-  ASSERT_EQ(unlockpt(terminal), 0);
-  iGood["xmodemportname"] = ptsname(terminal);
-  ASSERT_THAT(CheckProperties(iGood), IsEmpty());
-  std::filesystem::permissions(iGood["xmodemportname"], perms::none);
+  struct stat port = {};
+  ASSERT_EQ(stat(iPort.Name().c_str(), &port), 0);
+  const group* owner = getgrgid(port.st_gid);
+  const std::string ownerName = owner != nullptr ? owner->gr_name : std::to_string(port.st_gid);
+  std::filesystem::permissions(iPort.Name(), perms::none);
   std::filesystem::permissions(iGood["xmodemsource-image"], perms::none);
   std::filesystem::permissions(iFolder.Path(""), perms::all);
   host::Faults faults;
@@ -184,9 +207,33 @@ TEST_F(Preflight, WhatMayNotBeReadOrUsedIsNamed) {
     const SomebodyElse somebodyElse;
     faults = CheckProperties(iGood);
   }
-  close(terminal);
   EXPECT_THAT(faults, ElementsAre(HasSubstr("image': Permission denied. Check its permissions."),
-                                  HasSubstr("xmodemportname: no permission to use the port '/dev/pts/")));
+                                  "xmodemportname: no permission to use the port '" + iPort.Name() +
+                                      "': Permission denied. It belongs to the group " + ownerName +
+                                      ": have your user added to it and log in again."));
+}
+
+TEST_F(Preflight, APortThatAnotherProgramHoldsIsNamedAndFreeAfterwards) {
+  const int holder = open(iPort.Name().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+  ASSERT_EQ(flock(holder, LOCK_EX), 0);
+  EXPECT_THAT(CheckProperties(iGood),
+              ElementsAre("xmodemportname: the port '" + iPort.Name() +
+                          "' is in use by another program; close that and try again."));
+  ASSERT_EQ(flock(holder, LOCK_UN), 0);
+  EXPECT_THAT(CheckProperties(iGood), IsEmpty());
+  EXPECT_EQ(flock(holder, LOCK_EX | LOCK_NB), 0);
+  close(holder);
+}
+
+TEST_F(Preflight, ThePortsSettingsStayAsTheyAre) {
+  const int port = open(iPort.Name().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+  termios before = {};
+  ASSERT_EQ(tcgetattr(port, &before), 0);
+  EXPECT_THAT(CheckProperties(iGood), IsEmpty());
+  termios after = {};
+  ASSERT_EQ(tcgetattr(port, &after), 0);
+  EXPECT_EQ(std::memcmp(&before, &after, sizeof(before)), 0);
+  close(port);
 }
 
 }  // namespace

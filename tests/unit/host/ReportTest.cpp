@@ -11,6 +11,7 @@ namespace {
 using host::ExitCode;
 using host::ExitCodeOf;
 using host::Goal;
+using host::HurriedReportFor;
 using host::Outcome;
 using host::ReportFor;
 using testing::HasSubstr;
@@ -50,10 +51,29 @@ TEST(Report, NoResultPointsAtTheTimeLimit) {
               HasSubstr("--timeout allows for more time"));
 }
 
-TEST(ExitCode, EachOutcomeHasItsOwn) {
+TEST(Report, AChangedFileIsAFailureThatNamesItAndTheCure) {
+  EXPECT_EQ(ReportFor({Goal::Update, Outcome::SourceChanged, true, {"the file 'x' was changed"}}),
+            "The update failed: a file changed while it was being sent.\n"
+            "Reasons given, oldest first:\n"
+            "  - the file 'x' was changed\n"
+            "Wait until the file is finished, then update with it.\n"
+            "The device may hold an incomplete image: run the update again.\n");
+}
+
+TEST(Report, InHasteItIsOneLineAboutTheDevice) {
+  EXPECT_EQ(HurriedReportFor({Goal::Update, Outcome::Aborted, true, {"x"}}),
+            "\nExiting at once. The device may hold an incomplete image: run the update again.\n");
+  EXPECT_EQ(HurriedReportFor({Goal::Update, Outcome::Aborted, false, {}}),
+            "\nExiting at once. Nothing was sent to the device.\n");
+  EXPECT_EQ(HurriedReportFor({Goal::Update, Outcome::Succeeded, true, {}}),
+            "\nExiting at once. The update has succeeded.\n");
+}
+
+TEST(ExitCode, StandsForTheOutcome) {
   EXPECT_EQ(ExitCodeOf(Outcome::Succeeded), ExitCode::Success);
   EXPECT_EQ(ExitCodeOf(Outcome::PrepareFailed), ExitCode::PrepareFailed);
   EXPECT_EQ(ExitCodeOf(Outcome::InstallFailed), ExitCode::UpdateFailed);
+  EXPECT_EQ(ExitCodeOf(Outcome::SourceChanged), ExitCode::UpdateFailed);
   EXPECT_EQ(ExitCodeOf(Outcome::Aborted), ExitCode::Aborted);
   EXPECT_EQ(ExitCodeOf(Outcome::NoResult), ExitCode::NoResult);
 }

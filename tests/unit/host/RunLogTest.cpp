@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 
+#include <fstream>
 #include <sstream>
 
 namespace {
@@ -80,8 +81,25 @@ TEST_F(RunLogTest, ReasonsAreTheLastFiveEachOnceByItsLastOccurrence) {
 
 TEST_F(RunLogTest, WhatADeviceSentCannotSteerTheTerminal) {
   RunLog log(iOut, std::nullopt, Handler());
-  LOG_ERROR(logging::Platform, "bad \x1b[2J\r answer");
-  EXPECT_THAT(log.Reasons(), ElementsAre("bad ?[2J? answer"));
+  LOG_ERROR(logging::Platform, "bad \x1b[2J\r\xc2\x9b answer \xc3\x9f");
+  LOG_ALWAYS(logging::Platform, "SWL: \xc2\x85");
+  EXPECT_THAT(log.Reasons(), ElementsAre("bad \\x1b[2J\\x0d\\xc2\\x9b answer \xc3\x9f"));
+  EXPECT_THAT(iMilestones, ElementsAre("\\xc2\\x85"));
+}
+
+TEST_F(RunLogTest, KnowsWhetherLinesWereLost) {
+  std::ofstream full("/dev/full");
+  const RunLog log(full, logging::EWarning, Handler());
+  LOG_INFO(logging::Platform, "not wanted");
+  EXPECT_FALSE(log.LinesLost());
+  LOG_ERROR(logging::Platform, "lost");
+  EXPECT_TRUE(log.LinesLost());
+}
+
+TEST_F(RunLogTest, GivesTheLowestLevelBackInTheEnd) {
+  const logging::TLevel before = logging::LowestLevel();
+  { const RunLog log(iOut, logging::EInfo, Handler()); }
+  EXPECT_EQ(logging::LowestLevel(), before);
 }
 
 TEST_F(RunLogTest, GivesTheLogBackInTheEnd) {

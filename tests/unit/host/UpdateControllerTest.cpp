@@ -59,11 +59,14 @@ class RecordingListener final : public host::UpdateListener {
 
 constexpr const char* kId = "can";
 
-// A controller, and the module's side of the talk.
+// A controller, and the module's side of the talk. Following is finished from the start, so that Follow tells
+// what there is and returns.
 class Talk {
  public:
   explicit Talk(Goal goal = Goal::Update, const TimeLimits& limits = TimeLimits(), std::string id = kId)
-      : iId(std::move(id)), iController(iBroker, iId, goal, limits, iListener) {}
+      : iId(std::move(id)), iController(iBroker, iId, goal, limits, iListener) {
+    iController.FinishFollowing();
+  }
 
   void Announce(const std::string& id) {
     iController.OnEvent({EUserEvent, EFeatureAnnounce, static_cast<TUint32>(id.size()), id.data()});
@@ -94,12 +97,12 @@ class Talk {
     if (state == UpdateState::Ended) {
       Result(EInstallResult, EFalse);
     }
-    iController.Tell();
+    iController.Follow();
     iBroker.iPosted.clear();
   }
 
   UpdateState State() {
-    iController.Tell();
+    iController.Follow();
     return iListener.iState;
   }
 
@@ -124,12 +127,12 @@ TEST(UpdateController, SubscribesToWhatTheFeatureSaysForAsLongAsItLives) {
 TEST(UpdateController, AnUpdatePreparesThenInstalls) {
   Talk talk;
   talk.Announce(kId);
-  EXPECT_FALSE(talk.iController.InstallRequested());
   talk.Result(EPrepareResult, ETrue);
-  EXPECT_TRUE(talk.iController.InstallRequested());
+  EXPECT_EQ(talk.iController.Result(), std::nullopt);
   talk.Progress(50);
   talk.Result(EInstallResult, ETrue);
   EXPECT_EQ(talk.iController.Wait(), Outcome::Succeeded);
+  EXPECT_EQ(talk.iController.Result(), Outcome::Succeeded);
   EXPECT_THAT(talk.iBroker.iPosted, ElementsAre("3/201 can", "3/203 can"));
 }
 
@@ -138,7 +141,6 @@ TEST(UpdateController, APreparationEndsWithItsResult) {
   talk.Announce(kId);
   talk.Result(EPrepareResult, ETrue);
   EXPECT_EQ(talk.iController.Wait(), Outcome::Succeeded);
-  EXPECT_FALSE(talk.iController.InstallRequested());
   EXPECT_THAT(talk.iBroker.iPosted, ElementsAre("3/201 can"));
 
   Talk failing(Goal::Prepare);
@@ -285,7 +287,7 @@ TEST(UpdateController, ProgressNeverGoesBackNorBeyond100) {
   for (const int percent : {0, 0, 14, 13, 14, 255, 100, 50}) {
     talk.Progress(percent);
   }
-  talk.iController.Tell();
+  talk.iController.Follow();
   EXPECT_THAT(talk.iListener.iProgress, ElementsAre(0, 14, 100));
 }
 
@@ -333,43 +335,88 @@ TEST(UpdateController, ProgressRenewsTheTimeLimitAlsoWhenItDoesNotMove) {
   EXPECT_GE(*waited, limit);
 }
 
-TEST(UpdateController, WaitIsWokenByEventsAndTellsTheListenerOnItsOwnThread) {
-  Talk talk(Goal::Update, {1h, 1h, 1h});
-  std::thread module([&] {
-    talk.Announce(kId);
-    talk.Result(EPrepareResult, ETrue);
-    talk.iController.AddMilestone("halfway");
-    talk.Progress(50);
-    talk.Result(EInstallResult, ETrue);
-  });
-  EXPECT_EQ(talk.iController.Wait(), Outcome::Succeeded);
-  module.join();
-  EXPECT_THAT(talk.iListener.iTold, ElementsAre("state", "state", "halfway", "progress", "state"));
+TEST(UpdateController, TheListenerIsToldInOrderAndOnTheThreadThatFollows) {
+  RecordingBroker broker;
+  RecordingListener listener;
+  UpdateController controller(broker, kId, Goal::Update, {1h, 1h, 1h}, listener);
+  std::thread::id toldOn;
+  std::promise<void> firstTold;
+  listener.iOnState = [&](UpdateState state) {
+    toldOn = std::this_thread::get_id();
+    if (state == UpdateState::Preparing) {
+      firstTold.set_value();
+    }
+  };
+  std::thread follower([&] { controller.Follow(); });
+  const std::thread::id followerId = follower.get_id();
+  controller.OnEvent({EUserEvent, EFeatureAnnounce, 3, kId});
+  firstTold.get_future().wait();
+  controller.AddMilestone("halfway");
+  controller.Abort();
+  controller.AddMilestone("late");
+  controller.FinishFollowing();
+  follower.join();
+  EXPECT_THAT(listener.iTold, ElementsAre("state", "halfway", "state", "late"));
+  EXPECT_EQ(toldOn, followerId);
 }
 
-TEST(UpdateController, WhatHappenedBeforeWaitIsToldWithoutWaitingForMore) {
-  Talk talk(Goal::Update, {1h, 1h, 1h});
-  std::promise<void> told;
+TEST(UpdateController, AListenerThatHangsHoldsUpNeitherTheEndNorTheTimeLimits) {
+  Talk talk(Goal::Update, {1h, 1ms, 1h});
+  std::promise<void> hanging;
+  std::promise<void> goOn;
   talk.iListener.iOnState = [&](UpdateState state) {
     if (state == UpdateState::Preparing) {
-      told.set_value();
+      hanging.set_value();
+      goOn.get_future().wait();
     }
   };
   talk.Announce(kId);
+  std::thread follower([&] { talk.iController.Follow(); });
+  hanging.get_future().wait();
+  talk.Result(EPrepareResult, ETrue);
+  EXPECT_EQ(talk.iController.Wait(), Outcome::NoResult);
+  goOn.set_value();
+  follower.join();
+}
+
+TEST(UpdateController, WaitIsWokenByTheEnd) {
+  Talk talk(Goal::Update, {1h, 1h, 1h});
+  talk.Announce(kId);
   auto outcome = std::async(std::launch::async, [&] { return talk.iController.Wait(); });
-  told.get_future().wait();
   talk.Result(EPrepareResult, EFalse);
   EXPECT_EQ(outcome.get(), Outcome::PrepareFailed);
 }
 
-TEST(UpdateController, MilestonesThatComeLateAreToldByTell) {
-  Talk talk;
-  talk.Bring(UpdateState::Ended);
-  talk.iController.Wait();
-  talk.iListener.iTold.clear();
-  talk.iController.AddMilestone("finished");
-  talk.iController.Tell();
-  EXPECT_THAT(talk.iListener.iTold, ElementsAre("finished"));
+// Whether the device may have been written to, after these events in this order.
+struct Upload {
+  const char* events;
+  bool started;
+};
+
+TEST(UpdateController, AnUploadHasStartedWithTheFirstProgressOrWhenTheModuleDoesNotAnswer) {
+  constexpr Upload kUploads[] = {
+      {"", false},    {"A", false},   {"AC", false},   {"Ap", false},   {"ACX", false},
+      {"AP", true},   {"APi", false}, {"APCX", false}, {"APG", true},   {"APGi", true},
+      {"APGI", true}, {"APC", true},  {"APCG", true},  {"APCGX", true}, {"APGCX", true},
+  };
+  for (const Upload& upload : kUploads) {
+    Talk talk;
+    for (const char event : std::string(upload.events)) {
+      kEvents.at(event)(talk);
+    }
+    EXPECT_EQ(talk.iController.UploadStarted(), upload.started) << upload.events;
+  }
+}
+
+TEST(UpdateController, AnUploadMayHaveStartedWhenNoResultCameAfterTheRequestToInstall) {
+  Talk talk(Goal::Update, {1h, 1ms, 1h});
+  talk.Bring(UpdateState::Installing);
+  EXPECT_EQ(talk.iController.Wait(), Outcome::NoResult);
+  EXPECT_TRUE(talk.iController.UploadStarted());
+  Talk early(Goal::Update, {1ms, 1h, 1h});
+  early.Bring(UpdateState::Preparing);
+  EXPECT_EQ(early.iController.Wait(), Outcome::NoResult);
+  EXPECT_FALSE(early.iController.UploadStarted());
 }
 
 }  // namespace

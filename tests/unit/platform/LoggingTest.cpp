@@ -113,6 +113,25 @@ TEST(Logging, WhatADeviceSentCannotStartALineOfItsOwn) {
               HasSubstr("(a\\x0a\\x1b[0m\\x00\\x7f\xc3\xa4)"));
 }
 
+TEST(Logging, ControlCharactersOfTwoBytesAreWrittenAsNumbersAndLettersKept) {
+  EXPECT_EQ(logging::Printable("\xc2\x80|\xc2\x9b|\xc2\x9f|\xc2\xa0|\xc2"),
+            "\\xc2\\x80|\\xc2\\x9b|\\xc2\\x9f|\xc2\xa0|\xc2");
+  EXPECT_EQ(logging::Printable("\xc3\x9f|\xe2\x82\xac|\xf0\x9f\x98\x80"),
+            "\xc3\x9f|\xe2\x82\xac|\xf0\x9f\x98\x80");
+  EXPECT_EQ(logging::Printable("\x9b"
+                               "2J\xc2\x9b\x9b"),
+            "\\x9b"
+            "2J\\xc2\\x9b\\x9b");
+}
+
+TEST(Logging, TheLowestLevelIsTold) {
+  const logging::TLevel before = logging::LowestLevel();
+  logging::SetLowestLevel(logging::EError);
+  EXPECT_EQ(logging::LowestLevel(), logging::EError);
+  logging::SetLowestLevel(before);
+  EXPECT_EQ(logging::LowestLevel(), before);
+}
+
 TEST(Logging, AReplacedSinkIsReturnedAndNotUsedAnyMore) {
   const LogCapture first;
   {

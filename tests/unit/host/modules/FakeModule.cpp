@@ -1,6 +1,7 @@
 // A feature module that plays one part, chosen by its feature id.
 #include <chrono>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <thread>
 
@@ -49,6 +50,9 @@ class FakeModule final : public IFeatureModule2, public IEventObserver {
     if (iFeatureId == "hangs") {
       std::this_thread::sleep_for(std::chrono::hours(1));
     }
+    if (iFeatureId == "file-changes") {
+      ChangeImage();
+    }
     if (iFeatureId == "prepare-fails") {
       LOG_ERROR(logging::Platform, "Cannot use serial port /dev/fake: another program holds it");
       LOG_ERROR(logging::Platform, "Cannot use serial port /dev/fake: another program holds it");
@@ -60,12 +64,14 @@ class FakeModule final : public IFeatureModule2, public IEventObserver {
 
   void Install() {
     LOG_ALWAYS(logging::PeripheralLoader, "SWL: Starting upload in fake");
-    if (iFeatureId == "succeeds") {
+    if (iFeatureId == "succeeds" || iFeatureId == "file-changes") {
       for (const int percent : {0, 4, 10, 37, 20, 100}) {
         Progress(percent);
       }
       Result(EInstallResult, true);
       LOG_ALWAYS(logging::PeripheralLoader, "SWL: Finished upload in fake");
+    } else if (iFeatureId == "cannot-start") {
+      Result(EInstallResult, false);
     } else if (iFeatureId == "install-fails") {
       Progress(10);
       LOG_ERROR(logging::PeripheralLoader, "The device answered 013");
@@ -73,6 +79,12 @@ class FakeModule final : public IFeatureModule2, public IEventObserver {
     } else if (iFeatureId != "never-answers") {
       Progress(42);
     }
+  }
+
+  void ChangeImage() {
+    std::string image;
+    iProperties.Get(iFeatureId, "xmodemsource-image", image);
+    std::ofstream(image, std::ios::app) << "more";
   }
 
   void Abort() {

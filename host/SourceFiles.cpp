@@ -1,0 +1,67 @@
+#include "SourceFiles.h"
+
+#include <fmt/format.h>
+
+#include <set>
+
+#include "Peripherals.h"
+
+namespace host {
+
+namespace {
+
+struct stat StatusOf(const std::string& path) {
+  struct stat status = {};
+  if (stat(path.c_str(), &status) != 0) {
+    status = {};
+  }
+  return status;
+}
+
+bool IsSame(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
+         a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
+}
+
+// What no listed peripheral is sent may change as it likes.
+std::set<std::string> FileKeysOf(std::string_view updateList) {
+  std::set<std::string> keys;
+  for (const std::string_view entry : UpdateListEntries(updateList)) {
+    const PeripheralKind* kind = FindPeripheralKind(entry);
+    for (const char* name : kind == nullptr ? std::vector<const char*>() : kind->requiredKeys) {
+      const PropertyKey* key = FindPropertyKey(name);
+      if (key != nullptr && key->kind == ValueKind::File) {
+        keys.insert(name);
+      }
+    }
+  }
+  return keys;
+}
+
+}  // namespace
+
+SourceFiles::SourceFiles(const PropertyMap& properties) {
+  const auto list = properties.find(kUpdateListKey);
+  if (list == properties.end()) {
+    return;
+  }
+  for (const std::string& key : FileKeysOf(list->second)) {
+    const auto path = properties.find(key);
+    if (path != properties.end()) {
+      iFiles.push_back({key, path->second, StatusOf(path->second)});
+    }
+  }
+}
+
+std::vector<std::string> SourceFiles::Changes() const {
+  std::vector<std::string> changes;
+  for (const File& file : iFiles) {
+    if (!IsSame(file.status, StatusOf(file.path))) {
+      changes.push_back(
+          fmt::format("{}: the file '{}' was changed or replaced during the update.", file.key, file.path));
+    }
+  }
+  return changes;
+}
+
+}  // namespace host
