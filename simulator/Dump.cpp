@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
+#include <system_error>
 #include <vector>
 
 namespace simulator {
@@ -21,7 +21,7 @@ bool WriteFile(const std::string& path, const std::vector<std::uint8_t>& bytes) 
   }
   if (!written) {
     fmt::print(stderr, "Cannot write the dump {}: {}. Name a file that can be written.\n", path,
-               std::strerror(errno));
+               std::generic_category().message(errno));
   }
   return written;
 }

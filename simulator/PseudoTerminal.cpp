@@ -11,7 +11,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
-#include <cstring>
+#include <system_error>
 
 namespace simulator {
 
@@ -58,7 +58,8 @@ bool PseudoTerminal::Open() {
     opened = iSlave >= 0 && MakeRaw(iSlave);
   }
   if (!opened) {
-    fmt::print(stderr, "Cannot make a pseudo-terminal: {}. Is /dev/pts mounted?\n", std::strerror(errno));
+    fmt::print(stderr, "Cannot make a pseudo-terminal: {}. Is /dev/pts mounted?\n",
+               std::generic_category().message(errno));
   }
   return opened;
 }
@@ -70,7 +71,7 @@ bool PseudoTerminal::Link(const std::string& path) {
   if (symlink(iName.c_str(), path.c_str()) != 0) {
     fmt::print(stderr,
                "Cannot make the link {}: {}. Remove what is there or choose another path for --link.\n", path,
-               std::strerror(errno));
+               std::generic_category().message(errno));
     return false;
   }
   iLink = path;

@@ -36,7 +36,7 @@ sigset_t CatchSignals() {
   sigemptyset(&blocked);
   sigaddset(&blocked, SIGINT);
   sigaddset(&blocked, SIGTERM);
-  sigprocmask(SIG_BLOCK, &blocked, &original);
+  pthread_sigmask(SIG_BLOCK, &blocked, &original);
   sigdelset(&original, SIGINT);
   sigdelset(&original, SIGTERM);
   return original;
