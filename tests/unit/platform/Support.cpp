@@ -116,7 +116,9 @@ std::string Pty::Receive(std::size_t count) {
   return bytes;
 }
 
-LogCapture::LogCapture(logging::TLevel lowest) : iFormer(logging::SetSink(this)) {
+// In the body: from the moment it is the sink, other threads may write to what is made by then.
+LogCapture::LogCapture(logging::TLevel lowest) {
+  iFormer = logging::SetSink(this);
   logging::SetLowestLevel(lowest);
 }
 
