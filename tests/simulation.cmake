@@ -4,6 +4,7 @@ target_link_libraries(virtual_world PUBLIC test_support)
 target_link_options(virtual_world INTERFACE -Wl,--wrap=pthread_create -Wl,--wrap=pthread_join)
 
 peripheral_test(simulation_tests LABEL simulation TIMEOUT 300
+  LONG "*.OfMoreThan16MiB*"
   SOURCES
     simulation/CanUpdateTest.cpp
     simulation/MixedListTest.cpp
