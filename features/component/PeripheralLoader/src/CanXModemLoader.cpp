@@ -30,14 +30,14 @@ CCanXModemLoader::~CCanXModemLoader() {
 TBool CCanXModemLoader::Prepare() {
   LOG_INTERFACE(logging::PeripheralLoader, "");
   std::string speed;
+  const std::initializer_list<TRequiredProperty> required = {{"xmodemsource-image", iSourceImage},
+                                                             {"xmodemsource-loader", iSourceLoader},
+                                                             {"xmodemspeed", speed},
+                                                             {"xmodemportname", iPortName},
+                                                             {"xmodemramaddress", iRamAddress},
+                                                             {"xmodemflashaddress", iFlashAddress}};
   CLoaderPreparation preparation;
-  preparation.ReadProperties(iProperties, iFeatureId,
-                             {{"xmodemsource-image", iSourceImage},
-                              {"xmodemsource-loader", iSourceLoader},
-                              {"xmodemspeed", speed},
-                              {"xmodemportname", iPortName},
-                              {"xmodemramaddress", iRamAddress},
-                              {"xmodemflashaddress", iFlashAddress}});
+  preparation.ReadProperties(iProperties, iFeatureId, required);
   iSpeed = preparation.CheckSpeed(speed);
   preparation.CheckImage(iSourceImage);
   preparation.CheckLoader(iSourceLoader);

@@ -30,10 +30,10 @@ CSanyoXModemLoader::~CSanyoXModemLoader() {
 TBool CSanyoXModemLoader::Prepare() {
   LOG_INTERFACE(logging::PeripheralLoader, "");
   std::string speed;
+  const std::initializer_list<TRequiredProperty> required = {
+      {"xmodemsource-image", iSourceImage}, {"xmodemspeed", speed}, {"xmodemportname", iPortName}};
   CLoaderPreparation preparation;
-  preparation.ReadProperties(
-      iProperties, iFeatureId,
-      {{"xmodemsource-image", iSourceImage}, {"xmodemspeed", speed}, {"xmodemportname", iPortName}});
+  preparation.ReadProperties(iProperties, iFeatureId, required);
   iSpeed = preparation.CheckSpeed(speed);
   preparation.CheckImage(iSourceImage);
   preparation.CheckPort(iPortName);
