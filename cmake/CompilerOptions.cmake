@@ -21,7 +21,15 @@ add_compile_options(
   -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=
   # The percentages are prescribed double arithmetic; a fused multiply-add would round differently.
   -ffp-contract=off)
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  # Files above 2 GiB and times after January 2038 are there too.
+  add_compile_definitions(_FILE_OFFSET_BITS=64 _TIME_BITS=64)
+endif()
 add_link_options(-Wl,--as-needed)
+
+# Without exceptions only what the code itself decides counts as a branch: the module neither throws nor catches,
+# but each of its calls has a second way out as long as one may pass through.
+set(PERIPHERAL_MODULE_OPTIONS "" CACHE STRING "Further options to compile the module and SWLInfra with")
 
 if(PERIPHERAL_SANITIZE)
   add_compile_options(-fsanitize=${PERIPHERAL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -g)

@@ -1,6 +1,8 @@
 #include "simulator/Memory.h"
 
+#include <algorithm>
 #include <array>
+#include <limits>
 
 namespace simulator {
 
@@ -8,6 +10,10 @@ namespace {
 
 constexpr std::uint64_t kPageSize = 4096;
 constexpr std::uint8_t kErased = 0xFF;
+
+std::size_t RestOfPage(std::uint64_t address) {
+  return static_cast<std::size_t>(kPageSize - address % kPageSize);
+}
 
 constexpr std::array<std::uint32_t, 256> MakeCrc32Table() {
   std::array<std::uint32_t, 256> table{};
@@ -55,8 +61,10 @@ bool Memory::Append(const std::vector<std::uint8_t>& data) {
     return false;
   }
   EraseUpTo(begin + data.size());
-  for (std::size_t index = 0; index < data.size(); ++index) {
-    Cell(begin + index) = data[index];
+  for (std::size_t done = 0; done < data.size();) {
+    const std::size_t count = std::min(data.size() - done, RestOfPage(begin + done));
+    std::copy_n(data.data() + done, count, &Cell(begin + done));
+    done += count;
   }
   block.size += data.size();
   block.crc = Crc32(block.crc, data);
@@ -87,12 +95,16 @@ void Memory::Damage(std::uint64_t address) {
 }
 
 std::vector<std::uint8_t> Memory::Read(std::uint64_t address, std::uint64_t size) const {
-  std::vector<std::uint8_t> bytes(size, kErased);
-  for (std::uint64_t index = 0; index < size; ++index) {
-    const auto page = iPages.find((address + index) / kPageSize);
+  // Where addresses are shorter than 64 bits: the largest of them, which the vector refuses by itself.
+  constexpr std::uint64_t kLargestSize = std::numeric_limits<std::size_t>::max();
+  std::vector<std::uint8_t> bytes(static_cast<std::size_t>(std::min(size, kLargestSize)), kErased);
+  for (std::size_t done = 0; done < bytes.size();) {
+    const std::size_t count = std::min(bytes.size() - done, RestOfPage(address + done));
+    const auto page = iPages.find((address + done) / kPageSize);
     if (page != iPages.end()) {
-      bytes[index] = page->second[(address + index) % kPageSize];
+      std::copy_n(page->second.data() + (address + done) % kPageSize, count, bytes.data() + done);
     }
+    done += count;
   }
   return bytes;
 }
@@ -116,9 +128,9 @@ Memory::Blocks::const_iterator Memory::BlockAround(std::uint64_t address) const 
 }
 
 void Memory::Erase(std::uint64_t address) {
-  const Block block = iBlocks[address];
-  for (std::uint64_t index = 0; index < block.size; ++index) {
-    Cell(address + index) = kErased;
+  const std::uint64_t end = address + iBlocks[address].size;
+  for (std::uint64_t begin = address; begin < end; begin += RestOfPage(begin)) {
+    std::fill_n(&Cell(begin), std::min<std::uint64_t>(end - begin, RestOfPage(begin)), kErased);
   }
   iBlocks.erase(address);
 }

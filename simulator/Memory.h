@@ -32,6 +32,7 @@ class Memory {
   /// Inverts one bit at `address`, as a worn-out cell would.
   void Damage(std::uint64_t address);
 
+  /// Throws std::length_error for more bytes than a process can hold.
   std::vector<std::uint8_t> Read(std::uint64_t address, std::uint64_t size) const;
   /// Everything from the lowest to the highest byte written; empty if there is none.
   std::vector<std::uint8_t> Contents() const;

@@ -31,6 +31,8 @@ void XmodemReceiver::Receive(std::uint8_t byte, Micros now) {
       return OnData(byte, now);
     case State::kTrailer:
       return OnTrailer(byte, now);
+    case State::kLoneEot:
+      return OnByteBehindEot(byte, now);
     case State::kPurging:
       iOnlyCrcRequest = false;
       iTimer = now + kQuiet;
@@ -53,6 +55,8 @@ void XmodemReceiver::Advance(Micros now) {
     case State::kData:
     case State::kTrailer:
       return Complain(now);
+    case State::kLoneEot:
+      return iEotIsFirstByte ? OnFirstEot(now) : OnEot(now);
     case State::kPurging:
       return OnQuiet(now);
     case State::kEnded:
@@ -73,14 +77,37 @@ void XmodemReceiver::OnFirstByte(std::uint8_t byte, Micros now) {
   if (byte == kSoh || byte == kStx) {
     return BeginBlock(byte, now);
   }
-  // An EOT may be the repeated end of the transfer before, its ACK lost, or the end of an empty file.
-  // The host shows which one it was by what it does next: an empty file is followed by its asking for data.
   if (byte == kEot) {
-    iEotSeen = true;
-    Send(kAck);
+    iEotIsFirstByte = true;
+    HearEot(now);
   } else if (byte == kCrcRequest) {
     End(iEotSeen ? TransferResult::kEmpty : TransferResult::kPeerReceives);
   }
+}
+
+void XmodemReceiver::HearEot(Micros now) {
+  iState = State::kLoneEot;
+  iTimer = now + kEotQuiet;
+}
+
+// The EOT was none. A block that begins behind a stray one is a block all the same.
+void XmodemReceiver::OnByteBehindEot(std::uint8_t byte, Micros now) {
+  if (byte == kEot) {
+    return HearEot(now);
+  }
+  if (byte == kSoh || byte == kStx) {
+    return BeginBlock(byte, now);
+  }
+  Purge(byte, now);
+}
+
+// It may be the repeated end of the transfer before, its ACK lost, or the end of an empty file. The host
+// shows which one it was by what it does next: an empty file is followed by its asking for data.
+void XmodemReceiver::OnFirstEot(Micros now) {
+  iEotSeen = true;
+  Send(kAck);
+  iState = State::kSoliciting;
+  iTimer = now + kSolicitPeriod;
 }
 
 void XmodemReceiver::OnBlockStart(std::uint8_t byte, Micros now) {
@@ -92,7 +119,8 @@ void XmodemReceiver::OnBlockStart(std::uint8_t byte, Micros now) {
     case kStx:
       return BeginBlock(byte, now);
     case kEot:
-      return OnEot(now);
+      iEotIsFirstByte = false;
+      return HearEot(now);
     case kCan:
       return;
     default:

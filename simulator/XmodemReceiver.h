@@ -33,6 +33,9 @@ class XmodemReceiver {
   static constexpr Micros kSolicitPeriod = 1 * kSecond;
   static constexpr Micros kByteGap = 1 * kSecond;
   static constexpr Micros kQuiet = 200 * kMillisecond;
+  /// An EOT counts once nothing has followed it for so long: within a block that has lost its beginning any
+  /// byte may look like one.
+  static constexpr Micros kEotQuiet = 20 * kMillisecond;
   static constexpr Micros kBlockWait = 3 * kSecond;
   static constexpr int kMaxErrors = 10;
   static constexpr int kMaxBlockWaits = 10;
@@ -51,7 +54,17 @@ class XmodemReceiver {
   TransferResult Result() const { return iResult; }
 
  private:
-  enum class State { kSoliciting, kWaitBlock, kNumber, kComplement, kData, kTrailer, kPurging, kEnded };
+  enum class State {
+    kSoliciting,
+    kWaitBlock,
+    kNumber,
+    kComplement,
+    kData,
+    kTrailer,
+    kLoneEot,
+    kPurging,
+    kEnded
+  };
   enum class Kind { kNext, kRepeated, kAnew, kForeign };
 
   void Send(std::uint8_t byte) { iOutput.push_back(byte); }
@@ -66,7 +79,10 @@ class XmodemReceiver {
   void OnTrailer(std::uint8_t byte, Micros now);
   void OnSoundBlock(Micros now);
   void Store(Micros now);
+  void HearEot(Micros now);
+  void OnByteBehindEot(std::uint8_t byte, Micros now);
   void OnEot(Micros now);
+  void OnFirstEot(Micros now);
   void Purge(std::uint8_t byte, Micros now);
   void OnQuiet(Micros now);
   void OnSilence(Micros now);
@@ -92,6 +108,7 @@ class XmodemReceiver {
   bool iAnyBlock = false;
   bool iHeaderSeen = false;
   bool iEotSeen = false;
+  bool iEotIsFirstByte = false;
   bool iCanSeen = false;
   bool iOnlyCrcRequest = false;
   int iSoundBlocks = 0;

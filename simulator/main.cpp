@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <exception>
 #include <memory>
 
 #include "simulator/CommandLine.h"
@@ -177,5 +178,10 @@ int Main(int argc, char** argv) {
 }  // namespace simulator
 
 int main(int argc, char** argv) {
-  return simulator::Main(argc, argv);
+  try {
+    return simulator::Main(argc, argv);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "bootloader-simulator: internal error: %s\n", error.what());
+    return simulator::kExitSystem;
+  }
 }

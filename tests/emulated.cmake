@@ -1,9 +1,7 @@
 # The shipped libraries on a real kernel, in an emulated amd64 machine that takes the build's binaries. Builds with
 # sanitizers or coverage stay out: the machine has neither their runtimes nor a place for what they write, and every
 # line that runs there is run by the unit tests as well.
-string(TOUPPER "CMAKE_CXX_FLAGS_${CMAKE_BUILD_TYPE}" build_type_flags)
-set(measured "${CMAKE_CXX_FLAGS} ${${build_type_flags}}")
-if(CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64" AND NOT PERIPHERAL_SANITIZE AND NOT measured MATCHES "--coverage")
+if(CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64" AND NOT measured_build)
   add_executable(emulated_init emulated/Init.cpp)
   add_executable(emulated_maintenance emulated/Checks.cpp emulated/MaintenanceTest.cpp)
   target_include_directories(emulated_maintenance PRIVATE ${PROJECT_SOURCE_DIR}/SWLInfra/src)

@@ -25,7 +25,7 @@ peripheral_test(host_tests LABEL unit TIMEOUT 120
     unit/host/SourceFilesTest.cpp
     unit/host/UpdateControllerTest.cpp
   LIBRARIES host)
-add_dependencies(host_tests peripheralctl FakeModule WrongTypeModule NoTypeModule NoCreateModule)
+test_starts(host_tests PERIPHERALCTL peripheralctl)
+add_dependencies(host_tests FakeModule WrongTypeModule NoTypeModule NoCreateModule)
 target_compile_definitions(host_tests PRIVATE
-  PERIPHERALCTL="$<TARGET_FILE:peripheralctl>"
   FAKE_MODULES="${CMAKE_BINARY_DIR}/fakes/")

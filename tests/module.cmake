@@ -5,7 +5,7 @@ add_library(test_support STATIC
   support/SerialPorts.cpp
   support/VirtualClock.cpp)
 target_include_directories(test_support PUBLIC support)
-target_link_libraries(test_support PUBLIC platform_headers)
+target_link_libraries(test_support PUBLIC platform_headers PRIVATE GTest::gtest)
 
 add_library(module_on_virtual_platform INTERFACE)
 target_link_libraries(module_on_virtual_platform INTERFACE

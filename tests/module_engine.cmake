@@ -2,7 +2,7 @@
 add_library(injected_failures STATIC support/InjectedFailures.cpp)
 target_include_directories(injected_failures PUBLIC support)
 target_link_options(injected_failures INTERFACE
-  -Wl,--wrap=malloc -Wl,--wrap=pthread_create -Wl,--wrap=pthread_join)
+  -Wl,--wrap=malloc -Wl,--wrap=free -Wl,--wrap=fwrite -Wl,--wrap=pthread_create -Wl,--wrap=pthread_join)
 
 add_library(engine_test_support STATIC support/FakeXModem.cpp support/Wire.cpp)
 target_include_directories(engine_test_support PUBLIC $<TARGET_PROPERTY:feature,INTERFACE_INCLUDE_DIRECTORIES>)

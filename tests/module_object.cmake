@@ -7,10 +7,11 @@ peripheral_test(module_object_test LABEL unit
     unit/module/PeripheralLoaderTest.cpp
     unit/module/SanyoXModemLoaderTest.cpp
     unit/module/XModemLoadersTest.cpp
-  LIBRARIES module_on_virtual_platform)
+  LIBRARIES module_on_virtual_platform injected_failures)
 
-# The loader and a terminal, all of it real.
+# The loader and a terminal, all of it real. NATIVE is what opens a serial port; tests/platform.cmake tells why.
 peripheral_test(preparation_on_terminal_test LABEL unit
+  NATIVE "*.PassesBeforeAndAfterAnInstallationHasOpenedIt"
   SOURCES unit/module/PreparationOnTerminalTest.cpp
   LIBRARIES feature swlinfra platform_common platform_system test_support)
 

@@ -1,8 +1,11 @@
+# QEMU's emulation of single programs (7.2) does not know the call by which a line's settings are read, TCGETS2.
 peripheral_test(platform_tests LABEL unit
+  NATIVE "SerialPort.*:Gathering.*:Waiting.*"
   SOURCES
     unit/platform/ClockTest.cpp
     unit/platform/FileExistsCacheTest.cpp
     unit/platform/FileSystemUtilsTest.cpp
+    unit/platform/GatheringTest.cpp
     unit/platform/LoggingTest.cpp
     unit/platform/SerialPortTest.cpp
     unit/platform/Support.cpp

@@ -1,5 +1,5 @@
-# Whole updates in simulated time. The world runs the module's worker threads one at a time.
-add_library(virtual_world STATIC support/VirtualWorld.cpp)
+# Whole updates in simulated time. The world runs the module's worker threads as fibers.
+add_library(virtual_world STATIC support/Fiber.cpp support/VirtualWorld.cpp)
 target_link_libraries(virtual_world PUBLIC test_support)
 target_link_options(virtual_world INTERFACE -Wl,--wrap=pthread_create -Wl,--wrap=pthread_join)
 

@@ -10,6 +10,4 @@ peripheral_test(simulator_tests LABEL unit
     unit/simulator/XmodemSenderTest.cpp
     unit/simulator/XmodemTest.cpp
   LIBRARIES simulator)
-target_compile_definitions(simulator_tests PRIVATE
-  BOOTLOADER_SIMULATOR="$<TARGET_FILE:bootloader-simulator>")
-add_dependencies(simulator_tests bootloader-simulator)
+test_starts(simulator_tests BOOTLOADER_SIMULATOR bootloader-simulator)

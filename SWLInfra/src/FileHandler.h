@@ -89,9 +89,9 @@ class __attribute__((visibility("default"))) IFileHandler {
   static TFileHndlError CheckFS(const TChr* device, const TChr* mountPoint, TFileSystemFormat format);
 
   /// Reads the free space from the first line of `df` that matches `fileSystem`, a pattern without blanks,
-  /// into `availableSpace`, in kilobytes modulo 2^32. EFileHndlSyncFailed when the disks could not be
-  /// flushed, else the result of removing the scratch file, which tells nothing of the space: an unchanged
-  /// number was not read, and 0 is a full disk or no number; only the log knows. Calls must not overlap, from
-  /// whatever process.
+  /// into `availableSpace`, in kilobytes modulo 2^32; where a long has 32 bits, 2^31 - 1 at most.
+  /// EFileHndlSyncFailed when the disks could not be flushed, else the result of removing the scratch file,
+  /// which tells nothing of the space: an unchanged number was not read, and 0 is a full disk or no number;
+  /// only the log knows. Calls must not overlap, from whatever process.
   static TFileHndlError AvailableSpace(const TChr* fileSystem, TUint32* availableSpace);
 };

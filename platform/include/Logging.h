@@ -82,17 +82,21 @@ class CMessage {
 
 // Logging needs macros for two things no function can do: the caller's place, and not evaluating the message
 // of a level that is off. `message_` is what would follow a stream: "Sending command " << command.
-#define LOG_AT(level_, module_, message_)                                                           \
-  do {                                                                                              \
-    if (logging::IsOn(level_)) {                                                                    \
-      logging::CMessage composed_;                                                                  \
-      composed_ << message_;                                                                        \
-      logging::Write({level_, module_, __PRETTY_FUNCTION__, __FILE__, __LINE__, composed_.Text()}); \
-    }                                                                                               \
+#define LOG_WRITE(level_, module_, message_)                                                      \
+  do {                                                                                            \
+    logging::CMessage composed_;                                                                  \
+    composed_ << message_;                                                                        \
+    logging::Write({level_, module_, __PRETTY_FUNCTION__, __FILE__, __LINE__, composed_.Text()}); \
+  } while (false)
+#define LOG_AT(level_, module_, message_)   \
+  do {                                      \
+    if (logging::IsOn(level_)) {            \
+      LOG_WRITE(level_, module_, message_); \
+    }                                       \
   } while (false)
 
 #define LOG_INTERFACE(module_, message_) LOG_AT(logging::EInterface, module_, message_)
 #define LOG_INFO(module_, message_) LOG_AT(logging::EInfo, module_, message_)
 #define LOG_WARNING(module_, message_) LOG_AT(logging::EWarning, module_, message_)
 #define LOG_ERROR(module_, message_) LOG_AT(logging::EError, module_, message_)
-#define LOG_ALWAYS(module_, message_) LOG_AT(logging::EAlways, module_, message_)
+#define LOG_ALWAYS(module_, message_) LOG_WRITE(logging::EAlways, module_, message_)

@@ -4,6 +4,28 @@
 
 #include <cerrno>
 #include <ctime>
+#include <utility>
+
+#include "Waiting.h"
+
+namespace {
+
+thread_local IPolled* lastPolled = nullptr;
+
+void GiveProcessorAway() {
+  // Once only: the thread may have turned to something else after the pause that belongs to the poll.
+  if (IPolled* const polled = std::exchange(lastPolled, nullptr)) {
+    polled->AwaitChange();
+  } else {
+    sched_yield();
+  }
+}
+
+}  // namespace
+
+void HasPolled(IPolled* polled) {
+  lastPolled = polled;
+}
 
 TUint64 OSALTickCount() {
   timespec now{};
@@ -16,7 +38,7 @@ void platSleep(TInt microseconds) {
     return;
   }
   if (microseconds == 0) {
-    sched_yield();
+    GiveProcessorAway();
     return;
   }
   timespec rest{microseconds / 1000000, (microseconds % 1000000) * 1000L};

@@ -27,6 +27,12 @@ class CDescriptor {
   bool IsOpen() const { return iDescriptor != -1; }
   int Get() const { return iDescriptor; }
 
+  /// Takes over another one instead.
+  void Reset(int descriptor) {
+    Close();
+    iDescriptor = descriptor;
+  }
+
   /// Closes it now. Returns 0, or -1 when the system reports that written data was lost. Does nothing when
   /// there is none.
   int Close() {

@@ -7,22 +7,36 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
+#include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 #include "Clock.h"
 #include "Descriptor.h"
+#include "Flusher.h"
 #include "ISerialPort.h"
 #include "Logging.h"
+#include "Waiting.h"
 
 namespace {
 
 constexpr TUint64 KWriteLimit_ms = 5000;
 // Another port for the same device waits this long at most for a write that waits for room.
 constexpr int KWriteSlice_ms = 50;
+// Room for the longest block of a transfer, 1029 bytes. The terminal layer takes no more at a time anyway.
+constexpr std::size_t KGathered_bytes = 2048;
+// Two milliseconds are promised; the rest is for the scheduler.
+constexpr std::chrono::microseconds KGatheredFor(1500);
+// A driver without room is given time to make some, so that the rest goes in pieces that are worth a call.
+constexpr std::chrono::milliseconds KRetryAfter(10);
+// As much as the terminal layer keeps for its reader.
+constexpr std::size_t KFetched_bytes = 4096;
 // Receivers still agree about the bits of a byte when the two speeds differ by this much.
 constexpr TUint64 KSpeedTolerance_percent = 3;
 
@@ -61,8 +75,63 @@ bool Succeeded(int result, const std::string& name) {
   return result != -1;
 }
 
+// Bytes in the order in which they came.
+template <std::size_t KCapacity>
+class CBytes {
+ public:
+  bool IsEmpty() const { return iBegin == iEnd; }
+  std::size_t Size() const { return iEnd - iBegin; }
+  std::size_t Room() const { return KCapacity - Size(); }
+  const TUint8* Data() const { return &iBytes[iBegin]; }
+
+  /// Adds bytes, for which there must be room.
+  void Append(const TUint8* bytes, std::size_t count) {
+    if (count > KCapacity - iEnd) {
+      std::copy(iBytes.begin() + iBegin, iBytes.begin() + iEnd, iBytes.begin());
+      iEnd -= std::exchange(iBegin, 0);
+    }
+    std::copy_n(bytes, count, iBytes.begin() + iEnd);
+    iEnd += count;
+  }
+
+  /// Takes the first bytes away, of which there must be so many.
+  void Drop(std::size_t count) {
+    iBegin += count;
+    if (IsEmpty()) {
+      iBegin = iEnd = 0;
+    }
+  }
+
+ private:
+  std::array<TUint8, KCapacity> iBytes;
+  std::size_t iBegin = 0;
+  std::size_t iEnd = 0;
+};
+
+// A lock that a port's user takes for every byte, and others hardly ever. With a std::mutex, locking would be
+// the largest part of what sending costs. Who finds it taken looks again after a while.
+class CSeldomShared {
+ public:
+  void lock() {
+    while (!try_lock()) {
+      std::this_thread::sleep_for(KLookAgainAfter);
+    }
+  }
+  bool try_lock() { return !iTaken.exchange(true, std::memory_order_acquire); }
+  void unlock() { iTaken.store(false, std::memory_order_release); }
+
+ private:
+  static constexpr std::chrono::microseconds KLookAgainAfter{50};
+
+  std::atomic<bool> iTaken{false};
+};
+
 // A port that is in use or, once its line is broken or taken over, only kept for those who still point at it.
-class CSerialPort : public ISerialPort {
+//
+// Its users write and read byte by byte. It gathers what they write, to hand it to the driver in one call:
+// when they turn to reading, when its memory is full, or when the flusher finds it waiting. And it fetches
+// all that the driver has in one call, to serve the next reads from memory.
+class CSerialPort : public ISerialPort, private IGatherer, private IPolled {
  public:
   CSerialPort(std::string name, dev_t device, CDescriptor line)
       : iName(std::move(name)), iDevice(device), iLine(std::move(line)) {}
@@ -72,54 +141,89 @@ class CSerialPort : public ISerialPort {
 
   bool IsFor(dev_t device) const { return iDevice == device; }
 
-  /// Closes the line for good. Waits for a read or write in progress, which takes KWriteSlice_ms at most.
+  /// Closes the line for good, after a last attempt to hand over what was gathered. Waits for a call in
+  /// progress, which takes KWriteSlice_ms at most.
   void GiveUpLine();
 
+  /// Hands over what was gathered, unless another thread is about to.
+  void FlushAtExit();
+
  private:
+  void FlushDue() override;
+  void AwaitChange() override;
+
   bool WriteSome(const TUint8* buffer, TUint32 count, TUint32* written);
+  bool WriteThrough(const TUint8* buffer, TUint32 count, TUint32* written);
+  bool Gather(const TUint8* bytes, TUint32 count);
+  bool HandOver();
+  ssize_t HandToDriver(const TUint8* bytes, std::size_t count);
+  bool Fetch();
+  bool MayBeUsed();
+  void GiveUpWriting(std::size_t taken, std::size_t count);
   void Break(const std::string& reason);
+  void FlushOnce();
   void CloseLine();
 
   const std::string iName;
   const dev_t iDevice;
-  // Set before iMutex is locked: a user who polls without a pause would else lock it again and again first.
+  // A child process has a copy of what its parent has gathered.
+  const pid_t iProcess = ::getpid();
+  // Set before iLock is taken: a user who polls without a pause would else take it again and again first.
   std::atomic<bool> iTakenOver{false};
-  std::mutex iMutex;
+  CSeldomShared iLock;
   CDescriptor iLine;
+  CBytes<KGathered_bytes> iGathered;
+  // When the first of them came, or when the driver last took some.
+  TMoment iGatheredSince;
+  // The flusher met an error of which the next call has to tell.
+  bool iFailed = false;
+  bool iMayGather = true;  ///< somebody will see to it that what waits does not wait for long
+  CBytes<KFetched_bytes> iFetched;
+  bool iLastReadWasInVain = false;
 };
 
 TInt32 CSerialPort::Write(const TUint8* buffer, TUint32 count, TUint32* written) {
-  const TUint64 start_ms = OSALTickCount();
   *written = 0;
-  do {
+  if (!WriteSome(buffer, count, written)) {
+    return -1;
+  }
+  const TUint64 start_ms = *written < count ? OSALTickCount() : 0;
+  while (*written < count) {
+    if (OSALTickCount() - start_ms >= KWriteLimit_ms) {
+      const std::lock_guard<CSeldomShared> lock(iLock);
+      // Unless the flusher has just done so.
+      if (MayBeUsed()) {
+        GiveUpWriting(*written, count);
+      }
+      return -1;
+    }
     if (!WriteSome(buffer, count, written)) {
       return -1;
     }
-    if (*written == count) {
-      return 0;
-    }
-  } while (OSALTickCount() - start_ms < KWriteLimit_ms);
-  LOG_ERROR(logging::Platform, "Serial port " << iName << " took only " << *written << " of " << count
-                                              << " bytes in " << KWriteLimit_ms
-                                              << " ms; is the device on, and its flow control wired?");
-  return -1;
+  }
+  return 0;
 }
 
+// Takes what it can, and gives the driver a while to make room for the rest.
 bool CSerialPort::WriteSome(const TUint8* buffer, TUint32 count, TUint32* written) {
   if (iTakenOver) {
     return false;
   }
-  const std::lock_guard<std::mutex> lock(iMutex);
-  if (!iLine.IsOpen()) {
+  const std::lock_guard<CSeldomShared> lock(iLock);
+  if (!MayBeUsed()) {
     return false;
   }
-  const ssize_t taken =
-      RetryInterrupted([&] { return ::write(iLine.Get(), buffer + *written, count - *written); });
-  if (taken == -1 && errno != EAGAIN) {
-    Break(std::generic_category().message(errno));
+  const TUint32 rest = count - *written;
+  if (rest > iGathered.Room() && !HandOver()) {
     return false;
   }
-  *written += taken > 0 ? static_cast<TUint32>(taken) : 0;
+  if (rest <= iGathered.Room()) {
+    *written = count;
+    return Gather(buffer + count - rest, rest);
+  }
+  if (iGathered.IsEmpty() && !WriteThrough(buffer, count, written)) {
+    return false;
+  }
   if (*written < count) {
     pollfd room{iLine.Get(), POLLOUT, 0};
     ::poll(&room, 1, KWriteSlice_ms);
@@ -127,28 +231,134 @@ bool CSerialPort::WriteSome(const TUint8* buffer, TUint32 count, TUint32* writte
   return true;
 }
 
+// What fills the memory anyway need not go through it.
+bool CSerialPort::WriteThrough(const TUint8* buffer, TUint32 count, TUint32* written) {
+  const ssize_t taken = HandToDriver(buffer + *written, count - *written);
+  *written += taken > 0 ? static_cast<TUint32>(taken) : 0;
+  return taken >= 0;
+}
+
+bool CSerialPort::Gather(const TUint8* bytes, TUint32 count) {
+  if (count == 0) {
+    return true;
+  }
+  if (iGathered.IsEmpty()) {
+    iGatheredSince = std::chrono::steady_clock::now();
+    iMayGather = CFlusher::Instance().CallAt(iGatheredSince + KGatheredFor, *this);
+  }
+  iGathered.Append(bytes, count);
+  return (iMayGather && iGathered.Room() > 0) || HandOver();
+}
+
+void CSerialPort::FlushDue() {
+  const std::lock_guard<CSeldomShared> lock(iLock);
+  const TMoment now = std::chrono::steady_clock::now();
+  const TMoment due = iGatheredSince + KGatheredFor;
+  // What is there may be younger than what the call was for.
+  const bool isDue = due <= now;
+  if (isDue && !HandOver()) {
+    iFailed = true;
+  }
+  if (!iGathered.IsEmpty()) {
+    CFlusher::Instance().CallAt(isDue ? now + KRetryAfter : due, *this);
+  }
+}
+
+// Offers the driver what was gathered, and does not wait for it. False when the line is broken or the driver
+// has taken nothing for long.
+bool CSerialPort::HandOver() {
+  if (iGathered.IsEmpty()) {
+    return true;
+  }
+  const ssize_t taken = HandToDriver(iGathered.Data(), iGathered.Size());
+  if (taken == -1) {
+    return false;
+  }
+  const TMoment now = std::chrono::steady_clock::now();
+  if (taken == 0 && now - iGatheredSince >= std::chrono::milliseconds(KWriteLimit_ms)) {
+    GiveUpWriting(0, iGathered.Size());
+    return false;
+  }
+  if (taken > 0) {
+    iGatheredSince = now;
+    iGathered.Drop(static_cast<std::size_t>(taken));
+  }
+  if (iGathered.IsEmpty()) {
+    CFlusher::Instance().Cancel(*this);
+  }
+  return true;
+}
+
+// How many the driver took, 0 when it has no room; -1 when that was the end of the line.
+ssize_t CSerialPort::HandToDriver(const TUint8* bytes, std::size_t count) {
+  const ssize_t taken = RetryInterrupted([&] { return ::write(iLine.Get(), bytes, count); });
+  if (taken == -1 && errno == EAGAIN) {
+    return 0;
+  }
+  if (taken == -1) {
+    Break(std::generic_category().message(errno));
+  }
+  return taken;
+}
+
+void CSerialPort::GiveUpWriting(std::size_t taken, std::size_t count) {
+  LOG_ERROR(logging::Platform, "Serial port " << iName << " took only " << taken << " of " << count
+                                              << " bytes in " << KWriteLimit_ms
+                                              << " ms; is the device on, and its flow control wired?");
+  iGathered.Drop(iGathered.Size());
+}
+
 TInt32 CSerialPort::Read(TUint8* buffer, TUint32 count, TUint32* received) {
   *received = 0;
   if (iTakenOver) {
     return -1;
   }
-  const std::lock_guard<std::mutex> lock(iMutex);
-  if (!iLine.IsOpen()) {
+  const std::lock_guard<CSeldomShared> lock(iLock);
+  if (!MayBeUsed() || !HandOver()) {
     return -1;
   }
-  if (count == 0) {
-    return 0;
+  if (count > 0 && iFetched.IsEmpty() && !Fetch()) {
+    return -1;
   }
-  const ssize_t result = RetryInterrupted([&] { return ::read(iLine.Get(), buffer, count); });
-  if (result > 0) {
-    *received = static_cast<TUint32>(result);
-    return 0;
+  const std::size_t served = std::min<std::size_t>(count, iFetched.Size());
+  std::copy_n(iFetched.Data(), served, buffer);
+  iFetched.Drop(served);
+  *received = static_cast<TUint32>(served);
+  iLastReadWasInVain = served == 0;
+  HasPolled(this);
+  return 0;
+}
+
+// Takes over what the driver has, be it nothing. False when the line is broken.
+bool CSerialPort::Fetch() {
+  std::array<TUint8, KFetched_bytes> bytes;
+  const ssize_t count = RetryInterrupted([&] { return ::read(iLine.Get(), bytes.data(), bytes.size()); });
+  if (count > 0) {
+    iFetched.Append(bytes.data(), static_cast<std::size_t>(count));
+    return true;
   }
-  if (result == -1 && errno == EAGAIN) {
-    return 0;
+  if (count == -1 && errno == EAGAIN) {
+    return true;
   }
-  Break(result == 0 ? "hung up" : std::generic_category().message(errno));
-  return -1;
+  Break(count == 0 ? "hung up" : std::generic_category().message(errno));
+  return false;
+}
+
+// A line that ends its own wait, because it is broken, lets the next call tell of it.
+void CSerialPort::AwaitChange() {
+  if (iTakenOver) {
+    return;
+  }
+  const std::lock_guard<CSeldomShared> lock(iLock);
+  if (iLine.IsOpen() && iLastReadWasInVain) {
+    const int roomToo = iGathered.IsEmpty() ? 0 : POLLOUT;
+    pollfd change{iLine.Get(), static_cast<short>(POLLIN | roomToo), 0};
+    ::poll(&change, 1, KLongestPause_ms);
+  }
+}
+
+bool CSerialPort::MayBeUsed() {
+  return iLine.IsOpen() && !std::exchange(iFailed, false);
 }
 
 void CSerialPort::Break(const std::string& reason) {
@@ -159,11 +369,28 @@ void CSerialPort::Break(const std::string& reason) {
 
 void CSerialPort::GiveUpLine() {
   iTakenOver = true;
-  const std::lock_guard<std::mutex> lock(iMutex);
+  const std::lock_guard<CSeldomShared> lock(iLock);
+  FlushOnce();
   CloseLine();
 }
 
+void CSerialPort::FlushAtExit() {
+  const std::unique_lock<CSeldomShared> lock(iLock, std::try_to_lock);
+  if (lock.owns_lock()) {
+    FlushOnce();
+  }
+}
+
+// Nobody is left to be told of what the driver does not take now.
+void CSerialPort::FlushOnce() {
+  if (iLine.IsOpen() && !iGathered.IsEmpty() && ::getpid() == iProcess) {
+    RetryInterrupted([&] { return ::write(iLine.Get(), iGathered.Data(), iGathered.Size()); });
+    iGathered.Drop(iGathered.Size());
+  }
+}
+
 void CSerialPort::CloseLine() {
+  iGathered.Drop(iGathered.Size());
   if (iLine.IsOpen()) {
     // A child process that has not got as far as exec yet would keep the lock beyond the close.
     ::flock(iLine.Get(), LOCK_UN);
@@ -250,7 +477,10 @@ class CPortTable {
  public:
   /// The one table of the process; never destroyed, since threads may use their ports while the process ends.
   static CPortTable& Instance() {
-    static auto* const table = new CPortTable;
+    static auto* const table = [] {
+      std::atexit([] { Instance().FlushAtExit(); });
+      return new CPortTable;
+    }();
     return *table;
   }
 
@@ -258,6 +488,7 @@ class CPortTable {
 
  private:
   void TakeOver(dev_t device);
+  void FlushAtExit();
 
   std::mutex iMutex;
   std::vector<std::unique_ptr<CSerialPort>> iPorts;
@@ -285,6 +516,15 @@ void CPortTable::TakeOver(dev_t device) {
   for (const auto& port : iPorts) {
     if (port->IsFor(device)) {
       port->GiveUpLine();
+    }
+  }
+}
+
+void CPortTable::FlushAtExit() {
+  const std::unique_lock<std::mutex> lock(iMutex, std::try_to_lock);
+  if (lock.owns_lock()) {
+    for (const auto& port : iPorts) {
+      port->FlushAtExit();
     }
   }
 }

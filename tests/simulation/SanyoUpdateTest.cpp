@@ -88,33 +88,32 @@ TEST(SanyoUpdate, OfALargeImageShowsEveryPercentOnce) {
 // What goes over the line in both directions.
 class TappedLine : public IWorldLine {
  public:
-  explicit TappedLine(simulator::Line& line) : iLine(line) {}
+  explicit TappedLine(IWorldLine& line) : iLine(line) {}
 
   bool HostWrite(std::uint8_t byte, std::int64_t now_us) override {
     fromHost.push_back(byte);
-    return iLine.HostWrite(&byte, 1, now_us) == 1;
+    return iLine.HostWrite(byte, now_us);
   }
   int HostRead(std::uint8_t& byte, std::int64_t now_us) override {
-    const int result = iLine.HostRead(&byte, 1, now_us);
+    const int result = iLine.HostRead(byte, now_us);
     if (result == 1) {
       toHost.push_back(byte);
     }
     return result;
   }
-  std::int64_t NextEvent_us(std::int64_t now_us) override { return iLine.NextEvent(now_us); }
-  void Advance(std::int64_t now_us) override { iLine.Advance(now_us); }
+  std::int64_t AdvanceToArrival(std::int64_t limit_us) override { return iLine.AdvanceToArrival(limit_us); }
 
   std::vector<std::uint8_t> fromHost;
   std::vector<std::uint8_t> toHost;
 
  private:
-  simulator::Line& iLine;
+  IWorldLine& iLine;
 };
 
 TEST(SanyoUpdate, PutsNothingOnTheLineButTheOneTransfer) {
   SanyoBench bench;
   bench.MakeFiles(0, 2048);
-  TappedLine line(bench.Line());
+  TappedLine line(bench.WorldLine());
   bench.World().Plug(bench.PathOf("port"), line);
   ASSERT_TRUE(bench.Update());
   std::vector<std::uint8_t> expected;
@@ -317,7 +316,7 @@ TEST(SanyoUpdate, LeavesNothingBehindWhenTheModuleIsDeletedInItsMiddle) {
 // A line that damages one byte from the host and turns every NAK for it into an ACK.
 class LyingLine : public TappedLine {
  public:
-  LyingLine(simulator::Line& line, std::size_t damaged) : TappedLine(line), iDamaged(damaged) {}
+  LyingLine(IWorldLine& line, std::size_t damaged) : TappedLine(line), iDamaged(damaged) {}
 
   bool HostWrite(std::uint8_t byte, std::int64_t now_us) override {
     const bool damages = fromHost.size() == iDamaged;
@@ -338,7 +337,7 @@ class LyingLine : public TappedLine {
 TEST(SanyoUpdate, IsASuccessForTheModuleWhenAFalseAckTakesTheLastBlocksPlace) {
   SanyoBench bench;
   bench.MakeFiles(0, 2048);
-  LyingLine line(bench.Line(), 1029 + 500);
+  LyingLine line(bench.WorldLine(), 1029 + 500);
   bench.World().Plug(bench.PathOf("port"), line);
   EXPECT_TRUE(bench.Update());
   EXPECT_EQ(bench.Percentages().back(), 101);

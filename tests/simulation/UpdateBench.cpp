@@ -60,6 +60,22 @@ std::string Describe(const TEvent& event) {
 
 }  // namespace
 
+std::int64_t SimulatedLine::AdvanceToArrival(std::int64_t limit_us) {
+  std::int64_t now_us = iNow_us;
+  iNow_us = limit_us;
+  const bool waiting = iLine.NextEvent(now_us) <= now_us;
+  while (!waiting && iLine.NextEvent(now_us) <= limit_us) {
+    now_us = iLine.NextEvent(now_us);
+    iLine.Advance(now_us);
+    // Once all is done that was due, only a byte for the host is still to come now.
+    if (iLine.Unplugged() || iLine.NextEvent(now_us) <= now_us) {
+      return iNow_us = now_us;
+    }
+  }
+  iLine.Advance(limit_us);
+  return limit_us;
+}
+
 UpdateBench::UpdateBench(const std::string& devices, const simulator::Options& options,
                          const simulator::LineOptions& lineOptions)
     : iFolder(MakeFolder()), iDevices(simulator::MakeDevices(devices, options)) {

@@ -23,13 +23,13 @@ class SimulatedLine : public IWorldLine {
     return iLine.HostWrite(&byte, 1, now_us) == 1;
   }
   int HostRead(std::uint8_t& byte, std::int64_t now_us) override { return iLine.HostRead(&byte, 1, now_us); }
-  std::int64_t NextEvent_us(std::int64_t now_us) override { return iLine.NextEvent(now_us); }
-  void Advance(std::int64_t now_us) override { iLine.Advance(now_us); }
+  std::int64_t AdvanceToArrival(std::int64_t limit_us) override;
 
   simulator::Line& Get() { return iLine; }
 
  private:
   simulator::Line iLine;
+  std::int64_t iNow_us = 0;
 };
 
 /// A head unit in simulated time: the module as FeatureCreate2 makes it, a controller that writes down what
@@ -75,6 +75,7 @@ class UpdateBench : private IEventObserver {
   VirtualWorld& World() { return iWorld; }
   FakeProperties& Properties() { return iProperties; }
   simulator::DeviceList& Devices() { return *iDevices; }
+  IWorldLine& WorldLine() { return *iLine; }
   simulator::Line& Line() { return iLine->Get(); }
   LogCapture& Log() { return iLog; }
   const std::vector<std::uint8_t>& Image() const { return iImage; }

@@ -5,12 +5,16 @@
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
+#include <cstdio>
 #include <utility>
 
 namespace {
 
 thread_local int mallocs_to_failure = 0;
+thread_local int fwrites_to_failure = 0;
 thread_local int creations_to_failure = 0;
+thread_local std::size_t last_malloc_size = 0;
+std::atomic<int> live_storage{0};
 std::atomic<int> created{0};
 std::atomic<int> joined{0};
 
@@ -32,12 +36,24 @@ void FailMalloc(int n) {
   mallocs_to_failure = n;
 }
 
+void FailFwrite(int n) {
+  fwrites_to_failure = n;
+}
+
 void FailPthreadCreate(int n) {
   creations_to_failure = n;
 }
 
 void AfterPthreadCreate(std::function<void()> hook) {
   Hook() = std::move(hook);
+}
+
+int LiveStorage() {
+  return live_storage;
+}
+
+std::size_t LastMallocSize() {
+  return last_malloc_size;
 }
 
 int ThreadsCreated() {
@@ -50,6 +66,7 @@ int ThreadsJoined() {
 
 void Reset() {
   mallocs_to_failure = 0;
+  fwrites_to_failure = 0;
   creations_to_failure = 0;
   Hook() = nullptr;
   created = 0;
@@ -63,12 +80,26 @@ void Reset() {
 extern "C" {
 
 void* __real_malloc(std::size_t size);
+void __real_free(void* storage);
+std::size_t __real_fwrite(const void* data, std::size_t size, std::size_t count, std::FILE* file);
 int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*),
                           void* argument);
 int __real_pthread_join(pthread_t thread, void** result);
 
 void* __wrap_malloc(std::size_t size) {
-  return CountsDownToZero(mallocs_to_failure) ? nullptr : __real_malloc(size);
+  last_malloc_size = size;
+  void* const storage = CountsDownToZero(mallocs_to_failure) ? nullptr : __real_malloc(size);
+  live_storage += storage != nullptr ? 1 : 0;
+  return storage;
+}
+
+void __wrap_free(void* storage) {
+  live_storage -= storage != nullptr ? 1 : 0;
+  __real_free(storage);
+}
+
+std::size_t __wrap_fwrite(const void* data, std::size_t size, std::size_t count, std::FILE* file) {
+  return CountsDownToZero(fwrites_to_failure) ? 0 : __real_fwrite(data, size, count, file);
 }
 
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*),

@@ -1,5 +1,7 @@
 #include "LogCapture.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 
 namespace {
@@ -10,6 +12,16 @@ std::string FunctionName(std::string signature) {
   // A compiler may write the asterisk of a result at the name.
   const auto blank = signature.find_last_of(" *&");
   return blank == std::string::npos ? signature : signature.substr(blank + 1);
+}
+
+// Every room of the production code logs for its own module.
+void ExpectItsOwnModule(const logging::TLine& line) {
+  const std::string file = line.file;
+  if (file.find("features/") == 0) {
+    EXPECT_EQ(line.module, logging::PeripheralLoader) << file << ":" << line.line;
+  } else if (file.find("SWLInfra/") == 0) {
+    EXPECT_EQ(line.module, logging::SWLInfra) << file << ":" << line.line;
+  }
 }
 
 std::string Text(const LogCapture::Line& line) {
@@ -28,6 +40,7 @@ LogCapture::~LogCapture() {
 }
 
 void LogCapture::Write(const logging::TLine& line) {
+  ExpectItsOwnModule(line);
   iLines.push_back({line.level, line.module, FunctionName(line.signature), line.file, line.line,
                     std::string(line.message)});
 }

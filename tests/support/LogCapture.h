@@ -5,7 +5,8 @@
 
 #include "Logging.h"
 
-/// Takes the place of the log's sink while it lives and keeps every line of every level.
+/// Takes the place of the log's sink while it lives and keeps every line of every level. A line that is not
+/// of its room's module fails the test.
 class LogCapture : public logging::ISink {
  public:
   struct Line {

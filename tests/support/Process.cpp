@@ -3,10 +3,13 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstdint>
 
 namespace {
 
@@ -20,7 +23,7 @@ int Left_ms(Clock::time_point deadline) {
 }  // namespace
 
 Process::Process(const std::string& program, std::vector<std::string> arguments,
-                 const std::vector<std::string>& environment) {
+                 const std::vector<std::string>& environment, int line) {
   arguments.insert(arguments.begin(), program);
   std::vector<char*> argv;
   for (std::string& argument : arguments) {
@@ -37,7 +40,11 @@ Process::Process(const std::string& program, std::vector<std::string> arguments,
     for (const std::string& entry : environment) {
       putenv(const_cast<char*>(entry.c_str()));
     }
-    dup2(ends[1], STDOUT_FILENO);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (line != -1) {
+      dup2(line, STDIN_FILENO);
+    }
+    dup2(line == -1 ? ends[1] : line, STDOUT_FILENO);
     dup2(ends[1], STDERR_FILENO);
     execv(program.c_str(), argv.data());
     _exit(127);

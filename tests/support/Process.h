@@ -5,13 +5,14 @@
 #include <string>
 #include <vector>
 
-/// A program of the project as a process: what it prints on both outputs is collected, every wait is bounded,
-/// and it is killed when the object goes.
+/// A program as a process: what it prints on both outputs is collected, every wait is bounded, and it is
+/// killed when the object goes, or the thread that made it ends.
 class Process {
  public:
-  /// `program` is a path; `environment` holds NAME=VALUE entries to add.
+  /// `program` is a path; `environment` holds NAME=VALUE entries to add. `line`, unless it is -1, becomes its
+  /// standard input and output, and only what it prints on the standard error is collected.
   Process(const std::string& program, std::vector<std::string> arguments,
-          const std::vector<std::string>& environment = {});
+          const std::vector<std::string>& environment = {}, int line = -1);
   ~Process();
   Process(const Process&) = delete;
   Process& operator=(const Process&) = delete;

@@ -3,17 +3,16 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <cerrno>
 
 #include "SerialPorts.h"
 
 namespace {
 
-// How far the clock jumps at most, so that waits end close to their limits.
+// How far the clock jumps at most while somebody waits, so that waits end close to their limits.
 constexpr std::int64_t kLongestJump_us = 100'000;
 
 VirtualWorld* present_world = nullptr;
-thread_local int this_thread = 0;
-thread_local bool last_read_was_empty = false;
 
 }  // namespace
 
@@ -27,13 +26,15 @@ class VirtualWorld::Port : public ISerialPort {
         return -1;
       }
     }
+    iWorld.LetEventThreadCatchUp();
     return 0;
   }
 
   TInt32 Read(TUint8* buffer, TUint32 /*count*/, TUint32* received) override {
     const int result = iLine == nullptr ? -1 : iLine->HostRead(*buffer, iWorld.iNow_us);
-    last_read_was_empty = result == 0;
+    iWorld.iLastReadWasEmpty = result == 0;
     *received = result == 1 ? 1 : 0;
+    iWorld.LetEventThreadCatchUp();
     return result < 0 ? -1 : 0;
   }
 
@@ -63,21 +64,22 @@ VirtualWorld* VirtualWorld::Present() {
 }
 
 void VirtualWorld::Plug(const std::string& portName, IWorldLine& line) {
-  iLines[portName] = &line;
+  iPortName = portName;
+  iLine = &line;
 }
 
 // As the platform does: a port made anew takes the line over from the one before.
 ISerialPort* VirtualWorld::MakePort(const std::string& name) {
-  const auto line = iLines.find(name);
-  if (line == iLines.end()) {
+  if (iLine == nullptr || name != iPortName) {
     return nullptr;
   }
   for (const auto& port : iPorts) {
-    if (port->Line() == line->second) {
+    if (port->Line() == iLine) {
       port->LoseLine();
     }
   }
-  iPorts.push_back(std::make_unique<Port>(*this, *line->second));
+  iLine->Opened(iNow_us);
+  iPorts.push_back(std::make_unique<Port>(*this, *iLine));
   return iPorts.back().get();
 }
 
@@ -160,7 +162,7 @@ bool VirtualWorld::DeliverDueTick() {
 }
 
 std::int64_t VirtualWorld::NextTick_us() const {
-  std::int64_t next_us = IWorldLine::kNever;
+  std::int64_t next_us = kNever;
   for (const Subscription& timer : iSubscriptions) {
     if (timer.period_us > 0) {
       next_us = std::min(next_us, timer.due_us);
@@ -178,8 +180,7 @@ bool VirtualWorld::RunUntil(const std::function<bool()>& isDone, std::int64_t li
       continue;
     }
     if (Worker* worker = NextBusyWorker()) {
-      PassTurnTo(worker->id);
-      WaitForTurn(kEventThread);
+      worker->fiber->Resume();
     } else {
       JumpToNextEvent();
     }
@@ -192,22 +193,9 @@ void VirtualWorld::RunFor(std::int64_t ms) {
 }
 
 void VirtualWorld::JumpToNextEvent() {
-  std::int64_t next_us = std::min({iNow_us + kLongestJump_us, NextTick_us(), iLimit_us});
-  for (const auto& [name, line] : iLines) {
-    const std::int64_t event_us = line->NextEvent_us(iNow_us);
-    // Bytes that nobody takes are no event.
-    if (event_us > iNow_us) {
-      next_us = std::min(next_us, event_us);
-    }
-  }
-  JumpTo(next_us);
-}
-
-void VirtualWorld::JumpTo(std::int64_t time_us) {
-  iNow_us = time_us;
-  for (const auto& [name, line] : iLines) {
-    line->Advance(iNow_us);
-  }
+  const std::int64_t longest_us = BusyWorkers() == 0 ? iLimit_us : iNow_us + kLongestJump_us;
+  const std::int64_t limit_us = std::min({longest_us, NextTick_us(), iLimit_us});
+  iNow_us = iLine == nullptr ? limit_us : iLine->AdvanceToArrival(limit_us);
   for (Worker& worker : iWorkers) {
     worker.idle = false;
   }
@@ -215,45 +203,52 @@ void VirtualWorld::JumpTo(std::int64_t time_us) {
 
 // A worker that has just found nothing to read gives its turn away, or moves the clock when everybody waits.
 void VirtualWorld::Sleep_us(int /*us*/) {
-  if (this_thread == kEventThread || !last_read_was_empty) {
+  if (OnEventThread() || !iLastReadWasEmpty) {
     return;
   }
-  FindWorker(this_thread)->idle = true;
-  if (Worker* other = NextBusyWorker()) {
-    PassTurnTo(other->id);
-    WaitForTurn(this_thread);
+  Worker* self = CurrentWorker();
+  self->idle = true;
+  if (NextBusyWorker() != nullptr) {
+    self->fiber->Yield();
     return;
   }
   const std::int64_t tick_us = NextTick_us();
   JumpToNextEvent();
-  if (iNow_us >= tick_us || iNow_us >= iLimit_us || !iQueue.empty()) {
-    PassTurnTo(kEventThread);
-    WaitForTurn(this_thread);
+  if (iNow_us >= tick_us || iNow_us >= iLimit_us) {
+    self->fiber->Yield();
   }
 }
 
-void VirtualWorld::PassTurnTo(int id) {
-  const std::lock_guard<std::mutex> lock(iMutex);
-  iTurn = id;
-  iTurnPassed.notify_all();
+// What was posted while a worker used the line is delivered at once, as on a machine of several processors.
+void VirtualWorld::LetEventThreadCatchUp() {
+  if (!iQueue.empty() && !OnEventThread()) {
+    Fiber::Current()->Yield();
+  }
 }
 
-void VirtualWorld::WaitForTurn(int id) {
-  std::unique_lock<std::mutex> lock(iMutex);
-  iTurnPassed.wait(lock, [&] { return iTurn == id; });
-}
-
-VirtualWorld::Worker* VirtualWorld::FindWorker(int id) {
+VirtualWorld::Worker* VirtualWorld::FindWorker(pthread_t thread) {
   const auto worker = std::find_if(iWorkers.begin(), iWorkers.end(),
-                                   [id](const Worker& candidate) { return candidate.id == id; });
+                                   [thread](const Worker& candidate) { return candidate.thread == thread; });
   return worker == iWorkers.end() ? nullptr : &*worker;
+}
+
+VirtualWorld::Worker* VirtualWorld::CurrentWorker() {
+  const auto worker = std::find_if(iWorkers.begin(), iWorkers.end(), [](const Worker& candidate) {
+    return candidate.fiber.get() == Fiber::Current();
+  });
+  return &*worker;
 }
 
 VirtualWorld::Worker* VirtualWorld::NextBusyWorker() {
   const auto worker = std::find_if(iWorkers.begin(), iWorkers.end(), [](const Worker& candidate) {
-    return !candidate.idle && !candidate.ended;
+    return !candidate.idle && !candidate.fiber->Ended();
   });
   return worker == iWorkers.end() ? nullptr : &*worker;
+}
+
+std::size_t VirtualWorld::BusyWorkers() const {
+  return static_cast<std::size_t>(std::count_if(iWorkers.begin(), iWorkers.end(),
+                                                [](const Worker& worker) { return !worker.fiber->Ended(); }));
 }
 
 // ---- Worker threads ----
@@ -271,39 +266,25 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, v
 
 int __wrap_pthread_join(pthread_t thread, void** result) {
   VirtualWorld* world = VirtualWorld::Present();
-  return world != nullptr ? world->JoinWorker(thread, result) : __real_pthread_join(thread, result);
+  return world != nullptr ? world->JoinWorker(thread) : __real_pthread_join(thread, result);
 }
 }
 
 int VirtualWorld::CreateWorker(pthread_t* thread, void* (*entry)(void*), void* argument) {
-  const int id = ++iLastWorker;
-  iWorkers.push_back({id, {}, false, false});
-  const int error = __real_pthread_create(thread, nullptr, RunWorker, new Start{this, id, entry, argument});
-  FindWorker(id)->thread = *thread;
-  return error;
-}
-
-void* VirtualWorld::RunWorker(void* start) {
-  const std::unique_ptr<Start> own(static_cast<Start*>(start));
-  VirtualWorld& world = *own->world;
-  this_thread = own->id;
-  world.WaitForTurn(own->id);
-  void* result = own->entry(own->argument);
-  world.FindWorker(own->id)->ended = true;
-  world.PassTurnTo(kEventThread);
-  return result;
-}
-
-int VirtualWorld::JoinWorker(pthread_t thread, void** result) {
-  const auto worker = std::find_if(iWorkers.begin(), iWorkers.end(), [&](const Worker& candidate) {
-    return pthread_equal(candidate.thread, thread) != 0;
-  });
-  const int id = worker->id;
-  while (!FindWorker(id)->ended) {
-    PassTurnTo(id);
-    WaitForTurn(kEventThread);
+  if (iRefusesThread && iRefusesThread()) {
+    return EAGAIN;
   }
-  const int error = __real_pthread_join(thread, result);
-  iWorkers.erase(iWorkers.begin() + (FindWorker(id) - iWorkers.data()));
-  return error;
+  *thread = ++iLastThread;
+  auto fiber = std::make_unique<Fiber>([entry, argument] { entry(argument); });
+  iWorkers.push_back({*thread, false, std::move(fiber)});
+  return 0;
+}
+
+int VirtualWorld::JoinWorker(pthread_t thread) {
+  Worker* worker = FindWorker(thread);
+  while (!worker->fiber->Ended()) {
+    worker->fiber->Resume();
+  }
+  iWorkers.erase(iWorkers.begin() + (worker - iWorkers.data()));
+  return 0;
 }

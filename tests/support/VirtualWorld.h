@@ -1,15 +1,16 @@
 #pragma once
 
-#include <condition_variable>
+#include <pthread.h>
+
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "Fiber.h"
 #include "IEventBroker.h"
 #include "ISerialPort.h"
 #include "VirtualClock.h"
@@ -23,21 +24,19 @@ class IWorldLine {
   virtual bool HostWrite(std::uint8_t byte, std::int64_t now_us) = 0;
   /// What has arrived at the host: 1 and a byte, 0 for nothing, -1 when the line is broken.
   virtual int HostRead(std::uint8_t& byte, std::int64_t now_us) = 0;
-  /// When something will happen by itself, or kNever.
-  virtual std::int64_t NextEvent_us(std::int64_t now_us) = 0;
-  /// The time has come to `now_us`.
-  virtual void Advance(std::int64_t now_us) = 0;
-
-  static constexpr std::int64_t kNever = INT64_MAX;
+  /// Lets the time pass to `limit_us`, or only to the moment at which a byte arrives at the host or the line
+  /// breaks. Returns that moment.
+  virtual std::int64_t AdvanceToArrival(std::int64_t limit_us) = 0;
+  /// The host has made a port on this line at `now_us`.
+  virtual void Opened(std::int64_t /*now_us*/) {}
 };
 
-/// A whole host in simulated time: the clock, the broker with its timers, the serial lines and the worker
-/// threads of the module. One thread runs at a time, the others wait for their turn, so that a run is the
-/// same every time. When all of them wait, the clock jumps to the next thing that happens.
+/// A whole host in simulated time: the clock, the broker with its timers, a serial line and the worker
+/// threads of the module. The workers are fibers that take turns with the thread that delivers events, which
+/// is the test's, so that a run is the same every time. When all of them wait, the clock jumps to the next
+/// thing that happens.
 ///
-/// The test's thread is the thread that delivers events. The executable is linked with --wrap=pthread_create
-/// and
-/// --wrap=pthread_join. One world exists at a time.
+/// The executable is linked with --wrap=pthread_create and --wrap=pthread_join. One world exists at a time.
 class VirtualWorld : public IEventBroker, private virtual_clock::IWorldClock {
  public:
   VirtualWorld();
@@ -52,7 +51,7 @@ class VirtualWorld : public IEventBroker, private virtual_clock::IWorldClock {
   /// Passes every call of the broker on to `witness` before it is carried out. Null ends it.
   void SetWitness(IEventBroker* witness) { iWitness = witness; }
 
-  /// A serial device; the line must live as long as the world.
+  /// The one serial device, in the place of the one before; the line must live as long as the world.
   void Plug(const std::string& portName, IWorldLine& line);
 
   /// Delivers events and lets time pass until `isDone` holds, at the longest for `limit_ms`. Whether it held.
@@ -65,10 +64,17 @@ class VirtualWorld : public IEventBroker, private virtual_clock::IWorldClock {
   std::size_t PortsMade() const { return iPorts.size(); }
   std::size_t Subscriptions() const { return iSubscriptions.size(); }
   std::size_t Workers() const { return iWorkers.size(); }
+  /// Workers whose function has not returned yet.
+  std::size_t BusyWorkers() const;
+  /// Whether the caller is the thread that delivers events.
+  static bool OnEventThread() { return Fiber::Current() == nullptr; }
+
+  /// Asked before each worker is made: true lets its creation fail.
+  void RefuseThreads(std::function<bool()> refuses) { iRefusesThread = std::move(refuses); }
 
   /// For the wrapped thread functions.
   int CreateWorker(pthread_t* thread, void* (*entry)(void*), void* argument);
-  int JoinWorker(pthread_t thread, void** result);
+  int JoinWorker(pthread_t thread);
   static VirtualWorld* Present();
 
  private:
@@ -82,52 +88,42 @@ class VirtualWorld : public IEventBroker, private virtual_clock::IWorldClock {
     IEventObserver* observer;
   };
   struct Worker {
-    int id;
     pthread_t thread;
     bool idle;
-    bool ended;
+    std::unique_ptr<Fiber> fiber;
   };
   struct QueuedEvent {
     TEvent event;
     std::string payload;
   };
-  struct Start {
-    VirtualWorld* world;
-    int id;
-    void* (*entry)(void*);
-    void* argument;
-  };
-  static constexpr int kEventThread = 0;
+  static constexpr std::int64_t kNever = INT64_MAX;
 
   std::uint64_t Now_ms() override { return static_cast<std::uint64_t>(iNow_us / 1000); }
   void Sleep_us(int us) override;
 
-  static void* RunWorker(void* start);
   ISerialPort* MakePort(const std::string& name);
 
-  void PassTurnTo(int id);
-  void WaitForTurn(int id);
-  Worker* FindWorker(int id);
+  Worker* FindWorker(pthread_t thread);
+  Worker* CurrentWorker();
   Worker* NextBusyWorker();
+  void LetEventThreadCatchUp();
 
   bool DeliverOne();
   bool DeliverDueTick();
   void Deliver(const TEvent& event);
   std::int64_t NextTick_us() const;
   void JumpToNextEvent();
-  void JumpTo(std::int64_t time_us);
 
   std::int64_t iNow_us = 0;
-  std::int64_t iLimit_us = IWorldLine::kNever;
+  std::int64_t iLimit_us = kNever;
   IEventBroker* iWitness = nullptr;
   std::vector<Subscription> iSubscriptions;
   std::deque<QueuedEvent> iQueue;
-  std::map<std::string, IWorldLine*> iLines;
+  std::string iPortName;
+  IWorldLine* iLine = nullptr;
   std::vector<std::unique_ptr<Port>> iPorts;
   std::vector<Worker> iWorkers;
-  int iLastWorker = 0;
-
-  std::mutex iMutex;
-  std::condition_variable iTurnPassed;
-  int iTurn = kEventThread;
+  std::function<bool()> iRefusesThread;
+  pthread_t iLastThread = 0;
+  bool iLastReadWasEmpty = false;
 };

@@ -104,6 +104,8 @@ TEST_P(ConfigurationMistake, IsNamedWithItsPlaceAndItsCure) {
 
 const Mistake kMistakes[] = {
     {"a = ", ":1:", "not valid TOML"},
+    {"[%x]", ":1:2: ", "not valid TOML"},
+    {"[a]\n[[%]]", ":2:3: ", "not valid TOML"},
     {"[properties]\nxmodemsped = 1", ":2:14: ", "unknown key 'xmodemsped'; did you mean 'xmodemspeed'?"},
     {"libary = \"x\"", ":1:10: ", "unknown key 'libary'; did you mean 'library'?"},
     {"[propertys]", ":1:1: ", "unknown key 'propertys'; did you mean 'properties'?"},

@@ -8,6 +8,7 @@
 
 #include "CanXModemLoader.h"
 #include "Files.h"
+#include "InjectedFailures.h"
 #include "Journal.h"
 #include "SanyoXModemLoader.h"
 #include "SerialPorts.h"
@@ -175,6 +176,22 @@ TEST_F(Factory, MakesALoaderForEachKnownEntryAndComplainsOfTheOthersInOrder) {
     EXPECT_EQ(SignsOf(iLoaders), WithoutComplaints(list.outcome));
     DeleteLoaders();
   }
+}
+
+TEST_F(Factory, SkipsAndAddsAlikeWithTheLogOff) {
+  LogCapture log;
+  logging::SetLowestLevel(logging::EAlways);
+  Create("foo;xmodem;sanyoxmodem");
+  EXPECT_EQ(SignsOf(iLoaders), "CS");
+  EXPECT_EQ(log.Messages(), Entries());
+}
+
+TEST_F(Factory, KeepsThePlaceOfALoaderForWhichThereIsNoMemory) {
+  for (const char* list : {"xmodem", "sanyoxmodem"}) {
+    injected_failures::FailMalloc(1);
+    Create(list);
+  }
+  EXPECT_EQ(iLoaders, std::vector<ILoader*>(2, nullptr));
 }
 
 TEST_F(Factory, LogsForTheFeaturesModule) {

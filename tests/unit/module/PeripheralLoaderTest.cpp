@@ -135,7 +135,7 @@ class FakeFactory : public CLoaderFactory {
     store = &properties;
     owner = &callback;
     for (int i = 0; i < iCount; ++i) {
-      loaders.push_back(new FakeLoader(iJournal, std::to_string(i)));
+      loaders.push_back(i == withoutMemory ? nullptr : new FakeLoader(iJournal, std::to_string(i)));
       moduleLoaders.push_back(loaders.back());
     }
   }
@@ -145,6 +145,7 @@ class FakeFactory : public CLoaderFactory {
   IEventBroker* broker = nullptr;
   const IFeatureProperties* store = nullptr;
   ILoaderCallback* owner = nullptr;
+  int withoutMemory = -1;  ///< the loader for which there is no memory
 
  private:
   Journal& iJournal;
@@ -207,6 +208,9 @@ class Module : public testing::Test {
 TEST(Entry, TheFeatureTypeIsPeripheralloader) {
   EXPECT_STREQ(FeatureType(), "peripheralloader");
   EXPECT_EQ(FeatureType(), FeatureType());
+  const LogCapture log;
+  FeatureType();
+  EXPECT_EQ(log.Trace(), (Entries{"Interface FeatureType ()"}));
 }
 
 TEST_F(Module, CreationSubscribesThenAnnounces) {
@@ -371,6 +375,16 @@ TEST_F(Module, AnUnknownUserEventIsAnError) {
   }
 }
 
+TEST_F(Module, FaultsAreAnsweredAlikeWithTheLogOff) {
+  Make(1);
+  logging::SetLowestLevel(logging::EAlways);
+  iProperties.Remove("updatelist");
+  SendRaw(2, 201, kId, 3);
+  Send(202);
+  Send(201);
+  EXPECT_EQ(Journaled(), (Entries{"get abc updatelist", "post 3/202 flag 0"}));
+}
+
 struct Match {
   const char* what;
   std::string id;
@@ -483,6 +497,18 @@ TEST_F(Module, AMissingListFailsAndIsAskedForAgain) {
             Prepared({"get abc updatelist", "Info CPeripheralLoader::ParseProperties (updatelist: now)",
                       "create \"now\" for abc", "loader 0 prepare"},
                      1));
+}
+
+TEST_F(Module, PreparingFailsWithoutMemoryForALoaderAndBeginsAnewTheNextTime) {
+  Make(2);
+  iFactory->withoutMemory = 1;
+  Send(201);
+  const Entries made = {"get abc updatelist", "Info CPeripheralLoader::ParseProperties (updatelist: list)",
+                        "create \"list\" for abc"};
+  EXPECT_EQ(Journaled(), Prepared(made + Entries{"loader 0 deleted"}, 0));
+  iFactory->withoutMemory = -1;
+  Send(201);
+  EXPECT_EQ(Journaled(), Prepared(made + Entries{"loader 0 prepare", "loader 1 prepare"}, 1));
 }
 
 TEST_F(Module, AListWithoutLoadersIsPreparedAndReadAgainNextTime) {
@@ -673,6 +699,17 @@ TEST_F(Module, ProgressIsLoggedAndPosted) {
   EXPECT_EQ(Journaled(), ProgressPosted(3, 145, 98, 98));
 }
 
+TEST_F(Module, ProgressBeforeAnyInstallationCountsForTheFirstLoader) {
+  MakePrepared(2);
+  iModule->Progress(50, 100);
+  EXPECT_EQ(LastPercent(), 25);
+  Make(2);
+  Send(203);  // finds no loaders and leaves the place alone
+  Send(201);
+  iModule->Progress(50, 100);
+  EXPECT_EQ(LastPercent(), 25);
+}
+
 TEST_F(Module, ProgressWithoutLoadersIsDropped) {
   Make(0);
   iModule->Progress(1, 2);
@@ -840,6 +877,11 @@ std::string Field(const std::string& id) {
   return field;
 }
 
+// In the processor's byte order.
+std::string FlagField(std::int32_t flag) {
+  return std::string(reinterpret_cast<const char*>(&flag), sizeof(flag));
+}
+
 const std::string kFieldIds[] = {"",
                                  "feature-1234.abc",  // 16 characters
                                  std::string(63, 'x'),
@@ -853,13 +895,13 @@ TEST_F(Module, AResultIsTheIdFieldAndAFlagOf32Bits) {
     SCOPED_TRACE(id);
     Make(1, id);
     Send(201);
-    EXPECT_EQ(LastPayload(), Field(id) + "\1\0\0\0"s);
+    EXPECT_EQ(LastPayload(), Field(id) + FlagField(1));
     Loader(0).prepared = 7;
     Send(201);
-    EXPECT_EQ(LastPayload(), Field(id) + "\7\0\0\0"s);
+    EXPECT_EQ(LastPayload(), Field(id) + FlagField(7));
     Loader(0).prepared = EFalse;
     Send(201);
-    EXPECT_EQ(LastPayload(), Field(id) + "\0\0\0\0"s);
+    EXPECT_EQ(LastPayload(), Field(id) + FlagField(0));
     EXPECT_EQ(iBroker.Calls().back().length, 68U);
     iModule.reset();
   }
@@ -868,11 +910,11 @@ TEST_F(Module, AResultIsTheIdFieldAndAFlagOf32Bits) {
 TEST_F(Module, EveryOtherResultHasTheSameForm) {
   MakeInstalling(1);
   iModule->Completed(ETrue);
-  EXPECT_EQ(LastPayload(), Field(kId) + "\1\0\0\0"s);
+  EXPECT_EQ(LastPayload(), Field(kId) + FlagField(1));
   iModule->Completed(EFalse);
-  EXPECT_EQ(LastPayload(), Field(kId) + "\0\0\0\0"s);
+  EXPECT_EQ(LastPayload(), Field(kId) + FlagField(0));
   iModule->Aborted();
-  EXPECT_EQ(LastPayload(), Field(kId) + "\1\0\0\0"s);
+  EXPECT_EQ(LastPayload(), Field(kId) + FlagField(1));
 }
 
 TEST_F(Module, ProgressIsTheIdFieldAndOneByte) {

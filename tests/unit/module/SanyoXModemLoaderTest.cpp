@@ -96,4 +96,18 @@ TEST_F(SanyoLoader, WithoutASessionItNamesItselfFailsOnceAndReleasesNothing) {
   delete iChain.engines.front();
 }
 
+TEST_F(SanyoLoader, FailsOnceAtEveryPartOfItsChainWithTheLogOff) {
+  LogCapture log;
+  logging::SetLowestLevel(logging::EAlways);
+  Make();
+  for (bool* part : {&iChain.makesPort, &iChain.makesEngine, &iChain.makesSession}) {
+    *part = false;
+    iLoader->Install();
+    *part = true;
+    EXPECT_EQ(iChain.journal.Take().back(), "completed 0");
+  }
+  EXPECT_EQ(log.Trace(), Lines());
+  delete iChain.engines.back();
+}
+
 }  // namespace

@@ -50,7 +50,15 @@ TEST_F(Framing, ConstructionAndDestructionTraceAndLeaveThePortAlone) {
 TEST_F(Framing, CreateMakesAnEngineThatIsDeletedThroughTheInterface) {
   const std::unique_ptr<IXModem> engine(IXModem::Create(&iPort));
   EXPECT_NE(dynamic_cast<CXModem*>(engine.get()), nullptr);
-  EXPECT_EQ(iLog.Messages(), Lines());
+  EXPECT_EQ(iLog.Trace(), (Lines{"Interface IXModem::Create ()", "Interface CXModem::CXModem ()"}));
+}
+
+TEST_F(Framing, AnEnginesStorageGoesBackToTheCAllocator) {
+  const int live = injected_failures::LiveStorage();
+  const IXModem* engine = IXModem::Create(&iPort);
+  EXPECT_EQ(injected_failures::LiveStorage(), live + 1);
+  delete engine;
+  EXPECT_EQ(injected_failures::LiveStorage(), live);
 }
 
 TEST_F(Framing, CreateTakesTheEnginesStorageFromMallocAndAnswersNullWithoutIt) {
@@ -530,7 +538,7 @@ TEST_F(Framing, ThreeResultsOfTheFileHandlerAreKnown) {
   EXPECT_EQ(CXModem::Translate(IFileHandler::EFileHndlOk), IXModem::EXModemOk);
   EXPECT_EQ(CXModem::Translate(IFileHandler::EFileHndlError), IXModem::EXModemFileError);
   EXPECT_EQ(CXModem::Translate(IFileHandler::EFileHndlReserved6), IXModem::EXModemFileHandlerReserved6);
-  EXPECT_EQ(iLog.Messages(), Lines());
+  EXPECT_EQ(iLog.Trace(), Lines(3, "Interface CXModem::Translate ()"));
 }
 
 TEST_F(Framing, OtherResultsOfTheFileHandlerAreNamedByTheirNumber) {
@@ -542,7 +550,15 @@ TEST_F(Framing, OtherResultsOfTheFileHandlerAreNamedByTheirNumber) {
   }
 }
 
-// ---- The log's other fields ----
+// ---- The log ----
+
+TEST_F(Framing, FailuresAreTheSameWithTheLogOff) {
+  logging::SetLowestLevel(logging::EAlways);
+  iPort.FailWritesFrom(1);
+  EXPECT_EQ(iEngine.SendChr(0x18), IXModem::EXModemSerialPortError);
+  EXPECT_EQ(CXModem::Translate(IFileHandler::EFileHndlNotFound), IXModem::EXModemUnknownFileHandlerError);
+  EXPECT_EQ(iLog.Messages(), Lines());
+}
 
 TEST_F(Framing, LinesNameTheModuleAndTheSourceFile) {
   iPort.FailWritesFrom(1);

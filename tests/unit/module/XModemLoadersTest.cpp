@@ -9,6 +9,7 @@
 
 #include "CanXModemLoader.h"
 #include "FileHandler.h"
+#include "InjectedFailures.h"
 #include "LoaderFixture.h"
 #include "PeripheralLoader.h"
 #include "SanyoXModemLoader.h"
@@ -55,8 +56,12 @@ void ExpectStorageOfTheCAllocator() {
   // does not see through the pointers.
   void* (*const volatile make)(std::size_t) = &TLoader::operator new;
   void (*const volatile release)(void*) = &TLoader::operator delete;
-  std::free(make(100));
+  const int live = injected_failures::LiveStorage();
+  void* const storage = make(100);
+  EXPECT_EQ(injected_failures::LiveStorage(), live + 1);
+  std::free(storage);
   release(std::malloc(100));
+  EXPECT_EQ(injected_failures::LiveStorage(), live);
 }
 
 TEST_P(Loader, StorageIsTheCAllocators) {
@@ -189,6 +194,15 @@ TEST_P(Loader, SpeedsBelow75AreRefusedByNumber) {
     iProperties.Set("xmodemspeed", low.text);
     EXPECT_EQ(MessagesOfPrepare(Make(), EFalse), (Lines{SlowSpeed(std::to_string(low.speed)), kNotOk}));
   }
+}
+
+TEST_P(Loader, FaultsAreFoundAlikeWithTheLogOff) {
+  iProperties = FakeProperties();
+  Make();
+  LogCapture log;
+  logging::SetLowestLevel(logging::EAlways);
+  EXPECT_EQ(iLoader->Prepare(), EFalse);
+  EXPECT_EQ(log.Trace(), Lines());
 }
 
 TEST_P(Loader, AnImageThatIsNotThereIsNamed) {

@@ -78,16 +78,27 @@ std::string NameOf(const testing::TestParamInfo<TransferCase>& test) {
   return test.param.name;
 }
 
-class Transfer : public Receiver, public testing::WithParamInterface<TransferCase> {};
+class Transfer : public Receiver, public testing::WithParamInterface<TransferCase> {
+ protected:
+  // Whatever the log is told, the line is the same.
+  void Run(const Lines& messages) {
+    const TransferCase& one = GetParam();
+    const int reads = wire::Play(iPort, one.sender);
+    EXPECT_EQ(Receive(), one.result);
+    EXPECT_EQ(Written(), Canonical(one.wire));
+    EXPECT_EQ(iReceived, one.received);
+    EXPECT_EQ(iLog.Messages(), messages);
+    EXPECT_EQ(iPort.Reads(), reads);
+  }
+};
 
 TEST_P(Transfer, EndsAsItMust) {
-  const TransferCase& one = GetParam();
-  const int reads = wire::Play(iPort, one.sender);
-  EXPECT_EQ(Receive(), one.result);
-  EXPECT_EQ(Written(), Canonical(one.wire));
-  EXPECT_EQ(iReceived, one.received);
-  EXPECT_EQ(iLog.Messages(), one.messages);
-  EXPECT_EQ(iPort.Reads(), reads);
+  Run(GetParam().messages);
+}
+
+TEST_P(Transfer, EndsAlikeWithTheLogOff) {
+  logging::SetLowestLevel(logging::EAlways);
+  Run(WithTheLogOff(GetParam().messages));
 }
 
 constexpr auto kTimeout = IXModem::EXModemTimeout;
@@ -285,6 +296,16 @@ TEST_F(Receiver, AFirstByteOneMillisecondTooLateIsAFailure) {
   EXPECT_EQ(Written(), "43*10 18*6");
 }
 
+TEST_F(Receiver, AnEotAndCansThatComeTooLateNeitherEndNorCancel) {
+  iPort.Late(5001, 0x18).Late(5001, 0x18);
+  wire::Play(iPort, kBlock1);
+  iPort.Late(5001, 0x04).Late(5001, 0x18).Late(5001, 0x18);
+  wire::Play(iPort, kBlock2 + "04");
+  EXPECT_EQ(Receive(), kOk);
+  EXPECT_EQ(iReceived, 256);
+  EXPECT_EQ(Written(), "43 43 43 06 06 06");
+}
+
 TEST_F(Receiver, ASilentSenderIsAskedTenTimesInAllOfFiftySeconds) {
   std::vector<std::uint64_t> writes_ms;
   iPort.onWrite = [&](TUint8) { writes_ms.push_back(virtual_clock::Now_ms() / 1000); };
@@ -416,6 +437,14 @@ TEST_F(FileReceiver, TakesThePlaceOfAnOldFile) {
   EXPECT_EQ(ContentOf(name).size(), 128U);
 }
 
+TEST_F(FileReceiver, EveryFileStartsAnewAtBlock1) {
+  wire::Play(iPort, kBlock1 + "04 " + kBlock1 + "04");
+  EXPECT_EQ(ReceiveFile(iFolder.Path("first")), kOk);
+  EXPECT_EQ(ReceiveFile(iFolder.Path("second")), kOk);
+  EXPECT_EQ(ContentOf(iFolder.Path("second")).size(), 128U);
+  EXPECT_EQ(Written(), "43 06 06 43 06 06");
+}
+
 TEST_F(FileReceiver, StoresWhatCameBeforeAFailure) {
   const std::string name = iFolder.Path("received.bin");
   wire::Play(iPort, kBlock1 + kBlock1 + kBadCrc2 + ".*10");
@@ -458,6 +487,47 @@ TEST_F(FileReceiver, CancelsWhenTheFileIsFullAndOnlyAfterClosingIt) {
   EXPECT_EQ(openAtWrites, (std::vector<std::size_t>{1, 1, 1, 1, 1, 1, 0, 0, 0, 0, 0, 0}));
   EXPECT_EQ(iLog.Messages(),
             Lines{"Error (The data received could not be stored in the specified file : /dev/full)"});
+}
+
+// Each block is answered before it is stored. What was stored before stays.
+TEST_F(FileReceiver, EndsAtWhicheverBlockCannotBeStored) {
+  const std::string blocks[] = {kBlock1, kLarge2, kBlock3};
+  const std::string contents[] = {"", "41 00*127", "41 00*127 FF*1024"};
+  const std::string name = iFolder.Path("received.bin");
+  std::string written;
+  for (int n = 1; n <= 3; ++n) {
+    SCOPED_TRACE(n);
+    iLog.Clear();
+    for (int block = 0; block < n; ++block) {
+      wire::Play(iPort, blocks[block]);
+    }
+    injected_failures::FailFwrite(n);
+    EXPECT_EQ(ReceiveFile(name), IXModem::EXModemFileError);
+    written += (written.empty() ? "43 06*" : " 43 06*") + std::to_string(n) + " 18*6";
+    EXPECT_EQ(Written(), Canonical(written));
+    const std::string content = ContentOf(name);
+    EXPECT_EQ(wire::Text({content.begin(), content.end()}), Canonical(contents[n - 1]));
+    EXPECT_EQ(OpenDescriptorsOf(name), 0U);
+    EXPECT_EQ(iLog.Messages(),
+              Lines{"Error (The data received could not be stored in the specified file : " + name + ")"});
+  }
+  wire::Play(iPort, kBlock1 + kLarge2 + kBlock3 + "04");
+  injected_failures::FailFwrite(4);
+  EXPECT_EQ(ReceiveFile(name), kOk) << "three blocks, three calls";
+  EXPECT_EQ(ContentOf(name).size(), 128U + 1024U + 128U);
+}
+
+TEST_F(FileReceiver, FailsAlikeWithTheLogOff) {
+  logging::SetLowestLevel(logging::EAlways);
+  EXPECT_EQ(ReceiveFile(iFolder.Path("missing/received.bin")), IXModem::EXModemFileError);
+  EXPECT_EQ(Written(), kSixCans);
+  // A block as large as the stream's buffer would be stored at once; the last of five meets the full device.
+  for (int block = 1; block <= 5; ++block) {
+    iPort.Bytes({0x02, block, 255 - block}).Repeat(0xFF, 1024).Bytes({0xC0, 0x84});
+  }
+  EXPECT_EQ(ReceiveFile("/dev/full"), IXModem::EXModemFileError);
+  EXPECT_EQ(Written(), "18*6 43 06*5 18*6");
+  EXPECT_EQ(iLog.Messages(), Lines());
 }
 
 TEST_F(FileReceiver, DoesNotCancelWhenTheOtherSideDidOrTheLineIsBroken) {

@@ -75,16 +75,27 @@ std::string NameOf(const testing::TestParamInfo<DialogueCase>& test) {
   return test.param.name;
 }
 
-class Dialogue : public EngineFixture, public testing::WithParamInterface<DialogueCase> {};
+class Dialogue : public EngineFixture, public testing::WithParamInterface<DialogueCase> {
+ protected:
+  // Whatever the log is told, the line is the same.
+  void Run(const Lines& messages) {
+    const DialogueCase& one = GetParam();
+    const int reads = wire::Play(iPort, one.receiver);
+    const TUint8 data = 'A';
+    EXPECT_EQ(iEngine.SendBuffer(&data, 1), one.result);
+    EXPECT_EQ(Written(), Canonical(one.wire));
+    EXPECT_EQ(iLog.Messages(), messages);
+    EXPECT_EQ(iPort.Reads(), reads);
+  }
+};
 
 TEST_P(Dialogue, OfOnePacketEndsAsItMust) {
-  const DialogueCase& one = GetParam();
-  const int reads = wire::Play(iPort, one.receiver);
-  const TUint8 data = 'A';
-  EXPECT_EQ(iEngine.SendBuffer(&data, 1), one.result);
-  EXPECT_EQ(Written(), Canonical(one.wire));
-  EXPECT_EQ(iLog.Messages(), one.messages);
-  EXPECT_EQ(iPort.Reads(), reads);
+  Run(GetParam().messages);
+}
+
+TEST_P(Dialogue, OfOnePacketEndsAlikeWithTheLogOff) {
+  logging::SetLowestLevel(logging::EAlways);
+  Run(WithTheLogOff(GetParam().messages));
 }
 
 constexpr auto kOk = IXModem::EXModemOk;
@@ -234,6 +245,28 @@ TEST_F(Sender, RepliesOneMillisecondTooLateAreFailures) {
   EXPECT_EQ(Written(), Canonical(kPacket + "04 04"));
 }
 
+TEST_F(Sender, NaksThatComeTooLateAreFailuresAndNoNaks) {
+  for (int i = 0; i < 10; ++i) {
+    iPort.Late(20001, 0x15);
+  }
+  EXPECT_EQ(SendA(), kTimeout);
+  EXPECT_EQ(Written(), "18*6");
+  iPort.Bytes({0x43}).Late(5001, 0x15).Bytes({0x06});
+  for (int i = 0; i < 10; ++i) {
+    iPort.Late(5001, 0x15);
+  }
+  EXPECT_EQ(SendA(), kTimeout);
+  EXPECT_EQ(Written(), Canonical("18*6 " + kPacket + "04*10 " + kSixCans)) << "the packet was sent once";
+}
+
+TEST_F(Sender, CansThatComeTooLateDoNotCancel) {
+  iPort.Late(20001, 0x18).Late(20001, 0x18).Bytes({0x43});
+  iPort.Late(5001, 0x18).Late(5001, 0x18).Bytes({0x06});
+  iPort.Late(5001, 0x18).Late(5001, 0x18).Bytes({0x06});
+  EXPECT_EQ(SendA(), kOk);
+  EXPECT_EQ(Written(), Canonical(kPacket + "04*3"));
+}
+
 TEST_F(Sender, ASilentReceiverIsWaitedForTenTimesTwentySecondsWithoutAByte) {
   std::vector<std::uint64_t> writes_ms;
   iPort.onWrite = [&](TUint8) { writes_ms.push_back(virtual_clock::Now_ms()); };
@@ -357,6 +390,32 @@ TEST_F(Sender, ChecksumsCoverLargePacketsToo) {
   EXPECT_EQ(Written(), Canonical("02 01 FE AA*1024 00 01 02 FD AA 00*127 AA 04"));
 }
 
+TEST_F(Sender, PacketsCarryTheBufferPieceByPiece) {
+  std::vector<TUint8> data(2500);
+  for (std::size_t i = 0; i < data.size(); ++i) {
+    data[i] = static_cast<TUint8>(i % 251);
+  }
+  wire::Play(iPort, "43 06 15 06 06 06");
+  EXPECT_EQ(Send(data), kOk);
+  data.resize(3072);
+  wire::Bytes carried;
+  const std::ptrdiff_t packet = 3 + 1024 + 2;
+  ASSERT_EQ(iPort.Written().size(), 4U * packet + 1);
+  for (const std::ptrdiff_t n : {0, 2, 3}) {  // the second was sent twice
+    const auto first = iPort.Written().begin() + n * packet + 3;
+    carried.insert(carried.end(), first, first + 1024);
+  }
+  EXPECT_EQ(carried, data);
+  EXPECT_TRUE(std::equal(iPort.Written().begin() + packet, iPort.Written().begin() + 2 * packet,
+                         iPort.Written().begin() + 2 * packet));
+}
+
+TEST_F(Sender, TheEleventhNakIsFatalForALaterPacketToo) {
+  wire::Play(iPort, "43 15 06 15*11");
+  EXPECT_EQ(Send(std::vector<TUint8>(1025, 0xFF)), kTooManyNaksResult);
+  EXPECT_EQ(Written(), Canonical(Times(2, kFirstLarge) + Times(11, "01 02 FD FF 00*127 93 C5 ") + kSixCans));
+}
+
 TEST_F(Sender, AnAckForgetsTheNaksBeforeIt) {
   wire::Play(iPort, "43 15*10 06 15*10 06 06");
   EXPECT_EQ(Send(std::vector<TUint8>(1025, 0xFF)), kOk);
@@ -447,7 +506,9 @@ class FileSender : public Sender, public IXModemCallback {
   }
 
   IXModem::TXModemError SendFile(const std::string& name) {
+    const int live = injected_failures::LiveStorage();
     const auto result = iEngine.SendFile(AsTChr(name), *this);
+    iStorageLeft = injected_failures::LiveStorage() - live;
     iOpenAfterwards = OpenDescriptorsOf(name);
     return result;
   }
@@ -463,6 +524,7 @@ class FileSender : public Sender, public IXModemCallback {
   std::vector<int> iReadsAtProgress;
   std::function<void()> iOnProgress;
   std::size_t iOpenAfterwards = 0;
+  int iStorageLeft = 0;  ///< pieces that the last file has taken and not given back
 };
 
 const std::string kFileOf2500 = kFirstLarge + kSecondLarge + "02 03 FC FF*452 00*572 F3 05 04";
@@ -474,6 +536,7 @@ TEST_F(FileSender, TellsAfterEveryChunksReplyHowMuchIsLeft) {
   EXPECT_EQ(iProgress, (Progress{{1476, 2500}, {452, 2500}, {0, 2500}}));
   EXPECT_EQ(iWrittenAtProgress, (std::vector<std::size_t>{1029, 2058, 3087})) << "the last before EOT";
   EXPECT_EQ(iReadsAtProgress, (std::vector<int>{2, 3, 4}));
+  EXPECT_EQ(iStorageLeft, 0);
   EXPECT_EQ(iOpenAfterwards, 0U);
 }
 
@@ -528,6 +591,7 @@ TEST_F(FileSender, SaysTwiceThatAFileIsMissingAndLeavesTheLineAlone) {
   wire::Play(iPort, "43 06 06");
   EXPECT_EQ(SendFile(name), IXModem::EXModemFileError);
   EXPECT_EQ(iLog.Messages(), Repeated(2, NotOpened(name)));
+  EXPECT_EQ(iStorageLeft, 0);
   EXPECT_EQ(iPort.Reads(), 0);
   EXPECT_EQ(iPort.Writes(), 0);
   EXPECT_EQ(iProgress, Progress());
@@ -554,6 +618,16 @@ TEST_F(FileSender, SaysThreeThingsWhenThereIsNoMemory) {
   EXPECT_EQ(iOpenAfterwards, 0U);
 }
 
+TEST_F(FileSender, FailsAlikeWithTheLogOff) {
+  logging::SetLowestLevel(logging::EAlways);
+  EXPECT_EQ(SendFile(iFolder.Path("missing")), IXModem::EXModemFileError);
+  const std::string name = FileOfOnes(10);
+  injected_failures::FailMalloc(1);
+  EXPECT_EQ(SendFile(name), IXModem::EXModemFileError);
+  EXPECT_EQ(iPort.Writes(), 0);
+  EXPECT_EQ(iLog.Messages(), Lines());
+}
+
 TEST_F(FileSender, HidesThatTheReceiverNeverStartedAndKeepsTheFileOpen) {
   struct {
     const char* receiver;
@@ -573,6 +647,7 @@ TEST_F(FileSender, HidesThatTheReceiverNeverStartedAndKeepsTheFileOpen) {
     EXPECT_EQ(iPort.Writes(), 0) << "no CAN";
     EXPECT_EQ(iProgress, Progress());
     EXPECT_EQ(iOpenAfterwards, ++leftOpen);
+    EXPECT_EQ(iStorageLeft, 1);
   }
 }
 
@@ -709,6 +784,7 @@ class StoppedSender : public FileSender {
 TEST_F(StoppedSender, FailsAtOnceAndWritesNothing) {
   wire::Play(iPort, "43 06 06");
   iEngine.Stop();
+  EXPECT_EQ(iLog.Trace(), Lines{"Interface CXModem::Stop ()"});
   const std::string name = FileOfOnes(10);
   EXPECT_EQ(iEngine.SendChr(0x18), IXModem::EXModemSerialPortError);
   TUint8 byte = 0;

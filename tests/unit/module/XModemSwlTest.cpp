@@ -117,6 +117,43 @@ TEST_F(XModemSession, DestructionDeletesTheEngineAndUnsubscribesWithTheTimersFou
   EXPECT_EQ(call.observer, observer);
 }
 
+TEST_F(XModemSession, ProgressOutsideOfAFileWeighsNothing) {
+  iSession->IXModemProgress(0, 100);
+  EXPECT_EQ(Remaining(), 0);
+}
+
+TEST_F(XModemSession, TheAnswersStorageHoldsAnAnswerOfFullLengthAndItsTerminator) {
+  const TestSession session(nullptr, iBroker, iCallback);
+  EXPECT_EQ(injected_failures::LastMallocSize(), 1024U + 1U);
+}
+
+TEST_F(XModemSession, TheAnswersStorageGoesBackToTheCAllocator) {
+  const int live = injected_failures::LiveStorage();
+  iSession.reset();
+  EXPECT_EQ(injected_failures::LiveStorage(), live - 1);
+}
+
+// Its destructor does not join.
+class ForgetfulSession : public CXModemSwl {
+ public:
+  ForgetfulSession(IXModem* engine, IEventBroker& broker, ILoaderCallback& callback)
+      : CXModemSwl(engine, broker, callback, "/image") {}
+
+  void Upload() override { Command("x"); }
+};
+
+TEST_F(XModemSession, IsJoinedByItsBaseWhereTheDerivedClassForgetsTo) {
+  iScript.At(1).blocks = true;
+  {
+    ForgetfulSession session(new FakeXModem(iScript), iBroker, iCallback);
+    session.StartUpload();
+    iScript.WaitUntilBlocked();
+  }
+  EXPECT_EQ(injected_failures::ThreadsJoined(), 1);
+  EXPECT_EQ(iScript.Stops(), 1);
+  EXPECT_EQ(iScript.Deletions(), 1);
+}
+
 TEST_F(XModemSession, IsDeletedThroughItsBase) {
   const std::unique_ptr<CXModemSwl> base = std::move(iSession);
   EXPECT_EQ(iScript.Deletions(), 0);
@@ -368,6 +405,20 @@ TEST_F(XModemSession, AnyVersionWillDo) {
   }
 }
 
+TEST_F(XModemSession, WithoutMemoryForAnswersNothingIsReceived) {
+  EngineScript script;
+  auto* engine = new FakeXModem(script);
+  injected_failures::FailMalloc(1);
+  TestSession session(engine, iBroker, iCallback);
+  session.StartSteps(145);
+  iJournal.Take();
+  EXPECT_EQ(session.ReceiveAndCheckVersion(), EFalse);
+  EXPECT_EQ(session.iRemainingSteps, 145);
+  EXPECT_EQ(script.Calls(), Lines{});
+  EXPECT_EQ(iJournal.Take(), (Lines{"Interface CXModemSwl::ReceiveAndCheckVersion ()",
+                                    "Error CXModemSwl::ReceiveAndCheckVersion (Error: 1)"}));
+}
+
 TEST_F(XModemSession, AMissingVersionIsNamedByTheEnginesResult) {
   for (const int code : {3, 4, 99}) {
     EngineScript script;
@@ -557,6 +608,15 @@ TEST_F(XModemSession, TicksAfterTheEndFollowTheStepsAndStallOnceMoreWithoutASeco
   EXPECT_EQ(iJournal.Take(), Lines{kStallLine});
   Tick(1000);
   EXPECT_EQ(iJournal.Take(), Lines());
+}
+
+TEST_F(XModemSession, AStallAndAnUnreadVersionAreReportedAlikeWithTheLogOff) {
+  logging::SetLowestLevel(logging::EAlways);
+  BeInTheMiddle(100);
+  iScript.At(1).result = IXModem::EXModemTimeout;
+  EXPECT_EQ(iSession->ReceiveAndCheckVersion(), EFalse);
+  Tick(80);
+  EXPECT_EQ(iJournal.Take(), (Lines{"completed 0", "unsubscribe 0/0"}));
 }
 
 TEST_F(XModemSession, ASuccessAfterAStallComesTooLate) {

@@ -9,6 +9,9 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <cstdlib>
+#include <filesystem>
+
 #include "Support.h"
 
 namespace {
@@ -64,6 +67,19 @@ class Files : public testing::Test {
   const std::string iFrom = iFolder.Path("from");
   const std::string iTo = iFolder.Path("to");
 };
+
+// What a processor with a long of 32 bits sees only if it is asked for.
+TEST_F(Files, AFileOfMoreThan31BitsOfBytesExists) {
+  WriteFile(iFrom, "");
+  std::filesystem::resize_file(iFrom, std::uintmax_t{5} << 30);
+  EXPECT_EQ(FileSystemUtils::InternalFileExists(Text(iFrom)), ETrue);
+}
+
+TEST_F(Files, AFileFromAfterJanuaryOf2038Exists) {
+  WriteFile(iFrom, "");
+  ASSERT_EQ(std::system(("touch -d 2040-01-01 " + iFrom).c_str()), 0);
+  EXPECT_EQ(FileSystemUtils::InternalFileExists(Text(iFrom)), ETrue);
+}
 
 TEST_F(Files, AFileExistsAndAFolderIsNone) {
   WriteFile(iFrom, "");

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <stdlib.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
@@ -24,6 +25,49 @@ IoctlDouble::Answer& CurrentAnswer() {
 }
 
 std::atomic<bool> writesHesitate{false};
+
+// What tests do to the writes to one device.
+struct DeviceWrites {
+  std::mutex mutex;
+  dev_t doubled = 0;
+  WriteDouble::Answer answer;
+  dev_t watched = 0;
+  std::vector<std::size_t> sizes;
+};
+
+DeviceWrites& CurrentWrites() {
+  // Never destroyed: a flusher may write while the process ends.
+  static auto* const writes = new DeviceWrites;
+  return *writes;
+}
+
+dev_t DeviceOf(const std::string& name) {
+  struct stat status {};
+  return stat(name.c_str(), &status) == 0 ? status.st_rdev : 0;
+}
+
+ssize_t WriteToDevice(dev_t device, int descriptor, const void* bytes, size_t size) {
+  DeviceWrites& writes = CurrentWrites();
+  std::unique_lock<std::mutex> lock(writes.mutex);
+  if (device != writes.doubled && device != writes.watched) {
+    // It may wait, be it for another thread that writes.
+    lock.unlock();
+    return syscall(SYS_write, descriptor, bytes, size);
+  }
+  if (device == writes.doubled && writes.answer) {
+    const int answer = writes.answer(size);
+    if (answer < 0) {
+      errno = -answer;
+      return -1;
+    }
+    size = static_cast<size_t>(answer);
+  }
+  const ssize_t taken = syscall(SYS_write, descriptor, bytes, size);
+  if (device == writes.watched && taken > 0) {
+    writes.sizes.push_back(static_cast<std::size_t>(taken));
+  }
+  return taken;
+}
 
 void Require(bool good, const char* what) {
   if (!good) {
@@ -52,7 +96,39 @@ extern "C" ssize_t write(int descriptor, const void* bytes, size_t size) {
     errno = EINTR;
     return -1;
   }
+  struct stat status {};
+  if (fstat(descriptor, &status) == 0 && S_ISCHR(status.st_mode)) {
+    return WriteToDevice(status.st_rdev, descriptor, bytes, size);
+  }
   return syscall(SYS_write, descriptor, bytes, writesHesitate ? std::min<size_t>(size, 7) : size);
+}
+
+WriteDouble::WriteDouble(const std::string& device, Answer answer) {
+  const std::lock_guard<std::mutex> lock(CurrentWrites().mutex);
+  CurrentWrites().doubled = DeviceOf(device);
+  CurrentWrites().answer = std::move(answer);
+}
+
+WriteDouble::~WriteDouble() {
+  const std::lock_guard<std::mutex> lock(CurrentWrites().mutex);
+  CurrentWrites().doubled = 0;
+  CurrentWrites().answer = nullptr;
+}
+
+WatchedWrites::WatchedWrites(const std::string& device) {
+  const std::lock_guard<std::mutex> lock(CurrentWrites().mutex);
+  CurrentWrites().watched = DeviceOf(device);
+  CurrentWrites().sizes.clear();
+}
+
+WatchedWrites::~WatchedWrites() {
+  const std::lock_guard<std::mutex> lock(CurrentWrites().mutex);
+  CurrentWrites().watched = 0;
+}
+
+std::vector<std::size_t> WatchedWrites::Sizes() const {
+  const std::lock_guard<std::mutex> lock(CurrentWrites().mutex);
+  return CurrentWrites().sizes;
 }
 
 HesitantWrites::HesitantWrites() {

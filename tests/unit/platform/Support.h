@@ -79,6 +79,26 @@ class IoctlDouble {
   ~IoctlDouble();
 };
 
+/// The driver of one device, as far as it is written to. While one lives, it is told the size of each write
+/// to the device and returns how many bytes go on to the real driver, or an error number below zero. Any
+/// thread.
+class WriteDouble {
+ public:
+  using Answer = std::function<int(std::size_t size)>;
+
+  WriteDouble(const std::string& device, Answer answer);
+  ~WriteDouble();
+};
+
+/// While one lives, remembers how many bytes each write to one device has handed to its driver.
+class WatchedWrites {
+ public:
+  explicit WatchedWrites(const std::string& device);
+  ~WatchedWrites();
+
+  std::vector<std::size_t> Sizes() const;
+};
+
 /// While one lives, each write of the process takes a few bytes only, and every second one is interrupted
 /// first.
 class HesitantWrites {

@@ -32,6 +32,12 @@ TEST(Memory, UnwrittenBytesReadAsFF) {
   EXPECT_EQ(memory.Read(0x0FFE, 4), (Bytes{0xFF, 1, 2, 0xFF}));
 }
 
+TEST(Memory, MoreBytesThanAProcessCanHoldAreNotRead) {
+  const Memory memory(0, 0x10000);
+  constexpr std::uint64_t kTooMany = std::uint64_t{1} << (sizeof(std::size_t) == 4 ? 32 : 63);
+  EXPECT_THROW(memory.Read(0, kTooMany), std::length_error);
+}
+
 TEST(Memory, WriteThatDoesNotFitIsRefusedAndTheLastByteThatFitsIsNot) {
   Memory memory(0x1000, 0x100);
   memory.Begin(0x1080);

@@ -49,6 +49,12 @@ class Receiver : public testing::Test {
     iNow = end;
   }
 
+  /// An EOT, and the silence that makes it one.
+  void FeedEot() {
+    Feed({kEot});
+    Pass(XmodemReceiver::kEotQuiet);
+  }
+
   Bytes Sent() { return std::exchange(iOutput, {}); }
 
   static Bytes Block(std::uint8_t number, std::uint8_t value) {
@@ -70,7 +76,6 @@ class Receiver : public testing::Test {
 const Bytes kC{'C'};
 const Bytes kAckByte{0x06};
 const Bytes kNakByte{0x15};
-const Bytes kEotByte{0x04};
 const Bytes kTwoCans{0x18, 0x18};
 
 }  // namespace
@@ -111,7 +116,7 @@ TEST_F(Receiver, AcknowledgesAndStoresBlocksOfBothSizesUntilEot) {
   EXPECT_EQ(Sent(), kAckByte);
   Feed(Block(2, 0x22));
   EXPECT_EQ(Sent(), kAckByte);
-  Feed(kEotByte);
+  FeedEot();
   EXPECT_EQ(Sent(), kAckByte);
   EXPECT_EQ(iReceiver.Result(), TransferResult::kComplete);
   EXPECT_EQ(iStore.content, Pattern(1024) + Filled(128, 0x22));
@@ -274,17 +279,19 @@ TEST_F(Receiver, SilenceBetweenBlocksIsAnsweredWithNakEveryThreeSecondsForHalfAM
 
 TEST_F(Receiver, EotBeforeAnyBlockIsAcknowledgedAndSolicitingGoesOn) {
   Start();
-  Feed(kEotByte);
+  FeedEot();
   EXPECT_EQ(Sent(), kC + kAckByte);
   Pass(kSecond);
   EXPECT_EQ(Sent(), kC);
-  Feed(Block(1, 1) + kEotByte);
+  Feed(Block(1, 1));
+  FeedEot();
   EXPECT_EQ(iReceiver.Result(), TransferResult::kComplete);
 }
 
 TEST_F(Receiver, EotThenTheHostAskingForDataIsAnEmptyFile) {
   Start();
-  Feed(kEotByte + kC);
+  FeedEot();
+  Feed(kC);
   EXPECT_EQ(iReceiver.Result(), TransferResult::kEmpty);
 }
 
@@ -293,7 +300,7 @@ TEST_F(Receiver, EotAfterARejectedFirstBlockIsRejected) {
   Feed(DamagedBlock(1));
   Pass(XmodemReceiver::kQuiet);
   Sent();
-  Feed(kEotByte);
+  FeedEot();
   EXPECT_EQ(Sent(), kNakByte);
   EXPECT_EQ(iReceiver.Result(), TransferResult::kRunning);
 }
@@ -323,10 +330,38 @@ TEST_F(Receiver, HostThatBeginsAnewAfterANakIsTakenWithChecksums) {
   Sent();
   Pass(3 * kSecond);
   EXPECT_EQ(Sent(), kNakByte);
-  Feed(FrameBlock(1, Filled(128, 9), Trailer::kChecksum) + FrameBlock(2, Filled(128, 8), Trailer::kChecksum) +
-       kEotByte);
+  Feed(FrameBlock(1, Filled(128, 9), Trailer::kChecksum) + FrameBlock(2, Filled(128, 8), Trailer::kChecksum));
+  FeedEot();
   EXPECT_EQ(Sent(), kAckByte + kAckByte + kAckByte);
   EXPECT_EQ(iStore.content, Filled(128, 9) + Filled(128, 8));
+}
+
+TEST_F(Receiver, EotThatMoreFollowsIsNoEnd) {
+  Start();
+  Feed({kEot});
+  Pass(XmodemReceiver::kEotQuiet - 1);
+  Feed({0x55});
+  Pass(XmodemReceiver::kQuiet);
+  EXPECT_EQ(Sent(), kC + kC) << "before a transfer";
+  Feed(Block(1, 1));
+  Sent();
+  // Block 4 without its beginning: its number looks like an end.
+  Feed({4, 251, 0x55});
+  Pass(XmodemReceiver::kQuiet);
+  EXPECT_EQ(Sent(), kNakByte) << "in mid-transfer";
+  EXPECT_EQ(iReceiver.Result(), TransferResult::kRunning);
+}
+
+TEST_F(Receiver, ABlockBehindAStrayEotIsABlock) {
+  Start();
+  Sent();
+  Feed({kEot});
+  Feed(Block(1, 1));
+  EXPECT_EQ(Sent(), kAckByte);
+  Feed({kEot});
+  Feed(Block(2, 2));
+  EXPECT_EQ(Sent(), kAckByte);
+  EXPECT_EQ(iStore.content, Filled(128, 1) + Filled(128, 2));
 }
 
 TEST_F(Receiver, NoRoomCancels) {
@@ -357,9 +392,9 @@ TEST_F(Receiver, NakFirstEotAcceptsTheSecond) {
   Start(options);
   Feed(Block(1, 1));
   Sent();
-  Feed(kEotByte);
+  FeedEot();
   EXPECT_EQ(Sent(), kNakByte);
-  Feed(kEotByte);
+  FeedEot();
   EXPECT_EQ(Sent(), kAckByte);
   EXPECT_EQ(iReceiver.Result(), TransferResult::kComplete);
 }
@@ -378,7 +413,8 @@ TEST_F(Receiver, GarbageNeverKeepsTheNextTransferFromSucceeding) {
     Pass(40 * kSecond);
     ASSERT_NE(iReceiver.Result(), TransferResult::kRunning) << "seed " << seed;
     Start();
-    Feed(Block(1, 1) + kEotByte);
+    Feed(Block(1, 1));
+    FeedEot();
     ASSERT_EQ(iReceiver.Result(), TransferResult::kComplete) << "seed " << seed;
   }
 }

@@ -253,6 +253,17 @@ TEST_F(AvailableSpace, IsZeroWhereAFolderIsInTheWayAndTheCommandSucceeds) {
                            "Error (The file containing the available space could not be removed)"}));
 }
 
+TEST_F(AvailableSpace, IsTheSameWithTheLogOff) {
+  logging::SetLowestLevel(logging::EAlways);
+  EXPECT_EQ(Ask("a >/dev/null; true #"), 2);
+  EXPECT_EQ(iSpace, kUntouched);
+  Show("/dev/x 1 2 none 4% /x\n");
+  EXPECT_EQ(Ask(), 0);
+  EXPECT_EQ(iSpace, 0U);
+  EXPECT_EQ(Take(), (Lines{"$ sync", "$ df|grep a >/dev/null; true # > /tmp/CalculateDiskSpace", "$ sync",
+                           std::string("$ ") + kCommand}));
+}
+
 TEST_F(AvailableSpace, IsAStaleFilesWhereTheShellIsKilled) {
   std::ofstream(ScratchFile::kPath) << "/dev/x 1 2 66 4% /x\n";
   system_calls::Answer({0, 9});

@@ -181,6 +181,12 @@ TEST_F(Command, LinesOfADroppedLevelAreNotWritten) {
   logging::SetLowestLevel(logging::EAlways);
   EXPECT_EQ(Execute("exit 4"), 4);
   EXPECT_EQ(Take(), (Lines{"$ exit 4"}));
+  for (const Ending& ending : kEndings) {
+    SCOPED_TRACE(ending.rawStatus);
+    system_calls::Answer({ending.rawStatus});
+    EXPECT_EQ(Execute("x"), ending.result);
+    EXPECT_EQ(Take(), (Lines{"$ x"}));
+  }
 }
 
 }  // namespace

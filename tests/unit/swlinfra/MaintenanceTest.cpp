@@ -1,7 +1,7 @@
 // Goal: file systems are flushed, unmounted, mounted, formatted and checked with exactly the prescribed
 // command lines, attempts, waits, log lines and results, in exactly the prescribed order. Method: tools that
 // only write down how they are called stand in PATH, and nothing else does. One journal keeps command lines,
-// sleeps and log lines; most scenarios are rows of tables.
+// sleeps and log lines; most scenarios are rows of tables, played with the log on and off.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -49,11 +49,18 @@ class Maintenance : public InfraFixture {
   void Play(const std::vector<Scenario>& scenarios) {
     for (const Scenario& scenario : scenarios) {
       SCOPED_TRACE(scenario.what);
-      Prepare(scenario.answers);
-      EXPECT_EQ(scenario.operation(), scenario.result);
-      EXPECT_EQ(Take(), scenario.journal);
-      EXPECT_EQ(iTools.Take(), AsCalls(scenario.journal));
+      PlayOnce(scenario, scenario.journal);
+      logging::SetLowestLevel(logging::EAlways);
+      PlayOnce(scenario, WithTheLogOff(scenario.journal));
+      logging::SetLowestLevel(logging::EInterface);
     }
+  }
+
+  void PlayOnce(const Scenario& scenario, const Lines& journal) {
+    Prepare(scenario.answers);
+    EXPECT_EQ(scenario.operation(), scenario.result);
+    EXPECT_EQ(Take(), journal);
+    EXPECT_EQ(iTools.Take(), AsCalls(journal));
   }
 
   inline static const std::vector<std::string> kTools = {

@@ -1,5 +1,6 @@
 #include "PeripheralLoader.h"
 
+#include <algorithm>
 #include <limits>
 #include <string>
 #include <type_traits>
@@ -68,12 +69,16 @@ CPeripheralLoader::CPeripheralLoader(const TFeatureId& featureId, IInterfaceBrok
 CPeripheralLoader::~CPeripheralLoader() {
   LOG_INTERFACE(logging::PeripheralLoader, "");
   UnsubscribeEvents();
+  DeleteLoaders();
+  delete iFactory;
+}
+
+void CPeripheralLoader::DeleteLoaders() {
   while (!iLoaders.empty()) {
     delete iLoaders.front();
     iLoaders.front() = nullptr;
     iLoaders.erase(iLoaders.begin());
   }
-  delete iFactory;
 }
 
 void CPeripheralLoader::SubscribeEvents() {
@@ -132,7 +137,13 @@ TBool CPeripheralLoader::ParseProperties() {
   }
   LOG_INFO(logging::PeripheralLoader, "updatelist: " << updateList);
   iFactory->Create(updateList, iLoaders, iFeatureId, iEventBroker, iProperties, *this);
-  return ETrue;
+  if (std::find(iLoaders.begin(), iLoaders.end(), nullptr) == iLoaders.end()) {
+    return ETrue;
+  }
+  // There was no memory for a loader. An installation without it would pass for one of all; the next prepare
+  // request begins anew.
+  DeleteLoaders();
+  return EFalse;
 }
 
 void CPeripheralLoader::HandleControllerPrepare() {

@@ -35,6 +35,8 @@ class CPeripheralLoader : public IFeatureModule2, public ILoaderCallback, public
   void SubscribeEvents();
   void UnsubscribeEvents();
 
+  void DeleteLoaders();
+
   TBool ParseProperties();
   void HandleControllerPrepare();
   void HandleControllerInstall();

@@ -211,6 +211,9 @@ TBool CXModemSwl::ReceiveAnswer() {
 
 // What the device sends, zero-terminated in the answer buffer.
 IXModem::TXModemError CXModemSwl::ReceiveText() {
+  if (iAnswerBuffer == nullptr) {
+    return IXModem::EXModemFileError;
+  }
   TInt32 count = 0;
   const IXModem::TXModemError result = iXModem->ReceiveBuffer(iAnswerBuffer, KAnswerSize, &count);
   if (result == IXModem::EXModemOk) {

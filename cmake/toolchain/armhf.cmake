@@ -1,0 +1,3 @@
+set(CMAKE_SYSTEM_PROCESSOR arm)
+set(triplet arm-linux-gnueabihf)
+include(${CMAKE_CURRENT_LIST_DIR}/debian.cmake)
