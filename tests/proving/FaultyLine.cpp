@@ -195,7 +195,7 @@ void FaultyLine::DeliverToDevice() {
     ++iResets;
     return ResetDevice();
   }
-  iWitness.OnDelivered(byte.value);
+  iWitness.OnDelivered(byte.value, iNow_us);
   iDevice->Receive(byte.value, iNow_us);
   Forward();
 }

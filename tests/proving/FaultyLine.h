@@ -17,7 +17,7 @@ class LineWitness {
   /// A byte that the host wrote, or one that it read.
   virtual void OnHostByte(Direction direction, std::uint8_t byte, std::int64_t now_us) = 0;
   /// A byte as it came out at the device.
-  virtual void OnDelivered(std::uint8_t byte) = 0;
+  virtual void OnDelivered(std::uint8_t byte, std::int64_t now_us) = 0;
   /// A fault that is the controller's or the host's: kAbort, kInstall, kDelete.
   virtual void OnRequest(FaultKind kind) = 0;
 };

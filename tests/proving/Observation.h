@@ -10,10 +10,20 @@ namespace proving {
 /// What a device's flash holds when a success is told, beside what it should hold.
 struct Holding {
   std::string device;
+  std::size_t index = 0;  ///< in the list of the line's devices
   std::vector<std::uint8_t> flash;
   std::vector<std::uint8_t> expected;  ///< the image, padded with zeros to its last block's end
   bool flashError = false;             ///< the first cell of its first image is wrong
   bool erasedAgain = false;            ///< it held the image before a second installation began to erase it
+};
+
+/// One transfer of the image, up to the beginning of the next file's.
+struct Transfer {
+  std::size_t begin;         ///< of its bytes among those that were delivered
+  std::size_t end;           ///< behind the last of them
+  std::uint32_t forgedAcks;  ///< ACKs that the host read and no device had sent
+  std::uint32_t
+      forgedEnds;  ///< bytes that a device could take for an EOT and that the host wrote within a block
 };
 
 /// What was seen of one run.
@@ -39,11 +49,12 @@ struct Observation {
   std::vector<std::string> unknownLines;
 
   // What a success was worth.
-  std::vector<Holding> wrongHoldings;  ///< devices that did not hold the image when a success was told
-  bool checkMissing = false;           ///< a CAN device was not asked to check, or refused
-  std::uint32_t forgedAcks = 0;  ///< ACKs in the last file's transfer that the host read and no device sent
-  std::uint32_t resets = 0;      ///< faults that reset a device
-  std::vector<std::uint8_t> delivered;  ///< bytes of the last file's transfer as they reached the devices
+  std::vector<Holding> wrongHoldings;   ///< devices that did not hold the image when a success was told
+  bool checkMissing = false;            ///< a CAN device was not asked to check, or refused
+  std::uint32_t resets = 0;             ///< faults that reset a device
+  std::vector<Transfer> transfers;      ///< of the image, to any device
+  std::vector<std::uint8_t> delivered;  ///< all bytes as they reached the devices
+  std::vector<std::uint8_t> takers;     ///< and for each the index of the device that had the line
   std::vector<std::uint8_t> written;    ///< all bytes as the host wrote them
   std::vector<std::size_t> bursts;      ///< where in them it began to write, having read or waited before
 

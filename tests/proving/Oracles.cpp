@@ -33,10 +33,25 @@ std::size_t MissingBlocks(const Holding& holding) {
   return BlocksOf(holding.expected.size()) - BlocksOf(holding.flash.size());
 }
 
-// The host believed an ACK that no device had sent, and every block that the device lacks is one behind what
-// it holds.
+// What the device holds is the image as far as it goes, and one of the image's transfers explains as many
+// blocks as are missing.
+template <typename Explained>
+bool LacksAsManyBlocks(const Observation& seen, const Holding& holding, Explained explained) {
+  const std::size_t missing = MissingBlocks(holding);
+  return IsPrefix(holding.flash, holding.expected) &&
+         std::any_of(seen.transfers.begin(), seen.transfers.end(),
+                     [&](const Transfer& transfer) { return explained(transfer) >= missing; });
+}
+
+// The host believed ACKs that no device had sent.
 bool IsForgedAck(const Observation& seen, const Holding& holding) {
-  return IsPrefix(holding.flash, holding.expected) && seen.forgedAcks >= MissingBlocks(holding);
+  return LacksAsManyBlocks(seen, holding, [](const Transfer& transfer) { return transfer.forgedAcks; });
+}
+
+std::vector<Frame> FramesOf(const Observation& seen, const Transfer& transfer) {
+  const auto first = seen.delivered.begin();
+  return FindFrames(Bytes(first + static_cast<std::ptrdiff_t>(transfer.begin),
+                          first + static_cast<std::ptrdiff_t>(transfer.end)));
 }
 
 // How many frames reached the device that were the same as the one before: it acknowledges each of them, and
@@ -52,10 +67,27 @@ std::size_t RepeatedFrames(const std::vector<Frame>& frames) {
 }
 
 // A block was sent again while its ACK was still under way: the second ACK stood for a block that the device
-// lacks, and what it holds is the image as far as it goes.
+// lacks.
 bool IsSurplusAck(const Observation& seen, const Holding& holding) {
-  return IsPrefix(holding.flash, holding.expected) &&
-         RepeatedFrames(FindFrames(seen.delivered)) >= MissingBlocks(holding);
+  return LacksAsManyBlocks(
+      seen, holding, [&](const Transfer& transfer) { return RepeatedFrames(FramesOf(seen, transfer)); });
+}
+
+// A device that had lost a block's beginning took a byte of it for the end of the transfer and acknowledged
+// that.
+bool IsForgedEnd(const Observation& seen, const Holding& holding) {
+  return LacksAsManyBlocks(seen, holding, [](const Transfer& transfer) { return transfer.forgedEnds; });
+}
+
+// Another device of the list still had the line, and took the blocks for something of its own.
+bool IsOtherDevice(const Observation& seen, const Holding& holding) {
+  return LacksAsManyBlocks(seen, holding, [&](const Transfer& transfer) {
+    const std::vector<Frame> frames = FramesOf(seen, transfer);
+    const auto went_elsewhere = [&](const Frame& frame) {
+      return seen.takers[transfer.begin + frame.begin] != holding.index;
+    };
+    return static_cast<std::size_t>(std::count_if(frames.begin(), frames.end(), went_elsewhere));
+  });
 }
 
 bool HasBlock(const std::vector<Frame>& frames, const Bytes& data) {
@@ -110,6 +142,12 @@ Excuse ExcuseOf(const Observation& seen, const Holding& holding) {
   }
   if (IsSurplusAck(seen, holding)) {
     return Excuse::kSurplusAck;
+  }
+  if (IsForgedEnd(seen, holding)) {
+    return Excuse::kForgedEnd;
+  }
+  if (IsOtherDevice(seen, holding)) {
+    return Excuse::kOtherDevice;
   }
   if (IsWrappedNumber(seen, holding)) {
     return Excuse::kWrappedNumber;
@@ -169,6 +207,10 @@ const char* Name(Excuse excuse) {
       return "an ACK that no device had sent";
     case Excuse::kSurplusAck:
       return "the ACK of a block sent again, in the place of the next one's";
+    case Excuse::kForgedEnd:
+      return "the ACK of a byte that a device took for the end of the transfer";
+    case Excuse::kOtherDevice:
+      return "the ACK of another device that still had the line";
     case Excuse::kCollision:
       return "a wrong block with the right check value";
     case Excuse::kWrappedNumber:

@@ -17,8 +17,18 @@ const std::vector<Oracle>& Oracles();
 
 /// Why a success may be false although nothing is wrong with the module: what no host could have noticed over
 /// this protocol. Each is computed from the bytes, not believed.
-enum class Excuse { kNone, kForgedAck, kSurplusAck, kCollision, kWrappedNumber, kErasedAgain, kFlashError };
-constexpr int kExcuses = 7;
+enum class Excuse {
+  kNone,
+  kForgedAck,
+  kSurplusAck,
+  kForgedEnd,
+  kOtherDevice,
+  kCollision,
+  kWrappedNumber,
+  kErasedAgain,
+  kFlashError
+};
+constexpr int kExcuses = 9;
 
 const char* Name(Excuse excuse);
 

@@ -45,7 +45,7 @@ Bytes Image(std::size_t blocks) {
 // A run that told a success over a device that holds `flash`.
 Observation FalseSuccess(Bytes flash, Bytes expected) {
   Observation seen = GoodRun();
-  seen.wrongHoldings.push_back({"sanyo", std::move(flash), std::move(expected), false, false});
+  seen.wrongHoldings.push_back({"sanyo", 0, std::move(flash), std::move(expected), false, false});
   return seen;
 }
 
@@ -77,7 +77,7 @@ const Spoilt kSpoilt[] = {
      }},
     {"A success is told only if each device holds",
      [](Observation& seen) {
-       seen.wrongHoldings.push_back({"can", {1}, {2}, false, false});
+       seen.wrongHoldings.push_back({"can", 0, {1}, {2}, false, false});
      }},
     {"A success is told only if each device that can check",
      [](Observation& seen) { seen.checkMissing = true; }},
@@ -114,12 +114,14 @@ TEST(Excuses, AForgedAckStandsForOneMissingBlock) {
   const Bytes image = Image(3);
   Observation seen = FalseSuccess(FirstBlocks(image, 2), image);
   EXPECT_EQ(ExcuseOf(seen), Excuse::kNone);
-  seen.forgedAcks = 1;
+  seen.transfers = {{0, 0, 1, 0}};
   EXPECT_EQ(ExcuseOf(seen), Excuse::kForgedAck);
   seen.wrongHoldings[0].flash = FirstBlocks(image, 1);
   EXPECT_EQ(ExcuseOf(seen), Excuse::kNone) << "two blocks are missing";
+  seen.transfers.push_back({0, 0, 1, 0});
+  EXPECT_EQ(ExcuseOf(seen), Excuse::kNone) << "the other ACK was of another transfer";
   seen.wrongHoldings[0].flash[0] ^= 1;
-  seen.forgedAcks = 9;
+  seen.transfers = {{0, 0, 9, 0}};
   EXPECT_EQ(ExcuseOf(seen), Excuse::kNone) << "and what is there is wrong";
 }
 
@@ -128,9 +130,36 @@ TEST(Excuses, ABlockSentAgainStandsForOneMissingBlock) {
   Observation seen = FalseSuccess(FirstBlocks(image, 1), image);
   const Bytes frame = simulator::FrameBlock(1, FirstBlocks(image, 1), simulator::Trailer::kCrc);
   seen.delivered = frame;
+  seen.takers.assign(2 * frame.size(), 0);
+  seen.transfers = {{0, frame.size(), 0, 0}};
   EXPECT_EQ(ExcuseOf(seen), Excuse::kNone);
   seen.delivered.insert(seen.delivered.end(), frame.begin(), frame.end());
+  seen.transfers.push_back({frame.size(), 2 * frame.size(), 0, 0});
+  EXPECT_EQ(ExcuseOf(seen), Excuse::kNone) << "each transfer brought it once";
+  seen.transfers = {{0, 2 * frame.size(), 0, 0}};
   EXPECT_EQ(ExcuseOf(seen), Excuse::kSurplusAck);
+}
+
+TEST(Excuses, AForgedEndStandsForOneMissingBlock) {
+  const Bytes image = Image(2);
+  Observation seen = FalseSuccess(FirstBlocks(image, 1), image);
+  seen.transfers = {{0, 0, 0, 1}};
+  EXPECT_EQ(ExcuseOf(seen), Excuse::kForgedEnd);
+  seen.wrongHoldings[0].flash.clear();
+  EXPECT_EQ(ExcuseOf(seen), Excuse::kNone) << "two blocks are missing";
+}
+
+TEST(Excuses, AnotherDeviceMustHaveTakenEachMissingBlock) {
+  const Bytes image = Image(2);
+  Observation seen = FalseSuccess(FirstBlocks(image, 1), image);
+  seen.delivered = simulator::FrameBlock(2, FirstBlocks(image, 1), simulator::Trailer::kCrc);
+  seen.takers.assign(seen.delivered.size(), 0);
+  seen.transfers = {{0, seen.delivered.size(), 0, 0}};
+  EXPECT_EQ(ExcuseOf(seen), Excuse::kNone) << "the device itself had the line";
+  seen.takers.assign(seen.delivered.size(), 1);
+  EXPECT_EQ(ExcuseOf(seen), Excuse::kOtherDevice);
+  seen.wrongHoldings[0].flash.clear();
+  EXPECT_EQ(ExcuseOf(seen), Excuse::kNone) << "two blocks are missing";
 }
 
 TEST(Excuses, AWrongBlockMustHaveArrivedInASoundFrame) {
@@ -177,9 +206,9 @@ TEST(Excuses, AFlashErrorIsOneOfADeviceThatChecksNothing) {
 TEST(Excuses, OneWithoutSpoilsAll) {
   const Bytes image = Image(2);
   Observation seen = FalseSuccess(FirstBlocks(image, 1), image);
-  seen.forgedAcks = 1;
-  seen.wrongHoldings.push_back({"can", {}, {1, 2, 3}, false, false});
-  seen.wrongHoldings.push_back({"can", {9}, {1, 2, 3}, false, false});
+  seen.transfers = {{0, 0, 1, 0}};
+  seen.wrongHoldings.push_back({"can", 0, {}, {1, 2, 3}, false, false});
+  seen.wrongHoldings.push_back({"can", 0, {9}, {1, 2, 3}, false, false});
   EXPECT_EQ(ExcuseOf(seen), Excuse::kNone);
 }
 

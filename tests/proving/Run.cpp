@@ -10,6 +10,7 @@
 #include "Frames.h"
 #include "LogTexts.h"
 #include "simulator/Xmodem.h"
+#include "simulator/XmodemReceiver.h"
 
 extern "C" IFeatureModule2* FeatureCreate2(const TFeatureId&, IInterfaceBroker&, IEventBroker&,
                                            const IFeatureProperties&);
@@ -29,6 +30,8 @@ constexpr std::int64_t kLongestUpload_ms = (150 + 1) * (80 + 1) * 500;
 // What a thread may still need that has lost its supervision: ten waits for a start, or a block that is sent
 // eleven times and answered in the last of ten waits each time.
 constexpr std::int64_t kLongestFarewell_ms = 10 * 20'000 + std::int64_t{11} * 10 * 5'000;
+// And when every byte of ten packets comes after the longest wait for it.
+constexpr std::int64_t kLongestTrickle_ms = std::int64_t{10} * 1'029 * 5'000;
 // Longer than a device waits for a host that has gone away in mid-transfer, and than any byte is delayed.
 constexpr std::int64_t kPause_ms = 70'000;
 // Images of more than this are not sent a second time whole.
@@ -123,6 +126,7 @@ Observation Run::Observe() {
   if (Prepare()) {
     Install();
   }
+  EndTransfer();
   iSettled = true;
   JudgeBlocks();
   iSeen.faultsHappened = iLine->Happened() + (resources::HasFailed() ? 1 : 0);
@@ -155,8 +159,12 @@ void Run::Install() {
   const auto isDone = [this] { return iModule == nullptr || iSeen.results >= iSeen.installs; };
   const auto loaders = static_cast<std::int64_t>(iScenario.devices.size());
   iSeen.endedInTime = iWorld.RunUntil(isDone, loaders * kLongestUpload_ms);
-  // Whoever ends late must not be heard any more.
-  iWorld.RunUntil([this] { return iWorld.BusyWorkers() == 0; }, kLongestFarewell_ms);
+  // Whoever ends late must not be heard any more. A device that goes on talking keeps a thread in its packet.
+  iLastRead_us = iWorld.Now_us();
+  const auto isQuiet = [this] {
+    return iWorld.BusyWorkers() == 0 || iWorld.Now_us() - iLastRead_us > kLongestFarewell_ms * 1000;
+  };
+  iWorld.RunUntil(isQuiet, kLongestTrickle_ms);
   iWorld.RunFor(kPause_ms);
 }
 
@@ -273,7 +281,6 @@ void Run::OnProgress(int percent) {
 void Run::JudgeSuccess() {
   const simulator::DeviceList& devices = *iDevices.back();
   std::uint32_t checks_due = 0;
-  iSeen.forgedAcks = iLine->ForgedAcks() - iForgedBefore;
   iSeen.resets = iLine->Resets();
   // While a second installation runs, the first may have ended well before the flash was erased again.
   const bool heldBefore = iSeen.installs > 1 && iHeldWhenUpdated;
@@ -281,7 +288,7 @@ void Run::JudgeSuccess() {
     checks_due += devices.At(index).Name() == "can" ? iSeen.successes : 0;
     std::vector<std::uint8_t> flash = devices.At(index).Flash().Contents();
     if (flash != iExpected) {
-      iSeen.wrongHoldings.push_back({devices.At(index).Name(), std::move(flash), iExpected,
+      iSeen.wrongHoldings.push_back({devices.At(index).Name(), index, std::move(flash), iExpected,
                                      iScenario.options.faults.corrupt_flash, heldBefore});
     }
   }
@@ -363,10 +370,7 @@ void Run::NoteVerdict(std::string_view message) {
     NoteSign();
   } else if (begins("File size : ")) {
     iStartByteRead = false;
-    if (!iRecovering) {
-      iForgedBefore = iLine->ForgedAcks();
-      iSeen.delivered.clear();
-    }
+    BeginTransfer(message.substr(std::strlen("File size : ")));
   } else if (begins("The file ") && !iStartByteRead && iScenario.failingCallNumber == 0) {
     // A transfer without a start keeps its file and its buffer; and it cancels nothing.
     ++iSeen.filesKept;
@@ -382,6 +386,32 @@ void Run::NoteVerdict(std::string_view message) {
   }
 }
 
+void Run::BeginTransfer(std::string_view size) {
+  EndTransfer();
+  iSendsImage = size == std::to_string(iScenario.imageSize);
+  iTransferBegin = iSeen.delivered.size();
+  iForgedBefore = iLine->ForgedAcks();
+  iEndsWritten = iEndsDelivered = 0;
+}
+
+// What the image's transfer showed that a false success may rest on.
+void Run::EndTransfer() {
+  if (!std::exchange(iSendsImage, false) || iSettled) {
+    return;
+  }
+  NoteQuiet(iWorld.Now_us());
+  const std::uint32_t forged_ends = iEndsDelivered - std::min(iEndsDelivered, iEndsWritten);
+  iSeen.transfers.push_back(
+      {iTransferBegin, iSeen.delivered.size(), iLine->ForgedAcks() - iForgedBefore, forged_ends});
+}
+
+// A device takes an EOT for one only if nothing follows it.
+void Run::NoteQuiet(std::int64_t now_us) {
+  const bool is_quiet = now_us - iLastDelivery_us >= simulator::XmodemReceiver::kEotQuiet;
+  const bool is_lone = iSeen.delivered.size() > iTransferBegin && iSeen.delivered.back() == simulator::kEot;
+  iEndsDelivered += is_quiet && is_lone ? 1U : 0U;
+}
+
 void Run::OnHostByte(Direction direction, std::uint8_t byte, std::int64_t now_us) {
   Mix((static_cast<std::uint64_t>(now_us) << 9) | (static_cast<std::uint64_t>(direction) << 8) | byte);
   iStartByteRead =
@@ -389,19 +419,24 @@ void Run::OnHostByte(Direction direction, std::uint8_t byte, std::int64_t now_us
   if (direction == Direction::kOut && !iSettled) {
     if (iBurstBegins || now_us != iLastWrite_us) {
       iSeen.bursts.push_back(iSeen.written.size());
+      iEndsWritten += byte == simulator::kEot ? 1U : 0U;
     }
     iLastWrite_us = now_us;
     iSeen.written.push_back(byte);
   }
   iBurstBegins = direction == Direction::kIn;
+  iLastRead_us = iBurstBegins ? now_us : iLastRead_us;
   if (iRecorder != nullptr) {
     iRecorder->OnByte(now_us, direction, byte);
   }
 }
 
-void Run::OnDelivered(std::uint8_t byte) {
+void Run::OnDelivered(std::uint8_t byte, std::int64_t now_us) {
   if (!iSettled) {
+    NoteQuiet(now_us);
+    iLastDelivery_us = now_us;
     iSeen.delivered.push_back(byte);
+    iSeen.takers.push_back(static_cast<std::uint8_t>(iDevices.back()->Current()));
   }
 }
 
@@ -411,7 +446,9 @@ void Run::OnRequest(FaultKind kind) {
       ++iSeen.aborts;
       return Request(EAbortRequest);
     case FaultKind::kInstall:
-      ++iSeen.installs;
+      if (iSeen.results == iSeen.installs++) {
+        iLastSign_us = iWorld.Now_us();
+      }
       return Request(EInstallRequest);
     default:
       return iWorld.Post({EUserEvent, kDeleteModule, 0, nullptr});

@@ -55,7 +55,7 @@ class Run : private IEventObserver, private IEventBroker, private logging::ISink
 
   void Write(const logging::TLine& line) override;
   void OnHostByte(Direction direction, std::uint8_t byte, std::int64_t now_us) override;
-  void OnDelivered(std::uint8_t byte) override;
+  void OnDelivered(std::uint8_t byte, std::int64_t now_us) override;
   void OnRequest(FaultKind kind) override;
 
   void CreateModule();
@@ -67,6 +67,9 @@ class Run : private IEventObserver, private IEventBroker, private logging::ISink
   void CheckPayload(const TEvent& event);
   void NoteVerdict(std::string_view message);
   void NoteSign();
+  void BeginTransfer(std::string_view size);
+  void EndTransfer();
+  void NoteQuiet(std::int64_t now_us);
   void Mix(std::uint64_t value);
   void Tell(const std::string& text);
 
@@ -96,7 +99,13 @@ class Run : private IEventObserver, private IEventBroker, private logging::ISink
   bool iStartByteRead = false;
   bool iBurstBegins = true;
   std::int64_t iLastWrite_us = 0;
+  std::int64_t iLastRead_us = 0;
+  bool iSendsImage = false;
+  std::size_t iTransferBegin = 0;
   std::uint32_t iForgedBefore = 0;
+  std::uint32_t iEndsWritten = 0;
+  std::uint32_t iEndsDelivered = 0;
+  std::int64_t iLastDelivery_us = 0;
   std::uint32_t iVerdicts = 0;
   std::size_t iOwnSubscriptions = 0;
 };
