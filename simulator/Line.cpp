@@ -57,9 +57,11 @@ Micros Wire::Schedule(Micros now) {
 }
 
 void Wire::Put(std::uint8_t byte, Micros now) {
-  if (iBytes.size() < kCapacity) {
-    iBytes.push_back(Byte{byte, Schedule(now)});
+  if (iBytes.size() == kCapacity) {
+    ++iLost;
+    return;
   }
+  iBytes.push_back(Byte{byte, Schedule(now)});
 }
 
 bool Wire::IsDisturbed() {

@@ -29,6 +29,8 @@ class Wire {
   std::uint8_t Take();
   /// How many bytes Send() certainly does not lose.
   std::size_t Space() const;
+  /// How many bytes it has lost because it was full.
+  std::uint64_t Lost() const { return iLost; }
 
  private:
   struct Byte {
@@ -48,6 +50,7 @@ class Wire {
   Micros iBurstStart = 0;
   std::int64_t iBurstBytes = 0;
   Micros iFree = 0;
+  std::uint64_t iLost = 0;
 };
 
 /// A full-duplex serial line between a host and a device, in virtual time: every byte and every timer of the
@@ -70,6 +73,8 @@ class Line {
   std::size_t HostWriteSpace() const;
   /// When the last byte that the host has sent arrives at the device; kNever if none is under way.
   Micros HostWriteEnd() const { return iToDevice.LastArrival(); }
+  /// How many bytes of the device were lost because the host was behind by Wire::kCapacity bytes.
+  std::uint64_t LostToHost() const { return iToHost.Lost(); }
 
   /// Lets everything happen that is due by `now`.
   void Advance(Micros now);

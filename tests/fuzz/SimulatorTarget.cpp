@@ -135,6 +135,7 @@ class Bench {
     Write(bytes, line);
     Wait(kAfterwards, line);
     CheckMemories();
+    iIsClear = iIsClear && line.LostToHost() == 0;
     CheckSaid();
     Promise(iDevices->Updates() == iUpdatesTold, "an update is counted that was not told");
     Promise(!iSettings.device.once || iDevices->Updates() <= iDevices->Size() * (1 + iDevices->Failures()),

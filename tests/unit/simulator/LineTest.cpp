@@ -138,7 +138,10 @@ TEST(Line, WhatTheHostNeverReadsIsLostBeyondTheCapacity) {
   Echo echo;
   Line line(echo, At(0), 0);
   const Bytes bytes = Pattern(5000);
-  EXPECT_EQ(line.HostWrite(bytes.data(), bytes.size(), 0), 5000);
+  EXPECT_EQ(line.HostWrite(bytes.data(), 4096, 0), 4096);
+  EXPECT_EQ(line.LostToHost(), 0u);
+  EXPECT_EQ(line.HostWrite(bytes.data(), 904, 0), 904);
+  EXPECT_EQ(line.LostToHost(), 904u);
   Bytes back(5000);
   EXPECT_EQ(line.HostRead(back.data(), back.size(), 0), 4096);
 }
