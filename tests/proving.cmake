@@ -13,6 +13,7 @@ add_executable(proving-ground
   proving/Scenario.cpp
   proving/SourceFolder.cpp
   proving/Storm.cpp
+  proving/TransferWatch.cpp
   proving/Workers.cpp
   proving/main.cpp)
 target_link_libraries(proving-ground PRIVATE

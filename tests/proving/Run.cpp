@@ -10,7 +10,6 @@
 #include "Frames.h"
 #include "LogTexts.h"
 #include "simulator/Xmodem.h"
-#include "simulator/XmodemReceiver.h"
 
 extern "C" IFeatureModule2* FeatureCreate2(const TFeatureId&, IInterfaceBroker&, IEventBroker&,
                                            const IFeatureProperties&);
@@ -20,6 +19,7 @@ namespace proving {
 namespace {
 
 constexpr char kFeatureId[] = "can-controller";
+constexpr std::string_view kFileSize = "File size : ";
 constexpr char kFlashAddress[] = "8000";
 constexpr std::uint32_t kTold[] = {EPrepareResult, EInstallResult, EInstallProgress, EAbortResult};
 constexpr std::uint32_t kDeleteModule = 900;
@@ -126,7 +126,8 @@ Observation Run::Observe() {
   if (Prepare()) {
     Install();
   }
-  EndTransfer();
+  iTransfers.End(iLine->ForgedAcks(), iWorld.Now_us());
+  iTransfers.MoveTo(iSeen);
   iSettled = true;
   JudgeBlocks();
   iSeen.faultsHappened = iLine->Happened() + (resources::HasFailed() ? 1 : 0);
@@ -368,9 +369,10 @@ void Run::NoteVerdict(std::string_view message) {
   const auto begins = [&](std::string_view text) { return message.substr(0, text.size()) == text; };
   if (begins("RemainingSize: ")) {
     NoteSign();
-  } else if (begins("File size : ")) {
+  } else if (begins(kFileSize)) {
     iStartByteRead = false;
-    BeginTransfer(message.substr(std::strlen("File size : ")));
+    const bool isImage = message.substr(kFileSize.size()) == std::to_string(iScenario.imageSize);
+    iTransfers.Begin(isImage, iLine->ForgedAcks(), iWorld.Now_us());
   } else if (begins("The file ") && !iStartByteRead && iScenario.failingCallNumber == 0) {
     // A transfer without a start keeps its file and its buffer; and it cancels nothing.
     ++iSeen.filesKept;
@@ -386,32 +388,6 @@ void Run::NoteVerdict(std::string_view message) {
   }
 }
 
-void Run::BeginTransfer(std::string_view size) {
-  EndTransfer();
-  iSendsImage = size == std::to_string(iScenario.imageSize);
-  iTransferBegin = iSeen.delivered.size();
-  iForgedBefore = iLine->ForgedAcks();
-  iEndsWritten = iEndsDelivered = 0;
-}
-
-// What the image's transfer showed that a false success may rest on.
-void Run::EndTransfer() {
-  if (!std::exchange(iSendsImage, false) || iSettled) {
-    return;
-  }
-  NoteQuiet(iWorld.Now_us());
-  const std::uint32_t forged_ends = iEndsDelivered - std::min(iEndsDelivered, iEndsWritten);
-  iSeen.transfers.push_back(
-      {iTransferBegin, iSeen.delivered.size(), iLine->ForgedAcks() - iForgedBefore, forged_ends});
-}
-
-// A device takes an EOT for one only if nothing follows it.
-void Run::NoteQuiet(std::int64_t now_us) {
-  const bool is_quiet = now_us - iLastDelivery_us >= simulator::XmodemReceiver::kEotQuiet;
-  const bool is_lone = iSeen.delivered.size() > iTransferBegin && iSeen.delivered.back() == simulator::kEot;
-  iEndsDelivered += is_quiet && is_lone ? 1U : 0U;
-}
-
 void Run::OnHostByte(Direction direction, std::uint8_t byte, std::int64_t now_us) {
   Mix((static_cast<std::uint64_t>(now_us) << 9) | (static_cast<std::uint64_t>(direction) << 8) | byte);
   iStartByteRead =
@@ -419,7 +395,9 @@ void Run::OnHostByte(Direction direction, std::uint8_t byte, std::int64_t now_us
   if (direction == Direction::kOut && !iSettled) {
     if (iBurstBegins || now_us != iLastWrite_us) {
       iSeen.bursts.push_back(iSeen.written.size());
-      iEndsWritten += byte == simulator::kEot ? 1U : 0U;
+      if (byte == simulator::kEot) {
+        iTransfers.OnEndWritten();
+      }
     }
     iLastWrite_us = now_us;
     iSeen.written.push_back(byte);
@@ -433,10 +411,7 @@ void Run::OnHostByte(Direction direction, std::uint8_t byte, std::int64_t now_us
 
 void Run::OnDelivered(std::uint8_t byte, std::int64_t now_us) {
   if (!iSettled) {
-    NoteQuiet(now_us);
-    iLastDelivery_us = now_us;
-    iSeen.delivered.push_back(byte);
-    iSeen.takers.push_back(static_cast<std::uint8_t>(iDevices.back()->Current()));
+    iTransfers.OnDelivered(byte, iDevices.back()->Current(), now_us);
   }
 }
 

@@ -15,6 +15,7 @@
 #include "RecordingBroker.h"
 #include "Scenario.h"
 #include "SourceFolder.h"
+#include "TransferWatch.h"
 #include "VirtualWorld.h"
 #include "simulator/DeviceList.h"
 
@@ -67,9 +68,6 @@ class Run : private IEventObserver, private IEventBroker, private logging::ISink
   void CheckPayload(const TEvent& event);
   void NoteVerdict(std::string_view message);
   void NoteSign();
-  void BeginTransfer(std::string_view size);
-  void EndTransfer();
-  void NoteQuiet(std::int64_t now_us);
   void Mix(std::uint64_t value);
   void Tell(const std::string& text);
 
@@ -100,12 +98,7 @@ class Run : private IEventObserver, private IEventBroker, private logging::ISink
   bool iBurstBegins = true;
   std::int64_t iLastWrite_us = 0;
   std::int64_t iLastRead_us = 0;
-  bool iSendsImage = false;
-  std::size_t iTransferBegin = 0;
-  std::uint32_t iForgedBefore = 0;
-  std::uint32_t iEndsWritten = 0;
-  std::uint32_t iEndsDelivered = 0;
-  std::int64_t iLastDelivery_us = 0;
+  TransferWatch iTransfers;
   std::uint32_t iVerdicts = 0;
   std::size_t iOwnSubscriptions = 0;
 };

@@ -11,19 +11,9 @@
 #define FIBER_ADDRESS 1
 #endif
 #endif
-#if defined(__SANITIZE_THREAD__)
-#define FIBER_THREAD 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define FIBER_THREAD 1
-#endif
-#endif
 
 #ifdef FIBER_ADDRESS
 #include <sanitizer/common_interface_defs.h>
-#endif
-#ifdef FIBER_THREAD
-#include <sanitizer/tsan_interface.h>
 #endif
 
 namespace {
@@ -59,15 +49,9 @@ Fiber::Fiber(std::function<void()> body) : iBody(std::move(body)), iStack(TakeSt
   const auto self = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(this));
   makecontext(&iOwn, reinterpret_cast<void (*)()>(&Fiber::Enter), 2, static_cast<unsigned>(self >> 32),
               static_cast<unsigned>(self & 0xFFFFFFFFu));
-#ifdef FIBER_THREAD
-  iThreadOfOwn = __tsan_create_fiber(0);
-#endif
 }
 
 Fiber::~Fiber() {
-#ifdef FIBER_THREAD
-  __tsan_destroy_fiber(iThreadOfOwn);
-#endif
   SpareStacks().push_back(std::move(iStack));
 }
 
@@ -103,10 +87,6 @@ void Fiber::SwitchIn() {
 #ifdef FIBER_ADDRESS
   __sanitizer_start_switch_fiber(&iResumerFakeStack, iStack.get(), kStackSize);
 #endif
-#ifdef FIBER_THREAD
-  iThreadOfResumer = __tsan_get_current_fiber();
-  __tsan_switch_to_fiber(iThreadOfOwn, 0);
-#endif
   swapcontext(&iResumer, &iOwn);
 #ifdef FIBER_ADDRESS
   __sanitizer_finish_switch_fiber(iResumerFakeStack, nullptr, nullptr);
@@ -117,9 +97,6 @@ void Fiber::SwitchOut() {
 #ifdef FIBER_ADDRESS
   // An ended fiber gives its fake stack back.
   __sanitizer_start_switch_fiber(iEnded ? nullptr : &iFakeStack, iResumerStack, iResumerStackSize);
-#endif
-#ifdef FIBER_THREAD
-  __tsan_switch_to_fiber(iThreadOfResumer, 0);
 #endif
   swapcontext(&iOwn, &iResumer);
 #ifdef FIBER_ADDRESS

@@ -38,11 +38,9 @@ class Fiber {
   ucontext_t iResumer = {};
   bool iEnded = false;
 
-  // What the sanitizers want to know of a change of stacks.
+  // What AddressSanitizer wants to know of a change of stacks.
   void* iFakeStack = nullptr;
   void* iResumerFakeStack = nullptr;
   const void* iResumerStack = nullptr;
   std::size_t iResumerStackSize = 0;
-  void* iThreadOfOwn = nullptr;
-  void* iThreadOfResumer = nullptr;
 };
