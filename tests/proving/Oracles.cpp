@@ -25,6 +25,10 @@ bool IsSuffix(const Bytes& part, const Bytes& whole) {
   return part.size() < whole.size() && std::equal(part.rbegin(), part.rend(), whole.rbegin());
 }
 
+Bytes FirstBytes(const Bytes& bytes, std::size_t count) {
+  return {bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(count)};
+}
+
 std::size_t BlocksOf(std::size_t bytes) {
   return (bytes + kLargeBlock - 1) / kLargeBlock;
 }
@@ -114,11 +118,32 @@ bool IsCollision(const Observation& seen, const Holding& holding) {
   return true;
 }
 
-// The device began anew just where the block numbers begin anew: block 257 passes for the first.
-bool IsWrappedNumber(const Observation& seen, const Holding& holding) {
+// A device began anew just where the block numbers begin anew: block 257 passes for the first.
+bool HasLostWholeRounds(const Observation& seen, const Holding& holding) {
   const std::size_t lost = MissingBlocks(holding);
   return seen.resets > 0 && IsSuffix(holding.flash, holding.expected) && lost > 0 &&
          lost % kBlocksPerWrap == 0;
+}
+
+// A second transfer began there: its first block passes for block 257, or for the same once more.
+bool GoesOnWithSecondTransfer(const Observation& seen, const Holding& holding) {
+  if (seen.installs < 2 || holding.flash.size() <= holding.expected.size()) {
+    return false;
+  }
+  const std::size_t surplus = BlocksOf(holding.flash.size()) - BlocksOf(holding.expected.size());
+  const auto is_joined = [&](std::size_t repeated) {
+    const std::size_t first = std::min((surplus + repeated) * kLargeBlock, holding.expected.size());
+    Bytes joined = FirstBytes(holding.expected, first);
+    joined.insert(joined.end(),
+                  holding.expected.begin() + static_cast<std::ptrdiff_t>(repeated * kLargeBlock),
+                  holding.expected.end());
+    return joined == holding.flash;
+  };
+  return surplus % kBlocksPerWrap == 0 && (is_joined(0) || is_joined(1));
+}
+
+bool IsWrappedNumber(const Observation& seen, const Holding& holding) {
+  return HasLostWholeRounds(seen, holding) || GoesOnWithSecondTransfer(seen, holding);
 }
 
 // Without the error in its first cell.
@@ -214,7 +239,7 @@ const char* Name(Excuse excuse) {
     case Excuse::kCollision:
       return "a wrong block with the right check value";
     case Excuse::kWrappedNumber:
-      return "a device that began anew where the block numbers do";
+      return "a device or a transfer that began anew where the block numbers do";
     case Excuse::kErasedAgain:
       return "a flash that a second installation had begun to erase";
     case Excuse::kFlashError:

@@ -191,6 +191,21 @@ TEST(Excuses, ADeviceThatBeganAnewMustHaveLostWholeRoundsOfNumbers) {
   EXPECT_EQ(ExcuseOf(seen), Excuse::kNone);
 }
 
+TEST(Excuses, ASecondTransferMustGoOnWhereTheNumbersBeginAnew) {
+  const Bytes image = Image(260);
+  for (const std::size_t repeated : {std::size_t{0}, std::size_t{1}}) {
+    Bytes joined = FirstBlocks(image, 256 + repeated);
+    joined.insert(joined.end(), image.begin() + static_cast<std::ptrdiff_t>(repeated * 1024), image.end());
+    Observation seen = FalseSuccess(joined, image);
+    EXPECT_EQ(ExcuseOf(seen), Excuse::kNone) << "no second installation";
+    seen.installs = 2;
+    EXPECT_EQ(ExcuseOf(seen), Excuse::kWrappedNumber);
+    seen.wrongHoldings[0].flash.erase(seen.wrongHoldings[0].flash.begin(),
+                                      seen.wrongHoldings[0].flash.begin() + 1024);
+    EXPECT_EQ(ExcuseOf(seen), Excuse::kNone) << "not a whole round";
+  }
+}
+
 TEST(Excuses, AFlashErrorIsOneOfADeviceThatChecksNothing) {
   const Bytes image = Image(1);
   Bytes wrong = image;
