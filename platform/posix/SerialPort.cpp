@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <linux/serial.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -11,11 +12,10 @@
 #include <array>
 #include <atomic>
 #include <cstdlib>
-#include <memory>
 #include <mutex>
+#include <string>
 #include <system_error>
 #include <thread>
-#include <vector>
 
 #include "Clock.h"
 #include "Descriptor.h"
@@ -35,6 +35,8 @@ constexpr std::size_t KGathered_bytes = 2048;
 constexpr std::chrono::microseconds KGatheredFor(1500);
 // A driver without room is given time to make some, so that the rest goes in pieces that are worth a call.
 constexpr std::chrono::milliseconds KRetryAfter(10);
+// The flusher looks again when somebody is using the port, be it for nanoseconds or for the whole of a write.
+constexpr std::chrono::microseconds KComeBackAfter(250);
 // As much as the terminal layer keeps for its reader.
 constexpr std::size_t KFetched_bytes = 4096;
 // Receivers still agree about the bits of a byte when the two speeds differ by this much.
@@ -94,6 +96,15 @@ class CBytes {
     iEnd += count;
   }
 
+  /// Adds a byte behind others if it does not take the last place.
+  bool Join(TUint8 byte) {
+    if (IsEmpty() || iEnd + 1 >= KCapacity) {
+      return false;
+    }
+    iBytes[iEnd++] = byte;
+    return true;
+  }
+
   /// Takes the first bytes away, of which there must be so many.
   void Drop(std::size_t count) {
     iBegin += count;
@@ -148,10 +159,18 @@ class CSerialPort : public ISerialPort, private IGatherer, private IPolled {
   /// Hands over what was gathered, unless another thread is about to.
   void FlushAtExit();
 
+  /// Makes the port's copy in a child process the child's own: what was gathered and fetched is the parent's,
+  /// and whoever held the lock is not there any more.
+  void StartAnewInChild();
+
+  CSerialPort* iMadeBefore = nullptr;  ///< for the table of ports
+
  private:
   void FlushDue() override;
   void AwaitChange() override;
 
+  bool JoinsGathered(TUint8 byte);
+  TInt32 WriteAll(const TUint8* buffer, TUint32 count, TUint32* written);
   bool WriteSome(const TUint8* buffer, TUint32 count, TUint32* written);
   bool WriteThrough(const TUint8* buffer, TUint32 count, TUint32* written);
   bool Gather(const TUint8* bytes, TUint32 count);
@@ -166,8 +185,6 @@ class CSerialPort : public ISerialPort, private IGatherer, private IPolled {
 
   const std::string iName;
   const dev_t iDevice;
-  // A child process has a copy of what its parent has gathered.
-  const pid_t iProcess = ::getpid();
   // Set before iLock is taken: a user who polls without a pause would else take it again and again first.
   std::atomic<bool> iTakenOver{false};
   CSeldomShared iLock;
@@ -182,7 +199,22 @@ class CSerialPort : public ISerialPort, private IGatherer, private IPolled {
   bool iLastReadWasInVain = false;
 };
 
+// All but the first and the last byte of a packet go the short way.
 TInt32 CSerialPort::Write(const TUint8* buffer, TUint32 count, TUint32* written) {
+  if (count == 1 && JoinsGathered(*buffer)) {
+    *written = 1;
+    return 0;
+  }
+  return WriteAll(buffer, count, written);
+}
+
+// Where something is gathered the line is open, and nothing has failed that the user does not know of.
+bool CSerialPort::JoinsGathered(TUint8 byte) {
+  const std::unique_lock<CSeldomShared> lock(iLock, std::try_to_lock);
+  return lock.owns_lock() && iMayGather && iGathered.Join(byte);
+}
+
+TInt32 CSerialPort::WriteAll(const TUint8* buffer, TUint32 count, TUint32* written) {
   *written = 0;
   if (!WriteSome(buffer, count, written)) {
     return -1;
@@ -251,8 +283,12 @@ bool CSerialPort::Gather(const TUint8* bytes, TUint32 count) {
 }
 
 void CSerialPort::FlushDue() {
-  const std::lock_guard<CSeldomShared> lock(iLock);
+  const std::unique_lock<CSeldomShared> lock(iLock, std::try_to_lock);
   const TMoment now = std::chrono::steady_clock::now();
+  if (!lock.owns_lock()) {
+    CFlusher::Instance().CallAt(now + KComeBackAfter, *this);
+    return;
+  }
   const TMoment due = iGatheredSince + KGatheredFor;
   // What is there may be younger than what the call was for.
   const bool isDue = due <= now;
@@ -346,11 +382,11 @@ bool CSerialPort::Fetch() {
 
 // A line that ends its own wait, because it is broken, lets the next call tell of it.
 void CSerialPort::AwaitChange() {
-  if (iTakenOver) {
+  if (iTakenOver || !iLastReadWasInVain) {
     return;
   }
   const std::lock_guard<CSeldomShared> lock(iLock);
-  if (iLine.IsOpen() && iLastReadWasInVain) {
+  if (iLine.IsOpen()) {
     const int roomToo = iGathered.IsEmpty() ? 0 : POLLOUT;
     pollfd change{iLine.Get(), static_cast<short>(POLLIN | roomToo), 0};
     ::poll(&change, 1, KLongestPause_ms);
@@ -383,10 +419,17 @@ void CSerialPort::FlushAtExit() {
 
 // Nobody is left to be told of what the driver does not take now.
 void CSerialPort::FlushOnce() {
-  if (iLine.IsOpen() && !iGathered.IsEmpty() && ::getpid() == iProcess) {
+  if (iLine.IsOpen() && !iGathered.IsEmpty()) {
     RetryInterrupted([&] { return ::write(iLine.Get(), iGathered.Data(), iGathered.Size()); });
     iGathered.Drop(iGathered.Size());
   }
+}
+
+void CSerialPort::StartAnewInChild() {
+  iGathered.Drop(iGathered.Size());
+  iFetched.Drop(iFetched.Size());
+  iFailed = false;
+  iLock.unlock();
 }
 
 void CSerialPort::CloseLine() {
@@ -479,6 +522,7 @@ class CPortTable {
   static CPortTable& Instance() {
     static auto* const table = [] {
       std::atexit([] { Instance().FlushAtExit(); });
+      ::pthread_atfork(nullptr, nullptr, [] { Instance().StartAnewInChild(); });
       return new CPortTable;
     }();
     return *table;
@@ -489,9 +533,11 @@ class CPortTable {
  private:
   void TakeOver(dev_t device);
   void FlushAtExit();
+  void StartAnewInChild();
 
   std::mutex iMutex;
-  std::vector<std::unique_ptr<CSerialPort>> iPorts;
+  // A chain, so that it is whole at each moment in which another thread makes a child process.
+  std::atomic<CSerialPort*> iNewest{nullptr};
 };
 
 ISerialPort* CPortTable::Make(const TSettings& settings) {
@@ -508,12 +554,14 @@ ISerialPort* CPortTable::Make(const TSettings& settings) {
   if (!Prepare(device.Get(), settings)) {
     return nullptr;
   }
-  iPorts.push_back(std::make_unique<CSerialPort>(settings.name, status.st_rdev, std::move(device)));
-  return iPorts.back().get();
+  auto* const port = new CSerialPort(settings.name, status.st_rdev, std::move(device));
+  port->iMadeBefore = iNewest;
+  iNewest = port;
+  return port;
 }
 
 void CPortTable::TakeOver(dev_t device) {
-  for (const auto& port : iPorts) {
+  for (CSerialPort* port = iNewest; port != nullptr; port = port->iMadeBefore) {
     if (port->IsFor(device)) {
       port->GiveUpLine();
     }
@@ -523,9 +571,15 @@ void CPortTable::TakeOver(dev_t device) {
 void CPortTable::FlushAtExit() {
   const std::unique_lock<std::mutex> lock(iMutex, std::try_to_lock);
   if (lock.owns_lock()) {
-    for (const auto& port : iPorts) {
+    for (CSerialPort* port = iNewest; port != nullptr; port = port->iMadeBefore) {
       port->FlushAtExit();
     }
+  }
+}
+
+void CPortTable::StartAnewInChild() {
+  for (CSerialPort* port = iNewest; port != nullptr; port = port->iMadeBefore) {
+    port->StartAnewInChild();
   }
 }
 

@@ -354,6 +354,47 @@ TEST_F(Gathering, AChildProcessDoesNotRepeatWhatItsParentHasGathered) {
   EXPECT_EQ(poll(&repeated, 1, 50), 0);
 }
 
+// Whatever moment of the flusher and of the port's user the process divides at.
+TEST_F(Gathering, AChildProcessGoesOnWithItsParentsPortButNotWithItsParentsBytes) {
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "ThreadSanitizer does not let the child of a process with threads make one";
+#endif
+  for (int round = 0; round < 20; ++round) {
+    EXPECT_TRUE(WritesOneByOne(*port, "parent "));
+    const int result =
+        InChild([&] { return WritesOneByOne(*port, "child ") && ReadOnce(*port) == 0 ? 0 : 1; });
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(ReadOnce(*port), 0);
+    const std::string both = pty.Receive(13);
+    EXPECT_TRUE(both == "parent child " || both == "child parent ") << both;
+  }
+}
+
+TEST_F(Gathering, AWriteThatWaitsForRoomDoesNotHoldUpOtherPorts) {
+  Pty other;
+  ISerialPort* const second = MakePort(other.Name());
+  ASSERT_NE(second, nullptr);
+  const CDescriptor filler(open(pty.Name().c_str(), O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+  std::size_t filled = 0;
+  while (write(filler.Get(), "f", 1) == 1) {
+    ++filled;
+  }
+  EXPECT_TRUE(Writes(*port, "x"));
+  std::thread waiting([&] { EXPECT_TRUE(Writes(*port, Pattern(kMemory))); });
+  Pause(5);
+  std::vector<double> seconds(20);
+  for (double& taken : seconds) {
+    taken = SecondsOf([&] {
+      EXPECT_TRUE(Writes(*second, "x"));
+      EXPECT_EQ(other.Receive(1), "x");
+    });
+  }
+  EXPECT_EQ(pty.Receive(filled + 1 + kMemory), std::string(filled, 'f') + "x" + Pattern(kMemory));
+  waiting.join();
+  std::sort(seconds.begin(), seconds.end());
+  EXPECT_LT(seconds[10], 0.02) << "half of them would wait for the other port's 50 ms";
+}
+
 TEST_F(Gathering, AFlusherWithNothingToDoSleepsAndTakesNoSignals) {
   EXPECT_TRUE(Writes(*port, "x"));
   EXPECT_EQ(pty.Receive(1), "x");

@@ -1,6 +1,7 @@
 #include "XModem.h"
 
 #include <algorithm>
+#include <numeric>
 #include <utility>
 
 #include "Clock.h"
@@ -32,8 +33,44 @@ constexpr TInt32 KXModemCancelCount = 6;
 constexpr TInt32 KCrcMode = 1;
 constexpr TInt32 KChecksumMode = 0;
 
+constexpr TUint32 KXModemHeader = 3;
+constexpr TUint32 KXModemLongestTrailer = 2;
+
 TUint32 BlockSize(TUint32 length) {
   return length <= KXModemSmallBlock ? KXModemSmallBlock : KXModemLargeBlock;
+}
+
+// The CRC stands in the upper half of a register, where the bit that decides is the sign: no branch, which
+// random data would mispredict every other time, and two instructions a bit on ARM.
+constexpr TUint32 KCrcPolynomial = 0x1021U << 16;
+
+inline TUint32 ShiftCrc(TUint32 crc) {
+  return (crc << 1) ^ (KCrcPolynomial & (0U - (crc >> 31)));
+}
+
+// Written out because compilers do not unroll so far unasked.
+inline TUint32 ShiftCrcByByte(TUint32 crc) {
+  crc = ShiftCrc(ShiftCrc(ShiftCrc(ShiftCrc(crc))));
+  return ShiftCrc(ShiftCrc(ShiftCrc(ShiftCrc(crc))));
+}
+
+inline TUint32 AddToCrc(TUint32 crc, TUint8 byte) {
+  return ShiftCrcByByte(crc ^ (static_cast<TUint32>(byte) << 24));
+}
+
+inline TUint32 BigEndian(const TUint8* bytes) {
+  return (static_cast<TUint32>(bytes[0]) << 24) | (static_cast<TUint32>(bytes[1]) << 16) |
+         (static_cast<TUint32>(bytes[2]) << 8) | bytes[3];
+}
+
+// The register's lower half holds bits that are still to come, so it can take four bytes at a time.
+TUint16 CrcOf(const TUint8* block, TUint32 blockSize) {
+  TUint32 crc = 0;
+  for (const TUint8* const end = block + blockSize; block != end; block += 4) {
+    crc ^= BigEndian(block);
+    crc = ShiftCrcByByte(ShiftCrcByByte(ShiftCrcByByte(ShiftCrcByByte(crc))));
+  }
+  return static_cast<TUint16>(crc >> 16);
 }
 
 // What every wait for the other side has in common: some failures may pass, and two CAN in a row cancel.
@@ -103,7 +140,7 @@ void CXModem::CancelIfFailed(TXModemError result) {
 // ---- Bytes and packets ----
 
 IXModem::TXModemError CXModem::SendChr(TUint8 byte) {
-  if (iStopped) {
+  if (IsStopped()) {
     return EXModemSerialPortError;
   }
   TUint32 written = 0;
@@ -117,7 +154,7 @@ IXModem::TXModemError CXModem::SendChr(TUint8 byte) {
 IXModem::TXModemError CXModem::ReceiveUntil(TUint32 limit_ms, TUint8* byte) {
   TUint32 received = 0;
   const TUint64 start = OSALTickCount();
-  while (!iStopped) {
+  while (!IsStopped()) {
     if (iSerialPort->Read(byte, 1, &received) == -1) {
       LOG_ALWAYS(logging::PeripheralLoader, "Received serial port error!");
       return EXModemSerialPortError;
@@ -134,54 +171,50 @@ IXModem::TXModemError CXModem::ReceiveUntil(TUint32 limit_ms, TUint8* byte) {
 }
 
 TUint16 CXModem::CalculateCrcByte(TUint8 byte, TUint16 crc) {
-  TUint32 next = crc ^ (static_cast<TUint32>(byte) << 8);
-  for (TInt32 bit = 0; bit < 8; ++bit) {
-    next = (next & 0x8000U) != 0 ? (next << 1) ^ 0x1021U : next << 1;
-  }
-  return static_cast<TUint16>(next);
+  return static_cast<TUint16>(AddToCrc(static_cast<TUint32>(crc) << 16, byte) >> 16);
 }
 
 IXModem::TXModemError CXModem::SendPacket(const TUint8* data, TUint32 length) {
   LOG_INTERFACE(logging::PeripheralLoader, "");
-  const TUint32 blockSize = BlockSize(length);
-  const TUint8 header[] = {blockSize == KXModemSmallBlock ? KSoh : KStx, iPacketNumber,
-                           static_cast<TUint8>(255 - iPacketNumber)};
+  TUint8 packet[KXModemHeader + KXModemLargeBlock + KXModemLongestTrailer];
+  const TUint8* const end = packet + BuildPacket(data, length, packet);
   TXModemError result = EXModemOk;
-  for (const TUint8 byte : header) {
-    result = SendChr(byte);
-    if (result != EXModemOk) {
-      return result;
-    }
+  for (const TUint8* byte = packet; byte != end && result == EXModemOk; ++byte) {
+    result = SendChr(*byte);
   }
-  TUint16 crc = 0;
-  TUint8 sum = 0;
-  for (TUint32 i = 0; i < blockSize; ++i) {
-    const TUint8 byte = i < length ? data[i] : TUint8{0};
-    crc = CalculateCrcByte(byte, crc);
-    sum = static_cast<TUint8>(sum + byte);
-    result = SendChr(byte);
-    if (result != EXModemOk) {
-      return result;
-    }
-  }
+  return result;
+}
+
+TUint32 CXModem::BuildPacket(const TUint8* data, TUint32 length, TUint8* packet) const {
+  const TUint32 blockSize = BlockSize(length);
+  const TUint32 dataSize = std::min(length, blockSize);
+  packet[0] = blockSize == KXModemSmallBlock ? KSoh : KStx;
+  packet[1] = iPacketNumber;
+  packet[2] = static_cast<TUint8>(255 - iPacketNumber);
+  TUint8* const block = packet + KXModemHeader;
+  TUint8* const blockEnd = block + blockSize;
+  std::fill(std::copy_n(data, dataSize, block), blockEnd, TUint8{0});
   if (iCrcMode != KCrcMode) {
-    return SendChr(sum);
+    blockEnd[0] = std::accumulate(block, blockEnd, TUint8{0});
+    return KXModemHeader + blockSize + 1;
   }
-  result = SendChr(static_cast<TUint8>(crc >> 8));
-  return result == EXModemOk ? SendChr(static_cast<TUint8>(crc & 0xFF)) : result;
+  const TUint16 crc = CrcOf(block, blockSize);
+  blockEnd[0] = static_cast<TUint8>(crc >> 8);
+  blockEnd[1] = static_cast<TUint8>(crc & 0xFF);
+  return KXModemHeader + blockSize + 2;
 }
 
 IXModem::TXModemError CXModem::ReadPacket(TUint8* buffer, TUint32 blockSize, TReceivedPacket& packet) {
-  packet.computedCrc = 0;
   TXModemError result = ReceiveUntil(KXModemReplyTimeout, &packet.number);
   if (result == EXModemOk) {
     result = ReceiveUntil(KXModemReplyTimeout, &packet.complement);
   }
+  TUint32 crc = 0;
   for (TUint32 i = 0; i < blockSize && result == EXModemOk; ++i) {
     TUint8 byte = 0;
     result = ReceiveUntil(KXModemReplyTimeout, &byte);
     buffer[i] = byte;
-    packet.computedCrc = CalculateCrcByte(byte, packet.computedCrc);
+    crc = AddToCrc(crc, byte);
   }
   TUint8 high = 0;
   TUint8 low = 0;
@@ -192,6 +225,7 @@ IXModem::TXModemError CXModem::ReadPacket(TUint8* buffer, TUint32 blockSize, TRe
     result = ReceiveUntil(KXModemReplyTimeout, &low);
   }
   packet.sentCrc = static_cast<TUint16>((high << 8) | low);
+  packet.computedCrc = static_cast<TUint16>(crc >> 16);
   return result;
 }
 

@@ -53,6 +53,9 @@ class CXModem : public IXModem {
     TUint16 computedCrc;
   };
 
+  // Asked for every byte, and nothing else depends on it.
+  bool IsStopped() const { return iStopped.load(std::memory_order_relaxed); }
+
   void StartOperation(TUint8 packetNumber);
   void CancelIfFailed(TXModemError result);
 
@@ -63,6 +66,7 @@ class CXModem : public IXModem {
   TXModemError SendFileData(std::FILE* file, TUint8* buffer, TUint32 total, IXModemCallback& callback);
 
   TXModemError ProcessFirstByte(TInt32 firstByte, TUint8* byte);
+  TUint32 BuildPacket(const TUint8* data, TUint32 length, TUint8* packet) const;
   TXModemError ReadPacket(TUint8* buffer, TUint32 blockSize, TReceivedPacket& packet);
   TXModemError CheckNumber(const TReceivedPacket& packet, TInt32 firstPacket);
   template <typename TStore>
