@@ -56,6 +56,15 @@ void AddOptions(CLI::App& command, RawOptions& raw) {
   command.add_option("--feature-id", raw.featureId, "The feature id that the module gets")->type_name("ID");
 }
 
+void AddRecordingOptions(CLI::App& command, RawOptions& raw) {
+  command
+      .add_option(
+          "--trace", raw.options.traceFile,
+          "Record every byte of both directions, with its time, and the log in this file; 'peripheralctl "
+          "trace' shows and replays it")
+      ->type_name("FILE");
+}
+
 std::string Footer() {
   return "Examples:\n"
          "  peripheralctl prepare --config can.toml\n"
@@ -130,6 +139,7 @@ std::optional<Options> ParseCommandLine(int argc, const char* const* argv, std::
     AddOptions(*command, raw);
     command->footer(Footer());
   }
+  AddRecordingOptions(*update, raw);
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& success) {

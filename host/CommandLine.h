@@ -18,6 +18,8 @@ struct Options {
   std::vector<std::string> settings;        ///< "key=value"
   std::optional<logging::TLevel> logLevel;  ///< nothing: no log lines
   std::string logFile;                      ///< empty: lines go to standard error
+  std::string traceFile;                    ///< empty: no trace
+  std::string reportFile;                   ///< empty: no report
   TimeLimits limits;
   std::optional<std::string> library;
   std::optional<std::string> featureId;

@@ -122,6 +122,9 @@ ExitCode UpdateRun::Execute() const {
     std::cerr << "peripheralctl: " << fault << std::endl;
     return ExitCode::ModuleNotLoadable;
   }
+  if (companion != nullptr) {
+    companion->OnBegin([&controller] { controller.Abort(); });
+  }
   // Only now, so that the module is whole when the first request reaches it.
   const ScopedDelivery delivery(broker);
   const bool stopped = Drive(controller, broker, module);
@@ -130,6 +133,9 @@ ExitCode UpdateRun::Execute() const {
   if (runLog.LinesLost() && !logFile.empty()) {
     std::cerr << "peripheralctl: the log file '" << logFile
               << "' is incomplete: it could not be written. Is the disk full?" << std::endl;
+  }
+  if (companion != nullptr) {
+    companion->OnEnd(ended, stopped);
   }
   if (!stopped) {
     ExitAtOnce(ExitCodeOf(ended.outcome));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <iosfwd>
 #include <optional>
 #include <string>
@@ -10,6 +11,20 @@
 #include "UpdateController.h"
 
 namespace host {
+
+struct RunResult;
+
+/// Who accompanies a run. Both calls come on the thread that executes it.
+class RunCompanion {
+ public:
+  virtual ~RunCompanion() = default;
+  /// The module is there and is asked for nothing yet. `abort` asks for an abort as Ctrl-C does; any thread,
+  /// until OnEnd.
+  virtual void OnBegin(const std::function<void()>& abort) = 0;
+  /// The run is over. Without `moduleGone` the module is still at work, and the process ends at the return.
+  /// Not called when the process is ended in haste.
+  virtual void OnEnd(const RunResult& result, bool moduleGone) = 0;
+};
 
 /// One run of the module from loading to unloading: everything that peripheralctl does once the configuration
 /// is known to be good.
@@ -22,6 +37,7 @@ struct UpdateRun {
   std::ostream& log;                        ///< where log lines go
   std::string logFile;                      ///< its name, empty when it is standard error
   std::optional<logging::TLevel> logLevel;  ///< nothing: no log lines
+  RunCompanion* companion = nullptr;        ///< null for nobody
 
   /// Loads the module, drives it, shows progress on standard output and failures on standard error. An update
   /// during which a file that is sent changed has failed. When the module cannot be made to let go of the

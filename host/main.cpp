@@ -13,6 +13,7 @@
 #include "Configuration.h"
 #include "FeatureModule.h"
 #include "Preflight.h"
+#include "RunRecording.h"
 #include "UpdateRun.h"
 
 namespace {
@@ -54,6 +55,20 @@ std::string Library(const Options& options, const Configuration& configuration) 
   return chosen ? *chosen : DefaultLibrary();
 }
 
+ExitCode ExecuteRecorded(UpdateRun& run, const Options& options) {
+  RunRecording recording({options.traceFile, options.reportFile}, run.properties);
+  if (const std::string fault = recording.Open(); !fault.empty()) {
+    std::cerr << "peripheralctl: " << fault << "\n";
+    return ExitCode::BadUsage;
+  }
+  run.companion = &recording;
+  const ExitCode result = run.Execute();
+  if (const std::string fault = recording.Fault(); !fault.empty()) {
+    std::cerr << "peripheralctl: " << fault << "\n";
+  }
+  return result;
+}
+
 ExitCode Execute(const Options& options) {
   Faults faults;
   const Configuration configuration = Gather(options, faults);
@@ -73,10 +88,10 @@ ExitCode Execute(const Options& options) {
   std::ostream& log = options.logFile.empty() ? std::cerr : logFile;
   const std::string featureId =
       options.featureId.value_or(configuration.featureId.value_or(kDefaultFeatureId));
-  return UpdateRun{options.goal,    options.limits,           Library(options, configuration),
-                   featureId,       configuration.properties, log,
-                   options.logFile, options.logLevel}
-      .Execute();
+  UpdateRun run{options.goal,    options.limits,           Library(options, configuration),
+                featureId,       configuration.properties, log,
+                options.logFile, options.logLevel};
+  return options.traceFile.empty() ? run.Execute() : ExecuteRecorded(run, options);
 }
 
 }  // namespace

@@ -21,7 +21,9 @@
 #include "Descriptor.h"
 #include "Flusher.h"
 #include "ISerialPort.h"
+#include "LineObserver.h"
 #include "Logging.h"
+#include "Observation.h"
 #include "Waiting.h"
 
 namespace {
@@ -159,6 +161,9 @@ class CSerialPort : public ISerialPort, private IGatherer, private IPolled {
   /// Hands over what was gathered, unless another thread is about to.
   void FlushAtExit();
 
+  /// Hands over what was gathered. Waits for a call in progress.
+  void Flush();
+
   /// Makes the port's copy in a child process the child's own: what was gathered and fetched is the parent's,
   /// and whoever held the lock is not there any more.
   void StartAnewInChild();
@@ -175,6 +180,7 @@ class CSerialPort : public ISerialPort, private IGatherer, private IPolled {
   bool WriteThrough(const TUint8* buffer, TUint32 count, TUint32* written);
   bool Gather(const TUint8* bytes, TUint32 count);
   bool HandOver();
+  ssize_t WriteToDriver(const TUint8* bytes, std::size_t count);
   ssize_t HandToDriver(const TUint8* bytes, std::size_t count);
   bool Fetch();
   bool MayBeUsed();
@@ -325,9 +331,19 @@ bool CSerialPort::HandOver() {
   return true;
 }
 
+// The driver's answer: how many it took, or -1.
+ssize_t CSerialPort::WriteToDriver(const TUint8* bytes, std::size_t count) {
+  const ssize_t taken = RetryInterrupted([&] { return ::write(iLine.Get(), bytes, count); });
+  if (taken > 0) {
+    CObservation::Instance().Tell(
+        [&](auto& observer) { observer.OnSent(bytes, static_cast<std::size_t>(taken)); });
+  }
+  return taken;
+}
+
 // How many the driver took, 0 when it has no room; -1 when that was the end of the line.
 ssize_t CSerialPort::HandToDriver(const TUint8* bytes, std::size_t count) {
-  const ssize_t taken = RetryInterrupted([&] { return ::write(iLine.Get(), bytes, count); });
+  const ssize_t taken = WriteToDriver(bytes, count);
   if (taken == -1 && errno == EAGAIN) {
     return 0;
   }
@@ -371,6 +387,8 @@ bool CSerialPort::Fetch() {
   const ssize_t count = RetryInterrupted([&] { return ::read(iLine.Get(), bytes.data(), bytes.size()); });
   if (count > 0) {
     iFetched.Append(bytes.data(), static_cast<std::size_t>(count));
+    CObservation::Instance().Tell(
+        [&](auto& observer) { observer.OnReceived(bytes.data(), static_cast<std::size_t>(count)); });
     return true;
   }
   if (count == -1 && errno == EAGAIN) {
@@ -400,6 +418,7 @@ bool CSerialPort::MayBeUsed() {
 void CSerialPort::Break(const std::string& reason) {
   LOG_ERROR(logging::Platform,
             "Serial port " << iName << " is lost: " << reason << "; plug the adapter in and start again");
+  CObservation::Instance().Tell([&](auto& observer) { observer.OnLost(reason); });
   CloseLine();
 }
 
@@ -407,6 +426,9 @@ void CSerialPort::GiveUpLine() {
   iTakenOver = true;
   const std::lock_guard<CSeldomShared> lock(iLock);
   FlushOnce();
+  if (iLine.IsOpen()) {
+    CObservation::Instance().Tell([](auto& observer) { observer.OnClosed(); });
+  }
   CloseLine();
 }
 
@@ -417,10 +439,17 @@ void CSerialPort::FlushAtExit() {
   }
 }
 
+void CSerialPort::Flush() {
+  const std::lock_guard<CSeldomShared> lock(iLock);
+  if (iLine.IsOpen()) {
+    HandOver();
+  }
+}
+
 // Nobody is left to be told of what the driver does not take now.
 void CSerialPort::FlushOnce() {
   if (iLine.IsOpen() && !iGathered.IsEmpty()) {
-    RetryInterrupted([&] { return ::write(iLine.Get(), iGathered.Data(), iGathered.Size()); });
+    WriteToDriver(iGathered.Data(), iGathered.Size());
     iGathered.Drop(iGathered.Size());
   }
 }
@@ -530,6 +559,9 @@ class CPortTable {
 
   ISerialPort* Make(const TSettings& settings);
 
+  /// Has every port hand over what it gathered.
+  void Flush();
+
  private:
   void TakeOver(dev_t device);
   void FlushAtExit();
@@ -557,6 +589,7 @@ ISerialPort* CPortTable::Make(const TSettings& settings) {
   auto* const port = new CSerialPort(settings.name, status.st_rdev, std::move(device));
   port->iMadeBefore = iNewest;
   iNewest = port;
+  CObservation::Instance().Tell([&](auto& observer) { observer.OnOpened(settings.name, settings.speed); });
   return port;
 }
 
@@ -565,6 +598,13 @@ void CPortTable::TakeOver(dev_t device) {
     if (port->IsFor(device)) {
       port->GiveUpLine();
     }
+  }
+}
+
+void CPortTable::Flush() {
+  const std::lock_guard<std::mutex> lock(iMutex);
+  for (CSerialPort* port = iNewest; port != nullptr; port = port->iMadeBefore) {
+    port->Flush();
   }
 }
 
@@ -594,4 +634,9 @@ ISerialPort* ISerialPort::Create(const TChr* name, TInt32 speed, TBool hardwareF
   }
   return CPortTable::Instance().Make(
       {AsChar(name), static_cast<TUint32>(speed), hardwareFlowControl != EFalse, lowLatency != EFalse});
+}
+
+platform::ILineObserver* platform::SetLineObserver(ILineObserver* observer) {
+  CPortTable::Instance().Flush();
+  return CObservation::Instance().Replace(observer);
 }

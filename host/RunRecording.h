@@ -1,0 +1,39 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "Report.h"
+#include "UpdateRun.h"
+#include "trace/Recorder.h"
+
+namespace host {
+
+/// Records one run: into a trace file, a report, or both.
+class RunRecording final : public RunCompanion {
+ public:
+  /// Where to record to; an empty name is for none.
+  struct Files {
+    std::string trace;
+    std::string report;
+  };
+
+  /// `properties` are those of the run to come.
+  RunRecording(Files files, const PropertyMap& properties);
+
+  /// Opens the files. Returns a fault for people, empty when all is well.
+  std::string Open();
+
+  void OnBegin(const std::function<void()>& abort) override;
+  void OnEnd(const RunResult& result, bool moduleGone) override;
+
+  /// Why what was recorded is incomplete, for people; empty when it is not.
+  std::string Fault();
+
+ private:
+  const Files iFiles;
+  const std::string iDescription;
+  trace::Recorder iRecorder;
+};
+
+}  // namespace host

@@ -1,0 +1,101 @@
+// Goal: a recorder leaves a trace of the line and the log that loses nothing but what a full disk refuses.
+// Method: the recorder on files of a temporary folder, told of bytes and lines directly.
+#include "trace/Recorder.h"
+
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "../TemporaryFolder.h"
+
+namespace {
+
+using namespace host::trace;
+using testing::HasSubstr;
+
+const TUint8 kBytes[] = {'C', 0, 6};
+
+std::vector<std::string> Lines(const Trace& trace) {
+  std::vector<std::string> lines;
+  for (const Record& record : trace.records) {
+    lines.push_back(std::string(1, static_cast<char>(record.kind)) + record.payload);
+  }
+  return lines;
+}
+
+class CountingSink : public logging::ISink {
+ public:
+  void Write(const logging::TLine& /*line*/) override { ++iCount; }
+  int iCount = 0;
+};
+
+void RecordSomething(Recorder& recorder) {
+  recorder.Start("a=b\n");
+  recorder.OnOpened("port", 9600);
+  recorder.OnSent(kBytes, 1);
+  recorder.OnReceived(kBytes, sizeof(kBytes));
+  LOG_INFO(logging::PeripheralLoader, "text\n");
+  LOG_INTERFACE(logging::PeripheralLoader, "left out");
+  recorder.OnLost("hung up");
+  recorder.OnClosed();
+  recorder.Stop();
+  LOG_ERROR(logging::Platform, "not recorded");
+  recorder.End(6, "The update failed.");
+}
+
+TEST(TraceRecorder, WritesDownLineAndLogInTheirOrder) {
+  const TemporaryFolder folder;
+  CountingSink sink;
+  logging::ISink* const former = logging::SetSink(&sink);
+  Recorder recorder;
+  EXPECT_EQ(recorder.OpenFile(folder.Path("trace")), "");
+  recorder.KeepContent();
+  RecordSomething(recorder);
+  EXPECT_EQ(logging::SetSink(former), &sink);
+  EXPECT_EQ(logging::LowestLevel(), logging::EWarning);
+  EXPECT_EQ(sink.iCount, 2);
+
+  const Trace trace = ReadTrace(folder.Path("trace"));
+  EXPECT_EQ(trace.soundness, Soundness::Whole);
+  EXPECT_THAT(Lines(trace), testing::ElementsAre("Sa=b\n", "O9600 port", ">C", std::string("<C\0\x06", 4),
+                                                 "MInfo PeripheralLoader text\\x0a", "Lhung up", "C",
+                                                 "E6 The update failed."));
+  EXPECT_EQ(Lines(Decode(recorder.Content())), Lines(trace));
+  EXPECT_EQ(recorder.Fault(), "");
+}
+
+TEST(TraceRecorder, HasEachRecordInTheFileAtOnce) {
+  const TemporaryFolder folder;
+  Recorder recorder;
+  EXPECT_EQ(recorder.OpenFile(folder.Path("trace")), "");
+  recorder.Start("");
+  recorder.OnSent(kBytes, 1);
+  EXPECT_EQ(ReadTrace(folder.Path("trace")).records.size(), 2U);
+  EXPECT_EQ(ReadTrace(folder.Path("trace")).soundness, Soundness::Open);
+  recorder.Stop();
+}
+
+TEST(TraceRecorder, MakesAFileForItsOwnerAloneAndFollowsNoLink) {
+  const TemporaryFolder folder;
+  Recorder recorder;
+  EXPECT_EQ(recorder.OpenFile(folder.Path("trace")), "");
+  struct stat status = {};
+  ASSERT_EQ(stat(folder.Path("trace").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0600U);
+  ASSERT_EQ(symlink(folder.Path("trace").c_str(), folder.Path("link").c_str()), 0);
+  EXPECT_EQ(Recorder().OpenFile(folder.Path("link")),
+            "cannot write the trace '" + folder.Path("link") +
+                "': it is a symbolic link. Choose another file after --trace.");
+}
+
+TEST(TraceRecorder, TellsThatTheDiskIsFullAndGoesOn) {
+  Recorder recorder;
+  EXPECT_EQ(recorder.OpenFile("/dev/full"), "");
+  recorder.KeepContent();
+  RecordSomething(recorder);
+  EXPECT_EQ(recorder.Fault(),
+            "the trace '/dev/full' is incomplete: No space left on device. Is the disk full?");
+  EXPECT_EQ(Decode(recorder.Content()).soundness, Soundness::Whole);
+}
+
+}  // namespace

@@ -1,0 +1,81 @@
+// Goal: an observer of the lines learns of every byte in its order, of openings, losses and closings, and
+// changes nothing for the ports. Method: pseudo-terminals, whose master is the device at the other end.
+#include <gmock/gmock.h>
+
+#include "LineObserver.h"
+#include "PortCalls.h"
+#include "Support.h"
+
+namespace {
+
+using testing::ElementsAre;
+
+// Writes down what it is told, bytes of one direction in a row as one entry.
+class Notes : public platform::ILineObserver {
+ public:
+  Notes() { platform::SetLineObserver(this); }
+  ~Notes() override { Stop(); }
+
+  void Stop() { platform::SetLineObserver(nullptr); }
+  const std::vector<std::string>& Entries() const { return iEntries; }
+
+  void OnOpened(const std::string& name, TUint32 speed) override {
+    iEntries.push_back("opened " + name + " " + std::to_string(speed));
+  }
+  void OnSent(const TUint8* bytes, std::size_t count) override { AddBytes("sent ", bytes, count); }
+  void OnReceived(const TUint8* bytes, std::size_t count) override { AddBytes("received ", bytes, count); }
+  void OnLost(const std::string& reason) override { iEntries.push_back("lost: " + reason); }
+  void OnClosed() override { iEntries.push_back("closed"); }
+
+ private:
+  void AddBytes(const std::string& what, const TUint8* bytes, std::size_t count) {
+    const std::string text(reinterpret_cast<const char*>(bytes), count);
+    if (iEntries.empty() || iEntries.back().rfind(what, 0) != 0) {
+      iEntries.push_back(what);
+    }
+    iEntries.back() += text;
+  }
+
+  std::vector<std::string> iEntries;
+};
+
+TEST(LineObserver, LearnsOfOpeningBytesAndLossInTheirOrder) {
+  Pty pty;
+  Notes notes;
+  ISerialPort* const port = MakePort(pty.Name(), 9600);
+  ASSERT_NE(port, nullptr);
+  EXPECT_TRUE(WritesOneByOne(*port, "question"));
+  EXPECT_EQ(ReadOnce(*port), 0);
+  pty.Send("answer");
+  EXPECT_EQ(ReadBytes(*port, 6), "answer");
+  EXPECT_TRUE(Writes(*port, "thanks"));
+  EXPECT_EQ(ReadOnce(*port), 0);
+  pty.Unplug();
+  EXPECT_EQ(ReadOnce(*port), -1);
+  EXPECT_THAT(notes.Entries(), ElementsAre("opened " + pty.Name() + " 9600", "sent question",
+                                           "received answer", "sent thanks", testing::StartsWith("lost: ")));
+}
+
+TEST(LineObserver, SeesAPortThatIsMadeAnewCloseTheOlderOneAfterItsLastBytes) {
+  Pty pty;
+  Notes notes;
+  ISerialPort* const older = MakePort(pty.Name());
+  EXPECT_TRUE(Writes(*older, "last"));
+  MakePort(pty.Name(), 19200);
+  EXPECT_THAT(notes.Entries(), ElementsAre("opened " + pty.Name() + " 115200", "sent last", "closed",
+                                           "opened " + pty.Name() + " 19200"));
+}
+
+TEST(LineObserver, MissesNothingThatWasGatheredBeforeItWasReplacedAndHearsNothingAfterwards) {
+  Pty pty;
+  ISerialPort* const port = MakePort(pty.Name());
+  Notes notes;
+  EXPECT_TRUE(Writes(*port, "before"));
+  notes.Stop();
+  EXPECT_TRUE(Writes(*port, "after"));
+  EXPECT_EQ(ReadOnce(*port), 0);
+  EXPECT_THAT(notes.Entries(), ElementsAre("sent before"));
+  EXPECT_EQ(pty.Receive(11), "beforeafter");
+}
+
+}  // namespace
