@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <map>
+#include <string_view>
 
 #include "ExitCode.h"
 #include "Version.h"
@@ -70,6 +71,8 @@ std::string Footer() {
          "  peripheralctl prepare --config can.toml\n"
          "  peripheralctl update --config can.toml --set xmodemportname=/dev/ttyUSB0\n"
          "  peripheralctl update --config can.toml --log-level info --log-file update.log\n"
+         "  peripheralctl update --config can.toml --trace update.trace\n"
+         "  peripheralctl trace show update.trace\n"
          "\n"
          "A configuration file:\n"
          "  [properties]\n"
@@ -113,8 +116,11 @@ Options Finish(const RawOptions& raw, Goal goal) {
 }
 
 std::string MissingCommand(int argc, const char* const* argv) {
+  if (argc > 1 && std::string_view(argv[1]) == "trace") {
+    return "say what to do with which trace: trace show FILE or trace replay FILE.";
+  }
   const std::string instead = argc > 1 ? std::string(", not '") + argv[1] + "'" : "";
-  return "say what to do: update or prepare" + instead + ".";
+  return "say what to do: update, prepare or trace" + instead + ".";
 }
 
 int BadUsage(std::ostream& err, const std::string& what) {
@@ -140,6 +146,7 @@ std::optional<Options> ParseCommandLine(int argc, const char* const* argv, std::
     command->footer(Footer());
   }
   AddRecordingOptions(*update, raw);
+  trace::AddTraceCommand(app, raw.options.trace);
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& success) {
@@ -151,6 +158,9 @@ std::optional<Options> ParseCommandLine(int argc, const char* const* argv, std::
   } catch (const CLI::ParseError& error) {
     exitCode = BadUsage(err, error.what());
     return std::nullopt;
+  }
+  if (raw.options.trace.action != trace::TraceOptions::Action::None) {
+    return raw.options;
   }
   if (raw.options.configFile.empty() && raw.options.settings.empty()) {
     exitCode = BadUsage(err, "name a configuration file with --config, or set the properties with --set.");

@@ -8,6 +8,7 @@
 
 #include "Logging.h"
 #include "UpdateController.h"
+#include "trace/TraceCommand.h"
 
 namespace host {
 
@@ -20,6 +21,7 @@ struct Options {
   std::string logFile;                      ///< empty: lines go to standard error
   std::string traceFile;                    ///< empty: no trace
   std::string reportFile;                   ///< empty: no report
+  trace::TraceOptions trace;                ///< when an action is asked for, nothing else counts
   TimeLimits limits;
   std::optional<std::string> library;
   std::optional<std::string> featureId;

@@ -21,6 +21,8 @@ constexpr Description kDescriptions[] = {
     {ExitCode::UpdateFailed, "update failed, or a file changed while it was sent"},
     {ExitCode::Aborted, "aborted on request"},
     {ExitCode::NoResult, "no result in time"},
+    {ExitCode::TraceBroken, "the trace is broken, or none; what stands before the break was shown"},
+    {ExitCode::ReplayDeparts, "the replay departs from the trace"},
 };
 
 }  // namespace
@@ -45,7 +47,7 @@ ExitCode ExitCodeOf(Outcome outcome) {
 std::string DescribeExitCodes() {
   std::string text = "Exit codes:\n";
   for (const Description& description : kDescriptions) {
-    text += fmt::format("  {}  {}\n", static_cast<int>(description.code), description.meaning);
+    text += fmt::format("  {:<2}  {}\n", static_cast<int>(description.code), description.meaning);
   }
   return text;
 }

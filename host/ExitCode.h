@@ -17,6 +17,8 @@ enum class ExitCode {
   UpdateFailed = 6,
   Aborted = 7,
   NoResult = 8,
+  TraceBroken = 20,
+  ReplayDeparts = 21,
 };
 
 /// The exit code that stands for an outcome.

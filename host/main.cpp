@@ -70,6 +70,9 @@ ExitCode ExecuteRecorded(UpdateRun& run, const Options& options) {
 }
 
 ExitCode Execute(const Options& options) {
+  if (options.trace.action == trace::TraceOptions::Action::Show) {
+    return trace::ShowTrace(options.trace);
+  }
   Faults faults;
   const Configuration configuration = Gather(options, faults);
   if (!faults.empty()) {

@@ -24,6 +24,7 @@ peripheral_test(host_tests LABEL unit TIMEOUT 120
     unit/host/RunLogTest.cpp
     unit/host/SourceFilesTest.cpp
     unit/host/UpdateControllerTest.cpp
+    unit/host/trace/DialogueTest.cpp
     unit/host/trace/RecordTest.cpp
     unit/host/trace/RecorderTest.cpp
   LIBRARIES host)

@@ -76,7 +76,7 @@ TEST_F(CommandLine, HelpShowsExamplesAndExitCodesAndIsASuccess) {
     EXPECT_FALSE(Parse(arguments));
     EXPECT_EQ(iExitCode, 0);
     EXPECT_THAT(iOut.str(), HasSubstr("Examples:\n  peripheralctl prepare --config"));
-    EXPECT_THAT(iOut.str(), HasSubstr("  8  no result in time\n"));
+    EXPECT_THAT(iOut.str(), HasSubstr("  8   no result in time\n"));
   }
 }
 
@@ -88,8 +88,8 @@ TEST_F(CommandLine, VersionIsOneLine) {
 
 TEST_F(CommandLine, AWrongOneIsRefusedWithAHint) {
   const std::vector<std::pair<std::vector<const char*>, const char*>> wrong = {
-      {{}, "say what to do: update or prepare."},
-      {{"upgrade"}, "say what to do: update or prepare, not 'upgrade'."},
+      {{}, "say what to do: update, prepare or trace."},
+      {{"upgrade"}, "say what to do: update, prepare or trace, not 'upgrade'."},
       {{"update"}, "--config"},
       {{"update", "--config"}, "--config"},
       {{"update", "--config", "c", "--bogus"}, "--bogus"},

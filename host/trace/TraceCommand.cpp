@@ -1,0 +1,48 @@
+#include "trace/TraceCommand.h"
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+#include "trace/Chart.h"
+#include "trace/TextView.h"
+
+namespace host::trace {
+
+namespace {
+
+void AddShow(CLI::App& command, TraceOptions& options) {
+  CLI::App* show = command.add_subcommand("show", "Show a trace, decoded, on standard output");
+  show->add_option("FILE", options.file, "The trace")->required();
+  show->add_option("--format", options.format, "As text, or as an SVG sequence chart")
+      ->check(CLI::IsMember({"text", "svg"}))
+      ->capture_default_str();
+  show->add_flag("--bytes", options.bytes,
+                 "Below each line of text the bytes, with their place in the stream");
+  show->add_flag("--log", options.log, "The log among the lines of text");
+  show->callback([&options] { options.action = TraceOptions::Action::Show; });
+}
+
+}  // namespace
+
+void AddTraceCommand(CLI::App& app, TraceOptions& options) {
+  CLI::App* command = app.add_subcommand("trace", "Show or replay a trace, as 'update --trace' records it");
+  command->require_subcommand(1);
+  AddShow(*command, options);
+}
+
+ExitCode ShowTrace(const TraceOptions& options) {
+  const Trace trace = ReadTrace(options.file);
+  if (trace.soundness != Soundness::Foreign) {
+    const Dialogue dialogue = Understand(trace);
+    std::cout << (options.format == "svg" ? SequenceChart(dialogue)
+                                          : TextOf(dialogue, {options.bytes, options.log}))
+              << std::flush;
+  }
+  if (!trace.fault.empty()) {
+    std::cerr << "peripheralctl: " << trace.fault << "\n";
+  }
+  const bool sound = trace.soundness == Soundness::Whole || trace.soundness == Soundness::Open;
+  return sound ? ExitCode::Success : ExitCode::TraceBroken;
+}
+
+}  // namespace host::trace
