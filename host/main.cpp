@@ -13,6 +13,7 @@
 #include "Configuration.h"
 #include "FeatureModule.h"
 #include "Preflight.h"
+#include "Replay.h"
 #include "RunRecording.h"
 #include "UpdateRun.h"
 
@@ -55,6 +56,13 @@ std::string Library(const Options& options, const Configuration& configuration) 
   return chosen ? *chosen : DefaultLibrary();
 }
 
+ExitCode ExecuteTrace(const trace::TraceOptions& options) {
+  return options.action == trace::TraceOptions::Action::Show
+             ? trace::ShowTrace(options)
+             : Replay(options.file, options.library.empty() ? DefaultLibrary() : options.library,
+                      options.fast);
+}
+
 ExitCode ExecuteRecorded(UpdateRun& run, const Options& options) {
   RunRecording recording({options.traceFile, options.reportFile}, run.properties);
   if (const std::string fault = recording.Open(); !fault.empty()) {
@@ -70,8 +78,8 @@ ExitCode ExecuteRecorded(UpdateRun& run, const Options& options) {
 }
 
 ExitCode Execute(const Options& options) {
-  if (options.trace.action == trace::TraceOptions::Action::Show) {
-    return trace::ShowTrace(options.trace);
+  if (options.trace.action != trace::TraceOptions::Action::None) {
+    return ExecuteTrace(options.trace);
   }
   Faults faults;
   const Configuration configuration = Gather(options, faults);

@@ -2,11 +2,13 @@
 peripheral_test(integration_tests LABEL integration TIMEOUT 300
   LONG "Update.OfASilentDeviceEndsWithTheStall"
   SOURCES
+    integration/TraceTest.cpp
     integration/UpdateTest.cpp
     support/Process.cpp
-  LIBRARIES platform_headers)
+  LIBRARIES host platform_headers)
 target_include_directories(integration_tests PRIVATE support)
 target_compile_definitions(integration_tests PRIVATE
+  KEPT_TRACES="${CMAKE_CURRENT_SOURCE_DIR}/traces/"
   PERIPHERALCTL="$<TARGET_FILE:peripheralctl>"
   BOOTLOADER_SIMULATOR="$<TARGET_FILE:bootloader-simulator>")
 add_dependencies(integration_tests peripheralctl bootloader-simulator PeripheralLoader)

@@ -16,6 +16,8 @@ constexpr char kNak = 0x15;
 constexpr char kCan = 0x18;
 constexpr char kCrcRequest = 'C';
 
+// How long the host waits for the next byte of a block.
+constexpr std::uint64_t kPatience_us = 5'000'000;
 constexpr std::size_t kHeader_bytes = 3;
 constexpr std::size_t kSmallBlock_bytes = 128;
 constexpr std::size_t kLargeBlock_bytes = 1024;
@@ -136,8 +138,9 @@ class Decoder {
   }
 
   void TakeBytes(Side side, const Record& record) {
+    const std::optional<std::size_t> block = Of(Side::Device).block;
     // A host that answers does not wait for the rest of a block any more. Its own blocks are always whole.
-    if (side == Side::Host) {
+    if (block && (side == Side::Host || record.time_us > iFrames[*block].end_us + kPatience_us)) {
       CloseBlock(Side::Device);
     }
     for (const char byte : record.payload) {

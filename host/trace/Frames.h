@@ -52,7 +52,7 @@ struct Frame {
 
 /// Takes the bytes of the trace apart, in the order in which the frames began. How a block ends, in a CRC or
 /// in a checksum, depends on what its receiver asked for before; a device's block counts as one only where
-/// the host receives.
+/// the host receives. What the host does not wait for any more is not its rest.
 std::vector<Frame> FramesOf(const Trace& trace);
 
 /// Where the text of a frame that is a log line begins: behind its level and its module.

@@ -46,37 +46,6 @@ std::string DescribeStrays(const std::string& bytes) {
                      bytes.size() > kMostStrays ? " ..." : "");
 }
 
-std::string Describe(const Dialogue& dialogue, std::size_t index) {
-  const Frame& frame = dialogue.frames[index];
-  switch (frame.kind) {
-    case Frame::Kind::Block:
-      return DescribeBlock(dialogue, index);
-    case Frame::Kind::Ack:
-      return "ACK";
-    case Frame::Kind::Nak:
-      return "NAK";
-    case Frame::Kind::Eot:
-      return "EOT";
-    case Frame::Kind::CrcRequest:
-      return "C, asks for blocks with CRC";
-    case Frame::Kind::Cancel:
-      return fmt::format("CAN, {} in a row", frame.bytes.size());
-    case Frame::Kind::Stray:
-      return DescribeStrays(frame.bytes);
-    case Frame::Kind::Opened:
-      return fmt::format("port opened (bit/s, name): {}", logging::Printable(frame.text));
-    case Frame::Kind::Lost:
-      return fmt::format("port lost: {}", logging::Printable(frame.text));
-    case Frame::Kind::Closed:
-      return "port closed";
-    case Frame::Kind::Log:
-      return fmt::format("log: {}", logging::Printable(frame.text));
-    case Frame::Kind::End:
-      return fmt::format("the run ended (exit code, outcome): {}", logging::Printable(frame.text));
-  }
-  return {};
-}
-
 Step::Look LookOf(const Dialogue& dialogue, std::size_t index) {
   const Frame& frame = dialogue.frames[index];
   switch (frame.kind) {
@@ -198,6 +167,37 @@ class Builder {
 };
 
 }  // namespace
+
+std::string Describe(const Dialogue& dialogue, std::size_t index) {
+  const Frame& frame = dialogue.frames[index];
+  switch (frame.kind) {
+    case Frame::Kind::Block:
+      return DescribeBlock(dialogue, index);
+    case Frame::Kind::Ack:
+      return "ACK";
+    case Frame::Kind::Nak:
+      return "NAK";
+    case Frame::Kind::Eot:
+      return "EOT";
+    case Frame::Kind::CrcRequest:
+      return "C, asks for blocks with CRC";
+    case Frame::Kind::Cancel:
+      return fmt::format("CAN, {} in a row", frame.bytes.size());
+    case Frame::Kind::Stray:
+      return DescribeStrays(frame.bytes);
+    case Frame::Kind::Opened:
+      return fmt::format("port opened (bit/s, name): {}", logging::Printable(frame.text));
+    case Frame::Kind::Lost:
+      return fmt::format("port lost: {}", logging::Printable(frame.text));
+    case Frame::Kind::Closed:
+      return "port closed";
+    case Frame::Kind::Log:
+      return fmt::format("log: {}", logging::Printable(frame.text));
+    case Frame::Kind::End:
+      return fmt::format("the run ended (exit code, outcome): {}", logging::Printable(frame.text));
+  }
+  return {};
+}
 
 std::vector<Step> StepsOf(const Dialogue& dialogue, Detail detail) {
   return Builder(dialogue, detail).Build();

@@ -30,6 +30,9 @@ enum class Detail {
 /// The steps of a dialogue, in their order, pauses among them.
 std::vector<Step> StepsOf(const Dialogue& dialogue, Detail detail);
 
+/// A frame in words.
+std::string Describe(const Dialogue& dialogue, std::size_t frame);
+
 /// "host" or "device".
 const char* Name(Side side);
 

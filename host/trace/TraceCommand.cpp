@@ -22,12 +22,25 @@ void AddShow(CLI::App& command, TraceOptions& options) {
   show->callback([&options] { options.action = TraceOptions::Action::Show; });
 }
 
+void AddReplay(CLI::App& command, TraceOptions& options) {
+  CLI::App* replay = command.add_subcommand("replay",
+                                            "Run the module against the device's side of a trace, and tell "
+                                            "where the run departs from the recorded one. "
+                                            "Neither a device nor the files are needed");
+  replay->add_option("FILE", options.file, "The trace")->required();
+  replay->add_flag("--fast", options.fast,
+                   "Leave out what the device paused for less than 4 s, which no host notices");
+  replay->add_option("--module", options.library, "The module's shared library")->type_name("PATH");
+  replay->callback([&options] { options.action = TraceOptions::Action::Replay; });
+}
+
 }  // namespace
 
 void AddTraceCommand(CLI::App& app, TraceOptions& options) {
   CLI::App* command = app.add_subcommand("trace", "Show or replay a trace, as 'update --trace' records it");
   command->require_subcommand(1);
   AddShow(*command, options);
+  AddReplay(*command, options);
 }
 
 ExitCode ShowTrace(const TraceOptions& options) {

@@ -21,7 +21,7 @@ struct TraceOptions {
   std::string format = "text";  ///< or "svg"
   bool bytes = false;
   bool log = false;
-  bool fast = false;    ///< replay without the device's pauses
+  bool fast = false;    ///< replay without the device's short pauses
   std::string library;  ///< the module to replay to; empty for the default
 };
 

@@ -147,6 +147,16 @@ TEST(Dialogue, TakesADevicesBlockForCutOffOnceTheHostAnswers) {
                   "host NAK", "device block 1, 128 bytes, CRC f563 right, sent again: version \"000\""));
 }
 
+TEST(Dialogue, TakesADevicesBlockForCutOffOnceTheHostHasLostItsPatience) {
+  const std::string block = Block(1, "000", k000Crc);
+  Script script;
+  script.Host("C").Device(block.substr(0, 132)).Wait_ms(5000).Device(block);
+  EXPECT_THAT(Texts(script.Done()),
+              ElementsAre("host C, asks for blocks with CRC",
+                          "device block 1, 128 bytes, CUT OFF: version \"000\"", "-- pause of 5.010000 s",
+                          "device block 1, 128 bytes, CRC f563 right, sent again: version \"000\""));
+}
+
 TEST(Dialogue, TakesAStartByteForAStrayWhereTheDeviceDoesNotSend) {
   EXPECT_THAT(Texts(Script().Device("C\x01").Host(Block(1, "wr 1000", kWr1000Crc)).Device("\x06").Done()),
               ElementsAre("device C, asks for blocks with CRC", "device 1 bytes that mean nothing here: 01",

@@ -1,0 +1,158 @@
+#include "Replay.h"
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <charconv>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <optional>
+#include <system_error>
+#include <utility>
+
+#include "Peripherals.h"
+#include "Preflight.h"
+#include "Report.h"
+#include "UpdateRun.h"
+#include "trace/Player.h"
+
+namespace host {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::string_view kPropertyPrefix = "property.";
+constexpr const char* kFeatureId = "replay";
+constexpr const char* kImageKey = "xmodemsource-image";
+constexpr const char* kLoaderKey = "xmodemsource-loader";
+
+// A folder of its own for the files that are sent.
+class Scratch {
+ public:
+  Scratch() : iPath((fs::temp_directory_path() / "peripheralctl-XXXXXX").string()) {
+    if (mkdtemp(iPath.data()) == nullptr) {
+      throw std::system_error(errno, std::generic_category(), "cannot make a folder like " + iPath);
+    }
+  }
+  Scratch(const Scratch&) = delete;
+  Scratch& operator=(const Scratch&) = delete;
+  ~Scratch() {
+    std::error_code ignored;
+    fs::remove_all(iPath, ignored);
+  }
+
+  std::string File(const std::string& name) const { return iPath + "/" + name; }
+
+ private:
+  std::string iPath;
+};
+
+// What was sent, as far as the trace goes.
+struct SentFiles {
+  std::string loader;
+  std::string image;
+};
+
+SentFiles FilesOf(const trace::Dialogue& dialogue) {
+  SentFiles files;
+  bool loaderIsNext = false;
+  for (const trace::Transfer& transfer : dialogue.transfers) {
+    // A device that tells its version takes its loader first.
+    loaderIsNext = loaderIsNext || transfer.purpose == trace::Transfer::Purpose::Version;
+    if (transfer.purpose != trace::Transfer::Purpose::File) {
+      continue;
+    }
+    std::string content;
+    for (const std::size_t frame : transfer.frames) {
+      content += dialogue.frames[frame].Data();
+    }
+    std::string& file = std::exchange(loaderIsNext, false) ? files.loader : files.image;
+    file = content.size() > file.size() ? content : file;
+  }
+  return files;
+}
+
+// The last block was filled up, and what was not sent is not known: the file has its size from elsewhere.
+void MakeFile(const std::string& path, const std::string& content, const std::string& size) {
+  std::ofstream(path, std::ios::binary) << content;
+  std::uintmax_t bytes = 0;
+  if (std::from_chars(size.data(), size.data() + size.size(), bytes).ec == std::errc()) {
+    fs::resize_file(path, bytes);
+  }
+}
+
+PropertyMap Rebuild(const trace::Dialogue& dialogue, const Scratch& scratch, const std::string& port) {
+  PropertyMap properties;
+  for (const auto& [key, value] : dialogue.description) {
+    if (key.rfind(kPropertyPrefix, 0) == 0) {
+      properties[key.substr(kPropertyPrefix.size())] = value;
+    }
+  }
+  const SentFiles files = FilesOf(dialogue);
+  for (const auto& [key, content] :
+       {std::pair(kImageKey, files.image), std::pair(kLoaderKey, files.loader)}) {
+    const auto size = dialogue.description.find(std::string("size.") + key);
+    if (size != dialogue.description.end()) {
+      MakeFile(scratch.File(key), content, size->second);
+      properties[key] = scratch.File(key);
+    }
+  }
+  properties["xmodemportname"] = port;
+  return properties;
+}
+
+// Has the player accompany the run.
+class Replaying final : public RunCompanion {
+ public:
+  explicit Replaying(trace::Player& player) : iPlayer(player) {}
+
+  void OnBegin(const std::function<void()>& abort) override { iPlayer.Start(abort); }
+  void OnEnd(const RunResult& result, bool /*moduleGone*/) override {
+    iVerdict = iPlayer.Finish(static_cast<int>(ExitCodeOf(result.outcome)));
+    std::cout << iVerdict->text << std::endl;
+  }
+
+  const std::optional<trace::Player::Verdict>& Verdict() const { return iVerdict; }
+
+ private:
+  trace::Player& iPlayer;
+  std::optional<trace::Player::Verdict> iVerdict;
+};
+
+}  // namespace
+
+ExitCode Replay(const std::string& name, const std::string& library, bool fast) {
+  const trace::Trace trace = trace::ReadTrace(name);
+  if (!trace.fault.empty()) {
+    std::cerr << "peripheralctl: " << trace.fault << std::endl;
+  }
+  if (trace.soundness == trace::Soundness::Foreign) {
+    return ExitCode::TraceBroken;
+  }
+  trace::Player player(trace, !fast);
+  if (const std::string fault = player.Open(); !fault.empty()) {
+    std::cerr << "peripheralctl: " << fault << std::endl;
+    return ExitCode::Internal;
+  }
+  const Scratch scratch;
+  const PropertyMap properties = Rebuild(trace::Understand(trace), scratch, player.PortName());
+  if (const Faults faults = CheckProperties(properties); !faults.empty()) {
+    std::cerr << "peripheralctl: the trace does not tell what is needed for a run: " << faults.front()
+              << std::endl;
+    return ExitCode::TraceBroken;
+  }
+  std::cout << "Replaying " << name << ": the device's side comes from the trace." << std::endl;
+  Replaying replaying(player);
+  const ExitCode code =
+      UpdateRun{Goal::Update, {}, library, kFeatureId, properties, std::cerr, "", std::nullopt, &replaying}
+          .Execute();
+  if (!replaying.Verdict()) {
+    return code;
+  }
+  return replaying.Verdict()->departs ? ExitCode::ReplayDeparts : ExitCode::Success;
+}
+
+}  // namespace host
