@@ -52,6 +52,8 @@ void AddOptions(CLI::App& command, RawOptions& raw) {
                   "preparing, 90 while updating, 10 while aborting)")
       ->type_name("SECONDS")
       ->check(CLI::Range(1, kMaxTimeout_s));
+  command.add_flag("--require-digest", raw.options.requireDigest,
+                   "Refuse a file that has no digest under [sha256]");
   command.add_option("--module", raw.library, "The module's shared library")->type_name("PATH");
   command.add_option("--feature-id", raw.featureId, "The feature id that the module gets")->type_name("ID");
 }
@@ -71,6 +73,8 @@ std::string Footer() {
          "  xmodemportname      = \"/dev/ttyUSB0\"\n"
          "  xmodemramaddress    = \"20000000\"        # text, as the device reads it\n"
          "  xmodemflashaddress  = \"08000000\"\n"
+         "  [sha256]                                # optional: what sha256sum prints for the file\n"
+         "  xmodemsource-image  = \"...\"\n"
          "\n" +
          DescribeExitCodes();
 }

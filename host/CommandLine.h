@@ -19,6 +19,7 @@ struct Options {
   std::optional<logging::TLevel> logLevel;  ///< nothing: no log lines
   std::string logFile;                      ///< empty: lines go to standard error
   TimeLimits limits;
+  bool requireDigest = false;
   std::optional<std::string> library;
   std::optional<std::string> featureId;
 };

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 namespace host {
 
 namespace {
@@ -18,9 +20,12 @@ constexpr Description kDescriptions[] = {
     {ExitCode::BadConfiguration, "bad configuration; nothing was sent"},
     {ExitCode::ModuleNotLoadable, "module not loadable"},
     {ExitCode::PrepareFailed, "preparation failed; nothing was sent"},
-    {ExitCode::UpdateFailed, "update failed, or a file changed while it was sent"},
+    {ExitCode::UpdateFailed, "update failed"},
     {ExitCode::Aborted, "aborted on request"},
     {ExitCode::NoResult, "no result in time"},
+    {ExitCode::SourceChanged, "a file changed while it was sent"},
+    {ExitCode::WrongDigest,
+     "a file is not the one that its digest stands for, or has none; nothing was sent"},
 };
 
 }  // namespace
@@ -32,8 +37,9 @@ ExitCode ExitCodeOf(Outcome outcome) {
     case Outcome::PrepareFailed:
       return ExitCode::PrepareFailed;
     case Outcome::InstallFailed:
-    case Outcome::SourceChanged:
       return ExitCode::UpdateFailed;
+    case Outcome::SourceChanged:
+      return ExitCode::SourceChanged;
     case Outcome::Aborted:
       return ExitCode::Aborted;
     case Outcome::NoResult:
@@ -42,10 +48,17 @@ ExitCode ExitCodeOf(Outcome outcome) {
   return ExitCode::Internal;
 }
 
+ExitCode ExitCodeOf(const Faults& faults) {
+  const bool digestsAlone = std::all_of(faults.begin(), faults.end(), [](const Fault& fault) {
+    return fault.code == ErrorCode::DigestMissing || fault.code == ErrorCode::DigestWrong;
+  });
+  return digestsAlone ? ExitCode::WrongDigest : ExitCode::BadConfiguration;
+}
+
 std::string DescribeExitCodes() {
   std::string text = "Exit codes:\n";
   for (const Description& description : kDescriptions) {
-    text += fmt::format("  {}  {}\n", static_cast<int>(description.code), description.meaning);
+    text += fmt::format("  {:2}  {}\n", static_cast<int>(description.code), description.meaning);
   }
   return text;
 }

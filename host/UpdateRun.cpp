@@ -15,7 +15,6 @@
 #include "Report.h"
 #include "RunLog.h"
 #include "SignalWatch.h"
-#include "SourceFiles.h"
 
 namespace host {
 
@@ -105,7 +104,6 @@ void Show(const RunResult& result) {
 }  // namespace
 
 ExitCode UpdateRun::Execute() const {
-  const SourceFiles files(properties);
   PropertyStore store;
   store.Set(featureId, properties);
   NoInterfaces interfaces;

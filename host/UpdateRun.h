@@ -7,6 +7,7 @@
 #include "ExitCode.h"
 #include "Logging.h"
 #include "PropertyStore.h"
+#include "SourceFiles.h"
 #include "UpdateController.h"
 
 namespace host {
@@ -19,6 +20,7 @@ struct UpdateRun {
   std::string library;
   std::string featureId;
   PropertyMap properties;
+  const SourceFiles& files;                 ///< as they were before anybody read them
   std::ostream& log;                        ///< where log lines go
   std::string logFile;                      ///< its name, empty when it is standard error
   std::optional<logging::TLevel> logLevel;  ///< nothing: no log lines

@@ -29,18 +29,14 @@ Configuration Gather(const Options& options, Faults& faults) {
   for (const std::string& setting : options.settings) {
     ApplySetting(setting, configuration, faults);
   }
-  // A file that was not understood would only look as if its properties were missing.
-  if (faults.empty()) {
-    faults = CheckProperties(configuration.properties);
-  }
   return configuration;
 }
 
 ExitCode Refuse(const Faults& faults) {
-  for (const std::string& fault : faults) {
-    std::cerr << "peripheralctl: " << fault << "\n";
+  for (const Fault& fault : faults) {
+    std::cerr << "peripheralctl: " << fault.text << "\n";
   }
-  return ExitCode::BadConfiguration;
+  return ExitCodeOf(faults);
 }
 
 std::string DefaultLibrary() {
@@ -57,6 +53,11 @@ std::string Library(const Options& options, const Configuration& configuration) 
 ExitCode Execute(const Options& options) {
   Faults faults;
   const Configuration configuration = Gather(options, faults);
+  const SourceFiles files(configuration.properties);
+  // A file that was not understood would only look as if its properties were missing.
+  if (faults.empty()) {
+    faults = CheckProperties(configuration.properties, {configuration.digests, options.requireDigest});
+  }
   if (!faults.empty()) {
     return Refuse(faults);
   }
@@ -73,9 +74,9 @@ ExitCode Execute(const Options& options) {
   std::ostream& log = options.logFile.empty() ? std::cerr : logFile;
   const std::string featureId =
       options.featureId.value_or(configuration.featureId.value_or(kDefaultFeatureId));
-  return UpdateRun{options.goal,    options.limits,           Library(options, configuration),
-                   featureId,       configuration.properties, log,
-                   options.logFile, options.logLevel}
+  return UpdateRun{options.goal, options.limits,           Library(options, configuration),
+                   featureId,    configuration.properties, files,
+                   log,          options.logFile,          options.logLevel}
       .Execute();
 }
 

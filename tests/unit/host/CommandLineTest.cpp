@@ -42,14 +42,15 @@ TEST_F(CommandLine, TheShortestOneHasTheDefaults) {
   EXPECT_EQ(options->limits.prepare, 30s);
   EXPECT_EQ(options->limits.install, 90s);
   EXPECT_EQ(options->limits.abort, 10s);
+  EXPECT_FALSE(options->requireDigest);
   EXPECT_EQ(options->library, std::nullopt);
   EXPECT_EQ(options->featureId, std::nullopt);
 }
 
 TEST_F(CommandLine, EveryOptionArrives) {
-  const auto options =
-      Parse({"prepare", "--config", "c", "--set", "a=1", "--set=b=2 3,4", "--log-level", "error",
-             "--log-file", "l", "--timeout", "5", "--module", "m.so", "--feature-id", "id"});
+  const auto options = Parse({"prepare", "--config", "c", "--set", "a=1", "--set=b=2 3,4", "--log-level",
+                              "error", "--log-file", "l", "--timeout", "5", "--require-digest", "--module",
+                              "m.so", "--feature-id", "id"});
   ASSERT_TRUE(options) << iErr.str();
   EXPECT_EQ(options->goal, Goal::Prepare);
   EXPECT_THAT(options->settings, ElementsAre("a=1", "b=2 3,4"));
@@ -58,6 +59,7 @@ TEST_F(CommandLine, EveryOptionArrives) {
   EXPECT_EQ(options->limits.prepare, 5s);
   EXPECT_EQ(options->limits.install, 5s);
   EXPECT_EQ(options->limits.abort, 5s);
+  EXPECT_TRUE(options->requireDigest);
   EXPECT_EQ(options->library, "m.so");
   EXPECT_EQ(options->featureId, "id");
 }
@@ -76,7 +78,7 @@ TEST_F(CommandLine, HelpShowsExamplesAndExitCodesAndIsASuccess) {
     EXPECT_FALSE(Parse(arguments));
     EXPECT_EQ(iExitCode, 0);
     EXPECT_THAT(iOut.str(), HasSubstr("Examples:\n  peripheralctl prepare --config"));
-    EXPECT_THAT(iOut.str(), HasSubstr("  8  no result in time\n"));
+    EXPECT_THAT(iOut.str(), HasSubstr("   8  no result in time\n"));
   }
 }
 

@@ -234,7 +234,7 @@ TEST_F(Peripheralctl, AnUpdateThatCannotStartSaysThatNothingWasSent) {
 
 TEST_F(Peripheralctl, AFileThatChangesDuringTheUpdateMakesItFail) {
   Process process(Command("update", "file-changes"), ErrorFile());
-  EXPECT_EQ(process.Wait(), 6);
+  EXPECT_EQ(process.Wait(), 9);
   EXPECT_THAT(process.Out(), Not(HasSubstr("The update has succeeded.")));
   EXPECT_THAT(process.Err(), AllOf(HasSubstr("xmodemsource-image: the file '" + iFolder.Path("image") + "'"),
                                    HasSubstr("Wait until the file is finished, then update with it.")));
@@ -372,6 +372,13 @@ TEST_F(Peripheralctl, ABadConfigurationIsRefused) {
       ErrorFile());
   EXPECT_EQ(faulty.Wait(), 3);
   EXPECT_THAT(faulty.Err(), AllOf(HasSubstr("peripheralctl: xmodemspeed \"1\""), HasSubstr("\"/dev/nope\"")));
+}
+
+TEST_F(Peripheralctl, AFileWithoutADigestIsRefusedWhenOneIsRequired) {
+  Process process(Command("update", "succeeds", {"--require-digest"}), ErrorFile());
+  EXPECT_EQ(process.Wait(), 10);
+  EXPECT_THAT(process.Err(), HasSubstr("has no digest"));
+  EXPECT_EQ(process.Out(), "");
 }
 
 TEST_F(Peripheralctl, AModuleThatIsNoneIsRefused) {

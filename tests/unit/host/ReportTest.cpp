@@ -4,6 +4,8 @@
 
 #include <gmock/gmock.h>
 
+#include <set>
+
 #include "ExitCode.h"
 
 namespace {
@@ -73,15 +75,33 @@ TEST(ExitCode, StandsForTheOutcome) {
   EXPECT_EQ(ExitCodeOf(Outcome::Succeeded), ExitCode::Success);
   EXPECT_EQ(ExitCodeOf(Outcome::PrepareFailed), ExitCode::PrepareFailed);
   EXPECT_EQ(ExitCodeOf(Outcome::InstallFailed), ExitCode::UpdateFailed);
-  EXPECT_EQ(ExitCodeOf(Outcome::SourceChanged), ExitCode::UpdateFailed);
+  EXPECT_EQ(ExitCodeOf(Outcome::SourceChanged), ExitCode::SourceChanged);
   EXPECT_EQ(ExitCodeOf(Outcome::Aborted), ExitCode::Aborted);
   EXPECT_EQ(ExitCodeOf(Outcome::NoResult), ExitCode::NoResult);
 }
 
 TEST(ExitCode, AllAreDescribed) {
-  for (char code = '0'; code <= '8'; ++code) {
-    EXPECT_THAT(host::DescribeExitCodes(), HasSubstr(std::string("\n  ") + code + "  "));
+  for (const char* code : {"0", "1", "2", "3", "4", "5", "6", "7", "8", "9", "10"}) {
+    EXPECT_THAT(host::DescribeExitCodes(), testing::ContainsRegex(std::string("\n +") + code + "  [a-z]"));
   }
+}
+
+TEST(ExitCode, OfFaultsIsThatOfDigestsOnlyWhenNothingElseIsWrong) {
+  const host::Fault wrong = {host::ErrorCode::DigestWrong, "x"};
+  const host::Fault missing = {host::ErrorCode::DigestMissing, "x"};
+  const host::Fault other = {host::ErrorCode::PortBusy, "x"};
+  EXPECT_EQ(ExitCodeOf(host::Faults{wrong, missing}), ExitCode::WrongDigest);
+  EXPECT_EQ(ExitCodeOf(host::Faults{wrong, other}), ExitCode::BadConfiguration);
+  EXPECT_EQ(ExitCodeOf(host::Faults{other}), ExitCode::BadConfiguration);
+}
+
+TEST(ErrorCode, EachIsDescribedAtItsPlaceAndNoNameIsThereTwice) {
+  std::set<std::string> names;
+  for (const host::ErrorDescription& description : host::ErrorDescriptions()) {
+    EXPECT_EQ(&host::Describe(description.code), &description);
+    EXPECT_TRUE(names.insert(description.name).second) << description.name;
+  }
+  EXPECT_EQ(names.size(), static_cast<std::size_t>(host::ErrorCode::NoResult) + 1);
 }
 
 }  // namespace
