@@ -11,6 +11,7 @@ namespace host {
 namespace {
 
 constexpr int kMaxTimeout_s = 24 * 60 * 60;
+constexpr int kMaxRetries = 1000;
 constexpr const char* kOff = "off";
 
 const std::map<std::string, logging::TLevel>& Levels() {
@@ -29,6 +30,7 @@ struct RawOptions {
   std::string library;
   std::string featureId;
   int timeout_s = 0;
+  int retryPause_s = 3;
 };
 
 void AddOptions(CLI::App& command, RawOptions& raw) {
@@ -52,10 +54,24 @@ void AddOptions(CLI::App& command, RawOptions& raw) {
                   "preparing, 90 while updating, 10 while aborting)")
       ->type_name("SECONDS")
       ->check(CLI::Range(1, kMaxTimeout_s));
+  command.add_flag("--json", raw.options.json,
+                   "Print one JSON object a line on standard output, and nothing else there");
   command.add_flag("--require-digest", raw.options.requireDigest,
                    "Refuse a file that has no digest under [sha256]");
   command.add_option("--module", raw.library, "The module's shared library")->type_name("PATH");
   command.add_option("--feature-id", raw.featureId, "The feature id that the module gets")->type_name("ID");
+}
+
+void AddRetries(CLI::App& update, RawOptions& raw) {
+  update
+      .add_option("--retries", raw.options.retries.count,
+                  "Ask for a failed update again, so many times at most (default: 0)")
+      ->type_name("COUNT")
+      ->check(CLI::Range(0, kMaxRetries));
+  update.add_option("--retry-pause", raw.retryPause_s, "Seconds to wait before each of them")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0, kMaxTimeout_s))
+      ->capture_default_str();
 }
 
 std::string Footer() {
@@ -63,6 +79,7 @@ std::string Footer() {
          "  peripheralctl prepare --config can.toml\n"
          "  peripheralctl update --config can.toml --set xmodemportname=/dev/ttyUSB0\n"
          "  peripheralctl update --config can.toml --log-level info --log-file update.log\n"
+         "  peripheralctl update --config can.toml --retries 2 --json\n"
          "\n"
          "A configuration file:\n"
          "  [properties]\n"
@@ -98,6 +115,7 @@ Options Finish(const RawOptions& raw, Goal goal) {
   options.limits.prepare = OrDefault(raw.timeout_s, options.limits.prepare);
   options.limits.install = OrDefault(raw.timeout_s, options.limits.install);
   options.limits.abort = OrDefault(raw.timeout_s, options.limits.abort);
+  options.retries.pause = std::chrono::seconds(raw.retryPause_s);
   if (!raw.library.empty()) {
     options.library = raw.library;
   }
@@ -129,6 +147,7 @@ std::optional<Options> ParseCommandLine(int argc, const char* const* argv, std::
   app.require_subcommand(1);
   app.fallthrough(false);
   CLI::App* update = app.add_subcommand("update", "Prepare the peripherals, then send them their firmware");
+  AddRetries(*update, raw);
   CLI::App* prepare = app.add_subcommand("prepare", "Check settings, files and port; send nothing");
   for (CLI::App* command : {update, prepare}) {
     AddOptions(*command, raw);

@@ -19,7 +19,9 @@ struct Options {
   std::optional<logging::TLevel> logLevel;  ///< nothing: no log lines
   std::string logFile;                      ///< empty: lines go to standard error
   TimeLimits limits;
+  Retries retries;
   bool requireDigest = false;
+  bool json = false;
   std::optional<std::string> library;
   std::optional<std::string> featureId;
 };

@@ -33,6 +33,7 @@ constexpr Description kDescriptions[] = {
 ExitCode ExitCodeOf(Outcome outcome) {
   switch (outcome) {
     case Outcome::Succeeded:
+    case Outcome::NothingToUpdate:
       return ExitCode::Success;
     case Outcome::PrepareFailed:
       return ExitCode::PrepareFailed;

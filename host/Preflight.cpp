@@ -99,6 +99,9 @@ class Checker {
             kUpdateListKey, KnownEntries());
       return;
     }
+    if (list->second.empty()) {
+      return;
+    }
     const std::vector<std::string_view> entries = UpdateListEntries(list->second);
     CheckSpelling(list->second, entries);
     for (const std::string_view entry : entries) {

@@ -1,18 +1,25 @@
 // peripheralctl: updates peripherals from the command line.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <exception>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <memory>
+#include <string_view>
 #include <system_error>
 
 #include "CommandLine.h"
 #include "Configuration.h"
 #include "FeatureModule.h"
+#include "JsonOutput.h"
+#include "Peripherals.h"
 #include "Preflight.h"
+#include "ProgressDisplay.h"
+#include "Terminal.h"
 #include "UpdateRun.h"
 
 namespace {
@@ -32,11 +39,28 @@ Configuration Gather(const Options& options, Faults& faults) {
   return configuration;
 }
 
-ExitCode Refuse(const Faults& faults) {
-  for (const Fault& fault : faults) {
-    std::cerr << "peripheralctl: " << fault.text << "\n";
+std::unique_ptr<Output> MakeOutput(bool json, const PropertyMap& properties) {
+  std::vector<std::string> devices;
+  for (const PlannedDevice& device : PlanOf(properties)) {
+    devices.push_back(device.name);
   }
-  return ExitCodeOf(faults);
+  if (json) {
+    return std::make_unique<JsonOutput>(std::cout, devices);
+  }
+  return std::make_unique<ProgressDisplay>(std::cout, std::cerr, LookOfStandardOutput(), devices);
+}
+
+ExitCode Refuse(Output& output, const Faults& faults, ExitCode exitCode) {
+  output.OnFaults(faults);
+  output.OnRefusal(exitCode);
+  return exitCode;
+}
+
+// A file that was not understood would only look as if its properties were missing.
+bool IsUnderstood(const Faults& faults) {
+  return std::none_of(faults.begin(), faults.end(), [](const Fault& fault) {
+    return fault.code == ErrorCode::ConfigUnreadable || fault.code == ErrorCode::ConfigInvalid;
+  });
 }
 
 std::string DefaultLibrary() {
@@ -50,34 +74,60 @@ std::string Library(const Options& options, const Configuration& configuration) 
   return chosen ? *chosen : DefaultLibrary();
 }
 
-ExitCode Execute(const Options& options) {
-  Faults faults;
-  const Configuration configuration = Gather(options, faults);
-  const SourceFiles files(configuration.properties);
-  // A file that was not understood would only look as if its properties were missing.
-  if (faults.empty()) {
-    faults = CheckProperties(configuration.properties, {configuration.digests, options.requireDigest});
-  }
-  if (!faults.empty()) {
-    return Refuse(faults);
-  }
+// The module is asked to prepare even if faults are known, so that its log can be seen beside them.
+ExitCode Run(const Options& options, const Configuration& configuration, const SourceFiles& files,
+             const Faults& faults, Output& output) {
   std::ofstream logFile;
   if (!options.logFile.empty()) {
     logFile.open(options.logFile, std::ios::app);
     if (!logFile) {
-      std::cerr << fmt::format(
-          "peripheralctl: cannot write the log file '{}': {}. Choose another after --log-file.\n",
-          options.logFile, std::generic_category().message(errno));
-      return ExitCode::BadUsage;
+      const std::string text =
+          fmt::format("cannot write the log file '{}': {}. Choose another after --log-file.", options.logFile,
+                      std::generic_category().message(errno));
+      return Refuse(output, {{ErrorCode::BadUsage, text}}, ExitCode::BadUsage);
     }
   }
   std::ostream& log = options.logFile.empty() ? std::cerr : logFile;
   const std::string featureId =
       options.featureId.value_or(configuration.featureId.value_or(kDefaultFeatureId));
-  return UpdateRun{options.goal, options.limits,           Library(options, configuration),
-                   featureId,    configuration.properties, files,
-                   log,          options.logFile,          options.logLevel}
+  return UpdateRun{options.goal,    options.limits,
+                   options.retries, Library(options, configuration),
+                   featureId,       configuration.properties,
+                   files,           faults,
+                   output,          log,
+                   options.logFile, options.logLevel}
       .Execute();
+}
+
+ExitCode Execute(const Options& options) {
+  Faults faults;
+  const Configuration configuration = Gather(options, faults);
+  const PropertyMap& properties = configuration.properties;
+  const std::unique_ptr<Output> output = MakeOutput(options.json, properties);
+  if (!IsUnderstood(faults)) {
+    return Refuse(*output, faults, ExitCodeOf(faults));
+  }
+  const SourceFiles files(properties);
+  faults = CheckProperties(properties, {configuration.digests, options.requireDigest});
+  if (!faults.empty() && options.goal == Goal::Update) {
+    return Refuse(*output, faults, ExitCodeOf(faults));
+  }
+  if (faults.empty() && properties.at(kUpdateListKey).empty()) {
+    output->OnResult({options.goal, Outcome::NothingToUpdate, false, {}}, ExitCode::Success);
+    return ExitCode::Success;
+  }
+  output->OnFaults(faults);
+  return Run(options, configuration, files, faults, *output);
+}
+
+// A program that reads JSON is also told by JSON that it was not understood.
+void TellBadUsage(int argc, const char* const* argv, int exitCode) {
+  const bool json = std::any_of(argv, argv + argc, [](std::string_view word) { return word == "--json"; });
+  if (json && exitCode == static_cast<int>(ExitCode::BadUsage)) {
+    const auto output = MakeOutput(true, {});
+    Refuse(*output, {{ErrorCode::BadUsage, "the command line was not understood; standard error says why"}},
+           ExitCode::BadUsage);
+  }
 }
 
 }  // namespace
@@ -88,7 +138,11 @@ int main(int argc, char** argv) {
   try {
     int exitCode = 0;
     const std::optional<Options> options = ParseCommandLine(argc, argv, std::cout, std::cerr, exitCode);
-    return options ? static_cast<int>(Execute(*options)) : exitCode;
+    if (options) {
+      return static_cast<int>(Execute(*options));
+    }
+    TellBadUsage(argc, argv, exitCode);
+    return exitCode;
   } catch (const std::exception& error) {
     std::cerr << "peripheralctl: internal error: " << error.what() << std::endl;
     return static_cast<int>(ExitCode::Internal);

@@ -14,9 +14,11 @@ peripheral_test(host_tests LABEL unit TIMEOUT 120
   SOURCES
     unit/host/CommandLineTest.cpp
     unit/host/ConfigurationTest.cpp
+    unit/host/DialogueTest.cpp
     unit/host/DigestTest.cpp
     unit/host/EventBrokerTest.cpp
     unit/host/FeatureModuleTest.cpp
+    unit/host/JsonOutputTest.cpp
     unit/host/PeripheralctlTest.cpp
     unit/host/PreflightTest.cpp
     unit/host/ProgressDisplayTest.cpp
@@ -24,9 +26,11 @@ peripheral_test(host_tests LABEL unit TIMEOUT 120
     unit/host/ReportTest.cpp
     unit/host/RunLogTest.cpp
     unit/host/SourceFilesTest.cpp
+    unit/host/TransferRateTest.cpp
     unit/host/UpdateControllerTest.cpp
   LIBRARIES host)
 test_starts(host_tests PERIPHERALCTL peripheralctl)
 add_dependencies(host_tests FakeModule WrongTypeModule NoTypeModule NoCreateModule)
 target_compile_definitions(host_tests PRIVATE
+  DOCUMENTS="${PROJECT_SOURCE_DIR}/docs"
   FAKE_MODULES="${CMAKE_BINARY_DIR}/fakes/")

@@ -43,6 +43,9 @@ TEST_F(CommandLine, TheShortestOneHasTheDefaults) {
   EXPECT_EQ(options->limits.install, 90s);
   EXPECT_EQ(options->limits.abort, 10s);
   EXPECT_FALSE(options->requireDigest);
+  EXPECT_FALSE(options->json);
+  EXPECT_EQ(options->retries.count, 0);
+  EXPECT_EQ(options->retries.pause, 3s);
   EXPECT_EQ(options->library, std::nullopt);
   EXPECT_EQ(options->featureId, std::nullopt);
 }
@@ -62,6 +65,14 @@ TEST_F(CommandLine, EveryOptionArrives) {
   EXPECT_TRUE(options->requireDigest);
   EXPECT_EQ(options->library, "m.so");
   EXPECT_EQ(options->featureId, "id");
+}
+
+TEST_F(CommandLine, AnUpdateMayBeRetriedAndTellPrograms) {
+  const auto options = Parse({"update", "--config", "c", "--retries", "2", "--retry-pause", "7", "--json"});
+  ASSERT_TRUE(options) << iErr.str();
+  EXPECT_EQ(options->retries.count, 2);
+  EXPECT_EQ(options->retries.pause, 7s);
+  EXPECT_TRUE(options->json);
 }
 
 TEST_F(CommandLine, LogLevels) {
@@ -99,6 +110,8 @@ TEST_F(CommandLine, AWrongOneIsRefusedWithAHint) {
       {{"update", "prepare", "--config", "c"}, ""},
       {{"update", "--config", "c", "--log-level", "loud"}, "--log-level"},
       {{"update", "--config", "c", "--timeout", "0"}, "--timeout"},
+      {{"update", "--config", "c", "--retries", "-1"}, "--retries"},
+      {{"prepare", "--config", "c", "--retries", "1"}, "--retries"},
       {{"update", "--config", "c", "--timeout", "soon"}, "--timeout"},
   };
   for (const auto& [arguments, named] : wrong) {

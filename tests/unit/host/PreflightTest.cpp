@@ -66,6 +66,10 @@ TEST_F(Preflight, GoodVariantsHaveNoFault) {
   }
 }
 
+TEST_F(Preflight, AnEmptyListNeedsNothing) {
+  EXPECT_THAT(CheckedTexts({{"updatelist", ""}}), IsEmpty());
+}
+
 TEST_F(Preflight, ALargeImageIsFine) {
   std::filesystem::resize_file(iGood["xmodemsource-image"], 17u << 20);
   EXPECT_THAT(CheckedTexts(iGood), IsEmpty());
@@ -107,8 +111,8 @@ constexpr Fault kFaults[] = {
      "(Sanyo "
      "device)."},
     {"updatelist", "XMODEM", "unknown peripheral \"XMODEM\""},
-    {"updatelist", "",
-     "updatelist \"\": entries must be neither empty nor have blanks around them; write \"xmodem\"."},
+    {"updatelist", ";",
+     "updatelist \";\": entries must be neither empty nor have blanks around them; write \"xmodem\"."},
     {"updatelist", " xmodem", "write \"xmodem\"."},
     {"updatelist", "xmodem ;sanyoxmodem", "write \"xmodem;sanyoxmodem\"."},
     {"updatelist", "xmodem;;xmodem", "updatelist \"xmodem;;xmodem\": entries must be neither empty"},
