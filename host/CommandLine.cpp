@@ -58,6 +58,8 @@ void AddOptions(CLI::App& command, RawOptions& raw) {
                    "Print one JSON object a line on standard output, and nothing else there");
   command.add_flag("--require-digest", raw.options.requireDigest,
                    "Refuse a file that has no digest under [sha256]");
+  command.add_flag("--trust-config", raw.options.trustConfig,
+                   "As root, follow a configuration file that others may change");
   command.add_option("--module", raw.library, "The module's shared library")->type_name("PATH");
   command.add_option("--feature-id", raw.featureId, "The feature id that the module gets")->type_name("ID");
 }

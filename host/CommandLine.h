@@ -21,6 +21,7 @@ struct Options {
   TimeLimits limits;
   Retries retries;
   bool requireDigest = false;
+  bool trustConfig = false;
   bool json = false;
   std::optional<std::string> library;
   std::optional<std::string> featureId;

@@ -26,6 +26,7 @@ constexpr Description kDescriptions[] = {
     {ExitCode::SourceChanged, "a file changed while it was sent"},
     {ExitCode::WrongDigest,
      "a file is not the one that its digest stands for, or has none; nothing was sent"},
+    {ExitCode::ConfigUntrusted, "others than root may change the configuration; nothing was sent"},
 };
 
 }  // namespace
@@ -49,11 +50,27 @@ ExitCode ExitCodeOf(Outcome outcome) {
   return ExitCode::Internal;
 }
 
+namespace {
+
+ExitCode ExitCodeOf(ErrorCode code) {
+  switch (code) {
+    case ErrorCode::DigestMissing:
+    case ErrorCode::DigestWrong:
+      return ExitCode::WrongDigest;
+    case ErrorCode::ConfigUntrusted:
+      return ExitCode::ConfigUntrusted;
+    default:
+      return ExitCode::BadConfiguration;
+  }
+}
+
+}  // namespace
+
 ExitCode ExitCodeOf(const Faults& faults) {
-  const bool digestsAlone = std::all_of(faults.begin(), faults.end(), [](const Fault& fault) {
-    return fault.code == ErrorCode::DigestMissing || fault.code == ErrorCode::DigestWrong;
-  });
-  return digestsAlone ? ExitCode::WrongDigest : ExitCode::BadConfiguration;
+  const ExitCode first = faults.empty() ? ExitCode::BadConfiguration : ExitCodeOf(faults.front().code);
+  const bool alike = std::all_of(faults.begin(), faults.end(),
+                                 [first](const Fault& fault) { return ExitCodeOf(fault.code) == first; });
+  return alike ? first : ExitCode::BadConfiguration;
 }
 
 std::string DescribeExitCodes() {

@@ -20,6 +20,7 @@ enum class ExitCode {
   NoResult = 8,
   SourceChanged = 9,
   WrongDigest = 10,
+  ConfigUntrusted = 11,
 };
 
 /// The exit code that stands for an outcome.

@@ -1,12 +1,11 @@
 // peripheralctl: updates peripherals from the command line.
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <csignal>
 #include <exception>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <memory>
 #include <string_view>
@@ -16,10 +15,12 @@
 #include "Configuration.h"
 #include "FeatureModule.h"
 #include "JsonOutput.h"
+#include "OutputFile.h"
 #include "Peripherals.h"
 #include "Preflight.h"
 #include "ProgressDisplay.h"
 #include "Terminal.h"
+#include "Trust.h"
 #include "UpdateRun.h"
 
 namespace {
@@ -31,6 +32,15 @@ constexpr const char* kDefaultFeatureId = "peripherals";
 Configuration Gather(const Options& options, Faults& faults) {
   Configuration configuration;
   if (!options.configFile.empty()) {
+    const bool doubtful = geteuid() == 0 && !options.trustConfig;
+    if (const auto why = doubtful ? WhyUntrusted(options.configFile) : std::nullopt) {
+      const std::string text = fmt::format(
+          "{}: root does not follow a configuration that others may change: {}. Mend that, or say "
+          "--trust-config.",
+          options.configFile, *why);
+      faults.push_back({ErrorCode::ConfigUntrusted, text});
+      return configuration;
+    }
     configuration = ReadConfiguration(options.configFile, faults);
   }
   for (const std::string& setting : options.settings) {
@@ -59,7 +69,8 @@ ExitCode Refuse(Output& output, const Faults& faults, ExitCode exitCode) {
 // A file that was not understood would only look as if its properties were missing.
 bool IsUnderstood(const Faults& faults) {
   return std::none_of(faults.begin(), faults.end(), [](const Fault& fault) {
-    return fault.code == ErrorCode::ConfigUnreadable || fault.code == ErrorCode::ConfigInvalid;
+    return fault.code == ErrorCode::ConfigUnreadable || fault.code == ErrorCode::ConfigInvalid ||
+           fault.code == ErrorCode::ConfigUntrusted;
   });
 }
 
@@ -77,17 +88,17 @@ std::string Library(const Options& options, const Configuration& configuration) 
 // The module is asked to prepare even if faults are known, so that its log can be seen beside them.
 ExitCode Run(const Options& options, const Configuration& configuration, const SourceFiles& files,
              const Faults& faults, Output& output) {
-  std::ofstream logFile;
+  std::unique_ptr<std::ostream> logFile;
+  std::string fault;
   if (!options.logFile.empty()) {
-    logFile.open(options.logFile, std::ios::app);
-    if (!logFile) {
-      const std::string text =
-          fmt::format("cannot write the log file '{}': {}. Choose another after --log-file.", options.logFile,
-                      std::generic_category().message(errno));
+    logFile = OpenForAppending(options.logFile, fault);
+    if (logFile == nullptr) {
+      const std::string text = fmt::format(
+          "cannot write the log file '{}': {}. Choose another after --log-file.", options.logFile, fault);
       return Refuse(output, {{ErrorCode::BadUsage, text}}, ExitCode::BadUsage);
     }
   }
-  std::ostream& log = options.logFile.empty() ? std::cerr : logFile;
+  std::ostream& log = logFile == nullptr ? std::cerr : *logFile;
   const std::string featureId =
       options.featureId.value_or(configuration.featureId.value_or(kDefaultFeatureId));
   return UpdateRun{options.goal,    options.limits,

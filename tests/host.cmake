@@ -19,6 +19,7 @@ peripheral_test(host_tests LABEL unit TIMEOUT 120
     unit/host/EventBrokerTest.cpp
     unit/host/FeatureModuleTest.cpp
     unit/host/JsonOutputTest.cpp
+    unit/host/OutputFileTest.cpp
     unit/host/PeripheralctlTest.cpp
     unit/host/PreflightTest.cpp
     unit/host/ProgressDisplayTest.cpp
@@ -27,6 +28,7 @@ peripheral_test(host_tests LABEL unit TIMEOUT 120
     unit/host/RunLogTest.cpp
     unit/host/SourceFilesTest.cpp
     unit/host/TransferRateTest.cpp
+    unit/host/TrustTest.cpp
     unit/host/UpdateControllerTest.cpp
   LIBRARIES host)
 test_starts(host_tests PERIPHERALCTL peripheralctl)

@@ -43,6 +43,7 @@ TEST_F(CommandLine, TheShortestOneHasTheDefaults) {
   EXPECT_EQ(options->limits.install, 90s);
   EXPECT_EQ(options->limits.abort, 10s);
   EXPECT_FALSE(options->requireDigest);
+  EXPECT_FALSE(options->trustConfig);
   EXPECT_FALSE(options->json);
   EXPECT_EQ(options->retries.count, 0);
   EXPECT_EQ(options->retries.pause, 3s);
@@ -52,8 +53,8 @@ TEST_F(CommandLine, TheShortestOneHasTheDefaults) {
 
 TEST_F(CommandLine, EveryOptionArrives) {
   const auto options = Parse({"prepare", "--config", "c", "--set", "a=1", "--set=b=2 3,4", "--log-level",
-                              "error", "--log-file", "l", "--timeout", "5", "--require-digest", "--module",
-                              "m.so", "--feature-id", "id"});
+                              "error", "--log-file", "l", "--timeout", "5", "--require-digest",
+                              "--trust-config", "--module", "m.so", "--feature-id", "id"});
   ASSERT_TRUE(options) << iErr.str();
   EXPECT_EQ(options->goal, Goal::Prepare);
   EXPECT_THAT(options->settings, ElementsAre("a=1", "b=2 3,4"));
@@ -63,6 +64,7 @@ TEST_F(CommandLine, EveryOptionArrives) {
   EXPECT_EQ(options->limits.install, 5s);
   EXPECT_EQ(options->limits.abort, 5s);
   EXPECT_TRUE(options->requireDigest);
+  EXPECT_TRUE(options->trustConfig);
   EXPECT_EQ(options->library, "m.so");
   EXPECT_EQ(options->featureId, "id");
 }

@@ -462,4 +462,21 @@ TEST_F(Peripheralctl, ProgramsGetObjectsAndNothingElse) {
   }
 }
 
+TEST_F(Peripheralctl, RootFollowsNoConfigurationThatOthersMayChangeUnlessToldSo) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "the rule is for root";
+  }
+  const std::vector<std::string> arguments = Command("prepare", "succeeds");
+  std::filesystem::permissions(iFolder.Path("config.toml"), std::filesystem::perms::others_write,
+                               std::filesystem::perm_options::add);
+  Process refused(arguments, ErrorFile());
+  EXPECT_EQ(refused.Wait(), 11);
+  EXPECT_THAT(refused.Err(),
+              AllOf(HasSubstr("others than root may write '" + iFolder.Path("config.toml") + "'"),
+                    HasSubstr("--trust-config")));
+  std::vector<std::string> trusting = arguments;
+  trusting.emplace_back("--trust-config");
+  EXPECT_EQ(Process(trusting, ErrorFile()).Wait(), 0);
+}
+
 }  // namespace

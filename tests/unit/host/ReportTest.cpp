@@ -131,7 +131,7 @@ TEST(ExitCode, StandsForTheOutcome) {
 }
 
 TEST(ExitCode, AllAreDescribed) {
-  for (const char* code : {"0", "1", "2", "3", "4", "5", "6", "7", "8", "9", "10"}) {
+  for (const char* code : {"0", "1", "2", "3", "4", "5", "6", "7", "8", "9", "10", "11"}) {
     EXPECT_THAT(host::DescribeExitCodes(), testing::ContainsRegex(std::string("\n +") + code + "  [a-z]"));
   }
 }
@@ -143,6 +143,7 @@ TEST(ExitCode, OfFaultsIsThatOfDigestsOnlyWhenNothingElseIsWrong) {
   EXPECT_EQ(ExitCodeOf(host::Faults{wrong, missing}), ExitCode::WrongDigest);
   EXPECT_EQ(ExitCodeOf(host::Faults{wrong, other}), ExitCode::BadConfiguration);
   EXPECT_EQ(ExitCodeOf(host::Faults{other}), ExitCode::BadConfiguration);
+  EXPECT_EQ(ExitCodeOf(host::Faults{{host::ErrorCode::ConfigUntrusted, "x"}}), ExitCode::ConfigUntrusted);
 }
 
 TEST(ErrorCode, EachIsDescribedAtItsPlaceAndNoNameIsThereTwice) {
