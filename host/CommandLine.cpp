@@ -12,6 +12,7 @@ namespace host {
 namespace {
 
 constexpr int kMaxTimeout_s = 24 * 60 * 60;
+constexpr int kMaxRetries = 1000;
 constexpr const char* kOff = "off";
 
 const std::map<std::string, logging::TLevel>& Levels() {
@@ -30,6 +31,7 @@ struct RawOptions {
   std::string library;
   std::string featureId;
   int timeout_s = 0;
+  int retryPause_s = 3;
 };
 
 void AddOptions(CLI::App& command, RawOptions& raw) {
@@ -53,6 +55,12 @@ void AddOptions(CLI::App& command, RawOptions& raw) {
                   "preparing, 90 while updating, 10 while aborting)")
       ->type_name("SECONDS")
       ->check(CLI::Range(1, kMaxTimeout_s));
+  command.add_flag("--json", raw.options.json,
+                   "Print one JSON object a line on standard output, and nothing else there");
+  command.add_flag("--require-digest", raw.options.requireDigest,
+                   "Refuse a file that has no digest under [sha256]");
+  command.add_flag("--trust-config", raw.options.trustConfig,
+                   "As root, follow a configuration file that others may change");
   command.add_option("--module", raw.library, "The module's shared library")->type_name("PATH");
   command.add_option("--feature-id", raw.featureId, "The feature id that the module gets")->type_name("ID");
 }
@@ -66,6 +74,18 @@ void AddRecordingOptions(CLI::App& command, RawOptions& raw) {
       ->type_name("FILE");
 }
 
+void AddRetries(CLI::App& update, RawOptions& raw) {
+  update
+      .add_option("--retries", raw.options.retries.count,
+                  "Ask for a failed update again, so many times at most (default: 0)")
+      ->type_name("COUNT")
+      ->check(CLI::Range(0, kMaxRetries));
+  update.add_option("--retry-pause", raw.retryPause_s, "Seconds to wait before each of them")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0, kMaxTimeout_s))
+      ->capture_default_str();
+}
+
 std::string Footer() {
   return "Examples:\n"
          "  peripheralctl prepare --config can.toml\n"
@@ -73,6 +93,7 @@ std::string Footer() {
          "  peripheralctl update --config can.toml --log-level info --log-file update.log\n"
          "  peripheralctl update --config can.toml --trace update.trace\n"
          "  peripheralctl trace show update.trace\n"
+         "  peripheralctl update --config can.toml --retries 2 --json\n"
          "\n"
          "A configuration file:\n"
          "  [properties]\n"
@@ -83,6 +104,8 @@ std::string Footer() {
          "  xmodemportname      = \"/dev/ttyUSB0\"\n"
          "  xmodemramaddress    = \"20000000\"        # text, as the device reads it\n"
          "  xmodemflashaddress  = \"08000000\"\n"
+         "  [sha256]                                # optional: what sha256sum prints for the file\n"
+         "  xmodemsource-image  = \"...\"\n"
          "\n" +
          DescribeExitCodes();
 }
@@ -106,6 +129,7 @@ Options Finish(const RawOptions& raw, Goal goal) {
   options.limits.prepare = OrDefault(raw.timeout_s, options.limits.prepare);
   options.limits.install = OrDefault(raw.timeout_s, options.limits.install);
   options.limits.abort = OrDefault(raw.timeout_s, options.limits.abort);
+  options.retries.pause = std::chrono::seconds(raw.retryPause_s);
   if (!raw.library.empty()) {
     options.library = raw.library;
   }
@@ -140,6 +164,7 @@ std::optional<Options> ParseCommandLine(int argc, const char* const* argv, std::
   app.require_subcommand(1);
   app.fallthrough(false);
   CLI::App* update = app.add_subcommand("update", "Prepare the peripherals, then send them their firmware");
+  AddRetries(*update, raw);
   CLI::App* prepare = app.add_subcommand("prepare", "Check settings, files and port; send nothing");
   for (CLI::App* command : {update, prepare}) {
     AddOptions(*command, raw);

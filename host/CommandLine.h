@@ -23,6 +23,10 @@ struct Options {
   std::string reportFile;                   ///< empty: no report
   trace::TraceOptions trace;                ///< when an action is asked for, nothing else counts
   TimeLimits limits;
+  Retries retries;
+  bool requireDigest = false;
+  bool trustConfig = false;
+  bool json = false;
   std::optional<std::string> library;
   std::optional<std::string> featureId;
 };

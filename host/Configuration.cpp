@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
@@ -25,8 +26,14 @@ namespace {
 constexpr std::size_t kMaxSize_bytes = 1u << 20;
 constexpr const char* kModuleTable = "module";
 constexpr const char* kPropertiesTable = "properties";
+constexpr const char* kDigestsTable = "sha256";
+constexpr std::size_t kDigestDigits = 64;
 constexpr const char* kLibraryKey = "library";
 constexpr const char* kFeatureIdKey = "feature-id";
+
+char LowerCase(char letter) {
+  return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
+}
 
 std::string UnknownKey(std::string_view where, std::string_view key, const std::vector<std::string>& known) {
   return fmt::format("{}: unknown key '{}'; did you mean '{}'? Known here: {}.", where, key,
@@ -51,13 +58,14 @@ class FileReader {
       ReadTable(key, value, [this](std::string_view k, const toml::node& v) { ReadModuleKey(k, v); });
     } else if (key == kPropertiesTable) {
       ReadTable(key, value, [this](std::string_view k, const toml::node& v) { ReadProperty(k, v); });
+    } else if (key == kDigestsTable) {
+      ReadTable(key, value, [this](std::string_view k, const toml::node& v) { ReadDigest(k, v); });
     } else if (key == kLibraryKey || key == kFeatureIdKey) {
       ReadModuleKey(key, value);
     } else if (FindPropertyKey(key) != nullptr) {
       Fault(value, fmt::format("'{}' belongs under [{}].", key, kPropertiesTable));
     } else {
-      iFaults.push_back(
-          UnknownKey(At(value), key, {kLibraryKey, kFeatureIdKey, kModuleTable, kPropertiesTable}));
+      AddUnknownKey(value, key, {kLibraryKey, kFeatureIdKey, kModuleTable, kPropertiesTable, kDigestsTable});
     }
   }
 
@@ -75,7 +83,7 @@ class FileReader {
 
   void ReadModuleKey(std::string_view key, const toml::node& value) {
     if (key != kLibraryKey && key != kFeatureIdKey) {
-      iFaults.push_back(UnknownKey(At(value), key, {kLibraryKey, kFeatureIdKey}));
+      AddUnknownKey(value, key, {kLibraryKey, kFeatureIdKey});
       return;
     }
     const std::optional<std::string> text = ReadText(key, value);
@@ -94,12 +102,32 @@ class FileReader {
   void ReadProperty(std::string_view name, const toml::node& value) {
     const PropertyKey* key = FindPropertyKey(name);
     if (key == nullptr) {
-      iFaults.push_back(UnknownKey(At(value), name, PropertyKeyNames()));
+      AddUnknownKey(value, name, PropertyKeyNames());
       return;
     }
     if (const std::optional<std::string> text = ReadValue(*key, value)) {
       iConfiguration.properties[key->name] = *text;
     }
+  }
+
+  void ReadDigest(std::string_view name, const toml::node& value) {
+    const std::vector<std::string> names = FileKeyNames();
+    if (std::find(names.begin(), names.end(), name) == names.end()) {
+      AddUnknownKey(value, name, names);
+      return;
+    }
+    std::optional<std::string> digits = ReadText(name, value);
+    if (!digits) {
+      return;
+    }
+    std::transform(digits->begin(), digits->end(), digits->begin(), LowerCase);
+    if (digits->size() != kDigestDigits ||
+        digits->find_first_not_of("0123456789abcdef") != std::string::npos) {
+      Fault(value, fmt::format("'{}' must be the {} hexadecimal digits that sha256sum prints.", name,
+                               kDigestDigits));
+      return;
+    }
+    iConfiguration.digests[std::string(name)] = *digits;
   }
 
   std::optional<std::string> ReadValue(const PropertyKey& key, const toml::node& value) {
@@ -162,7 +190,11 @@ class FileReader {
   }
 
   void Fault(const toml::node& value, const std::string& text) {
-    iFaults.push_back(fmt::format("{}: {}", At(value), text));
+    iFaults.push_back({ErrorCode::ConfigInvalid, fmt::format("{}: {}", At(value), text)});
+  }
+
+  void AddUnknownKey(const toml::node& value, std::string_view key, const std::vector<std::string>& known) {
+    iFaults.push_back({ErrorCode::ConfigInvalid, UnknownKey(At(value), key, known)});
   }
 
   std::string iPath;
@@ -170,15 +202,17 @@ class FileReader {
   Configuration iConfiguration;
 };
 
-std::string Unreadable(const std::string& path, int error) {
-  return fmt::format("{}: cannot read the configuration file: {}. Check the name after --config.", path,
-                     std::generic_category().message(error));
+Fault Unreadable(const std::string& path, int error) {
+  return {ErrorCode::ConfigUnreadable,
+          fmt::format("{}: cannot read the configuration file: {}. Check the name after --config.", path,
+                      std::generic_category().message(error))};
 }
 
 std::optional<std::string> ReadWholeFile(const std::string& path, Faults& faults) {
   std::error_code error;
   if (std::filesystem::is_directory(path, error)) {
-    faults.push_back(fmt::format("{}: this is a folder; name the configuration file in it.", path));
+    faults.push_back({ErrorCode::ConfigUnreadable,
+                      fmt::format("{}: this is a folder; name the configuration file in it.", path)});
     return std::nullopt;
   }
   errno = 0;
@@ -195,8 +229,9 @@ std::optional<std::string> ReadWholeFile(const std::string& path, Faults& faults
   }
   text.resize(static_cast<std::size_t>(file.gcount()));
   if (text.size() > kMaxSize_bytes) {
-    faults.push_back(fmt::format("{}: more than {} KiB are no configuration. Check the name after --config.",
-                                 path, kMaxSize_bytes / 1024));
+    faults.push_back({ErrorCode::ConfigUnreadable,
+                      fmt::format("{}: more than {} KiB are no configuration. Check the name after --config.",
+                                  path, kMaxSize_bytes / 1024)});
     return std::nullopt;
   }
   return text;
@@ -213,8 +248,9 @@ Configuration ParseConfiguration(const std::string& text, const std::string& pat
   const toml::parse_result result = toml::parse(text, path);
   if (!result) {
     const toml::source_position at = result.error().source().begin;
-    faults.push_back(fmt::format("{}:{}:{}: this is not valid TOML: {}.", path, at.line, at.column,
-                                 result.error().description()));
+    faults.push_back(
+        {ErrorCode::ConfigInvalid, fmt::format("{}:{}:{}: this is not valid TOML: {}.", path, at.line,
+                                               at.column, result.error().description())});
     return {};
   }
   return FileReader(path, faults).Read(result.table());
@@ -223,12 +259,13 @@ Configuration ParseConfiguration(const std::string& text, const std::string& pat
 void ApplySetting(const std::string& setting, Configuration& configuration, Faults& faults) {
   const std::size_t equals = setting.find('=');
   if (equals == std::string::npos) {
-    faults.push_back(fmt::format("--set {}: the '=' is missing; write --set key=value.", setting));
+    faults.push_back({ErrorCode::ConfigInvalid,
+                      fmt::format("--set {}: the '=' is missing; write --set key=value.", setting)});
     return;
   }
   const std::string key = setting.substr(0, equals);
   if (FindPropertyKey(key) == nullptr) {
-    faults.push_back(UnknownKey("--set " + setting, key, PropertyKeyNames()));
+    faults.push_back({ErrorCode::ConfigInvalid, UnknownKey("--set " + setting, key, PropertyKeyNames())});
     return;
   }
   configuration.properties[key] = setting.substr(equals + 1);

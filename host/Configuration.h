@@ -1,15 +1,17 @@
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "Fault.h"
 #include "PropertyStore.h"
 
 namespace host {
 
-/// Messages for people, one a fault: what is wrong, where, and what to do.
-using Faults = std::vector<std::string>;
+/// The SHA-256 that a file must have, in lower-case hexadecimal digits, by the property that names the file.
+using DigestMap = std::map<std::string, std::string>;
 
 /// What the host is told from outside: which module to load, under which feature id, with which properties.
 struct Configuration {
@@ -17,16 +19,18 @@ struct Configuration {
       library;  ///< module's shared library; without a slash the dynamic loader searches
   std::optional<std::string> featureId;
   PropertyMap properties;
+  DigestMap digests;
 
   bool operator==(const Configuration& other) const {
-    return library == other.library && featureId == other.featureId && properties == other.properties;
+    return library == other.library && featureId == other.featureId && properties == other.properties &&
+           digests == other.digests;
   }
 };
 
 /// Reads a configuration file (TOML): `library` and `feature-id` at the top or in [module], and the module's
-/// properties in [properties]; at most 1 MiB. Relative paths in it are taken relative to the file's folder.
-/// What is wrong is appended to `faults`, with line and column where they are known; the result then holds
-/// the rest.
+/// properties in [properties], digests in [sha256]; at most 1 MiB. Relative paths in it are taken relative to
+/// the file's folder. What is wrong is appended to `faults`, with line and column where they are known; the
+/// result then holds the rest.
 Configuration ReadConfiguration(const std::string& path, Faults& faults);
 
 /// As ReadConfiguration, for a text that stands for the content of the file `path`.

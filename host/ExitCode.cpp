@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 namespace host {
 
 namespace {
@@ -18,9 +20,13 @@ constexpr Description kDescriptions[] = {
     {ExitCode::BadConfiguration, "bad configuration; nothing was sent"},
     {ExitCode::ModuleNotLoadable, "module not loadable"},
     {ExitCode::PrepareFailed, "preparation failed; nothing was sent"},
-    {ExitCode::UpdateFailed, "update failed, or a file changed while it was sent"},
+    {ExitCode::UpdateFailed, "update failed"},
     {ExitCode::Aborted, "aborted on request"},
     {ExitCode::NoResult, "no result in time"},
+    {ExitCode::SourceChanged, "a file changed while it was sent"},
+    {ExitCode::WrongDigest,
+     "a file is not the one that its digest stands for, or has none; nothing was sent"},
+    {ExitCode::ConfigUntrusted, "others than root may change the configuration; nothing was sent"},
     {ExitCode::TraceBroken, "the trace is broken, or none; what stands before the break was shown"},
     {ExitCode::ReplayDeparts, "the replay departs from the trace"},
 };
@@ -30,18 +36,43 @@ constexpr Description kDescriptions[] = {
 ExitCode ExitCodeOf(Outcome outcome) {
   switch (outcome) {
     case Outcome::Succeeded:
+    case Outcome::NothingToUpdate:
       return ExitCode::Success;
     case Outcome::PrepareFailed:
       return ExitCode::PrepareFailed;
     case Outcome::InstallFailed:
-    case Outcome::SourceChanged:
       return ExitCode::UpdateFailed;
+    case Outcome::SourceChanged:
+      return ExitCode::SourceChanged;
     case Outcome::Aborted:
       return ExitCode::Aborted;
     case Outcome::NoResult:
       return ExitCode::NoResult;
   }
   return ExitCode::Internal;
+}
+
+namespace {
+
+ExitCode ExitCodeOf(ErrorCode code) {
+  switch (code) {
+    case ErrorCode::DigestMissing:
+    case ErrorCode::DigestWrong:
+      return ExitCode::WrongDigest;
+    case ErrorCode::ConfigUntrusted:
+      return ExitCode::ConfigUntrusted;
+    default:
+      return ExitCode::BadConfiguration;
+  }
+}
+
+}  // namespace
+
+ExitCode ExitCodeOf(const Faults& faults) {
+  const ExitCode first = faults.empty() ? ExitCode::BadConfiguration : ExitCodeOf(faults.front().code);
+  const bool alike = std::all_of(faults.begin(), faults.end(),
+                                 [first](const Fault& fault) { return ExitCodeOf(fault.code) == first; });
+  return alike ? first : ExitCode::BadConfiguration;
 }
 
 std::string DescribeExitCodes() {

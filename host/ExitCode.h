@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "Fault.h"
 #include "UpdateController.h"
 
 namespace host {
@@ -17,12 +18,19 @@ enum class ExitCode {
   UpdateFailed = 6,
   Aborted = 7,
   NoResult = 8,
+  SourceChanged = 9,
+  WrongDigest = 10,
+  ConfigUntrusted = 11,
   TraceBroken = 20,
   ReplayDeparts = 21,
 };
 
 /// The exit code that stands for an outcome.
 ExitCode ExitCodeOf(Outcome outcome);
+
+/// The exit code that stands for what is wrong before anything was sent: that of the faults if they have one
+/// in common, otherwise that of a bad configuration.
+ExitCode ExitCodeOf(const Faults& faults);
 
 /// All exit codes with their meaning, one a line, for --help.
 std::string DescribeExitCodes();

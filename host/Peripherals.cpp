@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 #include <numeric>
+#include <set>
 
 namespace host {
 
@@ -100,6 +101,30 @@ std::vector<std::string> PropertyKeyNames() {
     names.emplace_back(key.name);
   }
   return names;
+}
+
+std::vector<std::string> FileKeyNames() {
+  std::vector<std::string> names;
+  for (const PropertyKey& key : PropertyKeys()) {
+    if (key.kind == ValueKind::File) {
+      names.emplace_back(key.name);
+    }
+  }
+  return names;
+}
+
+std::vector<std::string> FileKeysOf(std::string_view updateList) {
+  std::set<std::string> required;
+  for (const std::string_view entry : UpdateListEntries(updateList)) {
+    if (const PeripheralKind* kind = FindPeripheralKind(entry)) {
+      required.insert(kind->requiredKeys.begin(), kind->requiredKeys.end());
+    }
+  }
+  std::vector<std::string> keys = FileKeyNames();
+  keys.erase(std::remove_if(keys.begin(), keys.end(),
+                            [&required](const std::string& key) { return required.count(key) == 0; }),
+             keys.end());
+  return keys;
 }
 
 }  // namespace host

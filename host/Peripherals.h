@@ -51,4 +51,11 @@ std::string NearestName(std::string_view name, const std::vector<std::string>& n
 /// The names of all property keys.
 std::vector<std::string> PropertyKeyNames();
 
+/// The names of the keys that name files.
+std::vector<std::string> FileKeyNames();
+
+/// The keys of the files that the peripherals of an update list are sent, in the order of the keys; entries
+/// of no kind are sent none.
+std::vector<std::string> FileKeysOf(std::string_view updateList);
+
 }  // namespace host

@@ -16,6 +16,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "Digest.h"
 #include "Peripherals.h"
 
 namespace host {
@@ -77,7 +78,8 @@ bool IsSerialPort(int descriptor) {
 // The checks share what they find: the faults, and the keys that the listed peripherals need.
 class Checker {
  public:
-  explicit Checker(const PropertyMap& properties) : iProperties(properties) {}
+  Checker(const PropertyMap& properties, const DigestRules& digests)
+      : iProperties(properties), iDigests(digests) {}
 
   Faults Check() {
     CheckList();
@@ -93,7 +95,11 @@ class Checker {
     const auto list = iProperties.find(kUpdateListKey);
     if (list == iProperties.end()) {
       iListFaulty = true;
-      Fault("{}: missing; say which peripherals to update, known are {}.", kUpdateListKey, KnownEntries());
+      Fault(ErrorCode::PropertyMissing, "{}: missing; say which peripherals to update, known are {}.",
+            kUpdateListKey, KnownEntries());
+      return;
+    }
+    if (list->second.empty()) {
       return;
     }
     const std::vector<std::string_view> entries = UpdateListEntries(list->second);
@@ -113,7 +119,8 @@ class Checker {
     const std::string suggestion = proper.empty() ? "xmodem" : fmt::format("{}", fmt::join(proper, ";"));
     if (proper != entries) {
       iListFaulty = true;
-      Fault("{} \"{}\": entries must be neither empty nor have blanks around them; write \"{}\".",
+      Fault(ErrorCode::PropertyInvalid,
+            "{} \"{}\": entries must be neither empty nor have blanks around them; write \"{}\".",
             kUpdateListKey, list, suggestion);
     }
   }
@@ -125,7 +132,8 @@ class Checker {
     const PeripheralKind* kind = FindPeripheralKind(entry);
     if (kind == nullptr) {
       iListFaulty = true;
-      Fault("{}: unknown peripheral \"{}\"; known are {}.", kUpdateListKey, entry, KnownEntries());
+      Fault(ErrorCode::PropertyInvalid, "{}: unknown peripheral \"{}\"; known are {}.", kUpdateListKey, entry,
+            KnownEntries());
       return;
     }
     iRequired.insert(kind->requiredKeys.begin(), kind->requiredKeys.end());
@@ -139,10 +147,10 @@ class Checker {
       }
     }
     if (!missing.empty()) {
-      Fault(
-          "missing properties: {}. Add them under [properties] in the configuration file, or with --set "
-          "{}=...",
-          fmt::join(missing, ", "), missing.front());
+      Fault(ErrorCode::PropertyMissing,
+            "missing properties: {}. Add them under [properties] in the configuration file, or with --set "
+            "{}=...",
+            fmt::join(missing, ", "), missing.front());
     }
   }
 
@@ -154,7 +162,8 @@ class Checker {
     }
     const std::string& value = property->second;
     if (std::any_of(value.begin(), value.end(), IsControl)) {
-      Fault("{}: the value holds a control character (a line break, a tab or the like); remove it.",
+      Fault(ErrorCode::PropertyInvalid,
+            "{}: the value holds a control character (a line break, a tab or the like); remove it.",
             key.name);
       return;
     }
@@ -183,20 +192,24 @@ class Checker {
   void CheckFile(const char* key, const std::string& path) {
     struct stat status = {};
     if (path.empty()) {
-      Fault("{}: the file name is empty; name the file to send.", key);
+      Fault(ErrorCode::FileUnusable, "{}: the file name is empty; name the file to send.", key);
     } else if (stat(path.c_str(), &status) != 0) {
       Fault(
+          ErrorCode::FileUnusable,
           "{}: cannot find the file '{}': {}. Check the path; in a configuration file it is relative to that "
           "file's folder.",
           key, path, Reason());
     } else if (S_ISDIR(status.st_mode)) {
-      Fault("{}: '{}' is a folder; name the file in it.", key, path);
+      Fault(ErrorCode::FileUnusable, "{}: '{}' is a folder; name the file in it.", key, path);
     } else if (!S_ISREG(status.st_mode)) {
-      Fault("{}: '{}' is not a regular file; copy the content to a file and name that.", key, path);
+      Fault(ErrorCode::FileUnusable,
+            "{}: '{}' is not a regular file; copy the content to a file and name that.", key, path);
     } else if (status.st_size == 0) {
-      Fault("{}: the file '{}' is empty; there is nothing to send. Fetch it again.", key, path);
+      Fault(ErrorCode::FileUnusable, "{}: the file '{}' is empty; there is nothing to send. Fetch it again.",
+            key, path);
     } else if (status.st_size > kMaxFileSize_bytes) {
-      Fault("{}: the file '{}' is too large: {} bytes; at most {} can be sent. Is it the right file?", key,
+      Fault(ErrorCode::FileUnusable,
+            "{}: the file '{}' is too large: {} bytes; at most {} can be sent. Is it the right file?", key,
             path, status.st_size, kMaxFileSize_bytes);
     } else {
       CheckReadable(key, path);
@@ -206,10 +219,34 @@ class Checker {
   void CheckReadable(const char* key, const std::string& path) {
     const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
     if (descriptor < 0) {
-      Fault("{}: cannot read the file '{}': {}. Check its permissions.", key, path, Reason());
+      Fault(ErrorCode::FileUnusable, "{}: cannot read the file '{}': {}. Check its permissions.", key, path,
+            Reason());
       return;
     }
     close(descriptor);
+    CheckDigest(key, path);
+  }
+
+  void CheckDigest(const char* key, const std::string& path) {
+    const auto expected = iDigests.expected.find(key);
+    if (expected == iDigests.expected.end()) {
+      if (iDigests.required) {
+        Fault(ErrorCode::DigestMissing,
+              "{}: the file '{}' has no digest. Add {} under [sha256] in the configuration file.", key, path,
+              key);
+      }
+      return;
+    }
+    const std::optional<std::string> actual = Sha256Of(path);
+    if (!actual) {
+      Fault(ErrorCode::FileUnusable, "{}: cannot read the file '{}': {}.", key, path, Reason());
+    } else if (*actual != expected->second) {
+      Fault(ErrorCode::DigestWrong,
+            "{}: the file '{}' is not the right one: its SHA-256 is {}, but [sha256] says {}. Fetch it "
+            "again, or "
+            "correct the digest.",
+            key, path, *actual, expected->second);
+    }
   }
 
   void CheckSpeed(const char* key, const std::string& speed) {
@@ -218,7 +255,8 @@ class Checker {
     const bool readable = digits && speed.size() <= kMaxDigits;
     const long long speed_bps = readable ? std::stoll(speed) : 0;
     if (speed_bps < kMinSpeed_bps || speed_bps > kMaxSpeed_bps) {
-      Fault("{} \"{}\": must be a whole number of bit/s, digits only, from {} up, such as 115200.", key,
+      Fault(ErrorCode::PropertyInvalid,
+            "{} \"{}\": must be a whole number of bit/s, digits only, from {} up, such as 115200.", key,
             speed, kMinSpeed_bps);
     }
   }
@@ -226,9 +264,11 @@ class Checker {
   void CheckPort(const char* key, const std::string& port) {
     struct stat status = {};
     if (port.empty()) {
-      Fault("{}: the port name is empty; name the serial device, such as /dev/ttyUSB0.", key);
+      Fault(ErrorCode::PropertyInvalid,
+            "{}: the port name is empty; name the serial device, such as /dev/ttyUSB0.", key);
     } else if (stat(port.c_str(), &status) != 0) {
       Fault(
+          ErrorCode::PortMissing,
           "{}: cannot find the port \"{}\": {}.{} Is the adapter plugged in? 'ls /dev/tty*' lists the ports.",
           key, port, Reason(), HintOnPortName(port));
     } else if (!S_ISCHR(status.st_mode)) {
@@ -259,22 +299,25 @@ class Checker {
     if (error == EBUSY) {
       FaultOfPortInUse(key, port);
     } else if (error == EACCES || error == EPERM) {
-      Fault(
-          "{}: no permission to use the port '{}': {}. It belongs to the group {}: have your user added to "
-          "it "
-          "and log in again.",
-          key, port, reason, GroupName(status.st_gid));
+      Fault(ErrorCode::PortForbidden,
+            "{}: no permission to use the port '{}': {}. It belongs to the group {}: have your user added to "
+            "it "
+            "and log in again.",
+            key, port, reason, GroupName(status.st_gid));
     } else {
-      Fault("{}: cannot open the port '{}': {}. Is the adapter plugged in?", key, port, reason);
+      Fault(ErrorCode::PortUnusable, "{}: cannot open the port '{}': {}. Is the adapter plugged in?", key,
+            port, reason);
     }
   }
 
   void FaultOfNoSerialPort(const char* key, const std::string& port) {
-    Fault("{}: '{}' is no serial port; name the serial device, such as /dev/ttyUSB0.", key, port);
+    Fault(ErrorCode::PortNotSerial,
+          "{}: '{}' is no serial port; name the serial device, such as /dev/ttyUSB0.", key, port);
   }
 
   void FaultOfPortInUse(const char* key, const std::string& port) {
-    Fault("{}: the port '{}' is in use by another program; close that and try again.", key, port);
+    Fault(ErrorCode::PortBusy, "{}: the port '{}' is in use by another program; close that and try again.",
+          key, port);
   }
 
   static const char* HintOnPortName(const std::string& port) {
@@ -284,19 +327,20 @@ class Checker {
 
   void CheckAddress(const char* key, const std::string& address) {
     if (address.empty() || !std::all_of(address.begin(), address.end(), IsLetterOrDigit)) {
-      Fault(
-          "{} \"{}\": must be an address of letters and digits only, as the device reads it: no blanks, no "
-          "semicolons.",
-          key, address);
+      Fault(ErrorCode::PropertyInvalid,
+            "{} \"{}\": must be an address of letters and digits only, as the device reads it: no blanks, no "
+            "semicolons.",
+            key, address);
     }
   }
 
   template <typename... Arguments>
-  void Fault(fmt::format_string<Arguments...> text, Arguments&&... arguments) {
-    iFaults.push_back(fmt::format(text, std::forward<Arguments>(arguments)...));
+  void Fault(ErrorCode code, fmt::format_string<Arguments...> text, Arguments&&... arguments) {
+    iFaults.push_back({code, fmt::format(text, std::forward<Arguments>(arguments)...)});
   }
 
   const PropertyMap& iProperties;
+  const DigestRules& iDigests;
   std::set<std::string> iRequired;
   bool iListFaulty = false;
   Faults iFaults;
@@ -304,8 +348,8 @@ class Checker {
 
 }  // namespace
 
-Faults CheckProperties(const PropertyMap& properties) {
-  return Checker(properties).Check();
+Faults CheckProperties(const PropertyMap& properties, const DigestRules& digests) {
+  return Checker(properties, digests).Check();
 }
 
 }  // namespace host

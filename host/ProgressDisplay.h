@@ -1,33 +1,55 @@
 #pragma once
 
+#include <functional>
 #include <ostream>
 #include <string>
+#include <vector>
 
-#include "UpdateController.h"
+#include "Output.h"
 
 namespace host {
 
-/// Shows an update to people: on a terminal a progress bar that is redrawn in place, elsewhere a line every
-/// 10 %; milestones as lines of their own. One thread. A stream that refuses to be written to is no reason to
-/// stop.
-class ProgressDisplay final : public UpdateListener {
+/// What lines may look like.
+struct Look {
+  bool terminal;                 ///< lines may be redrawn in place
+  bool colour;                   ///< without effect when `terminal` is false
+  std::function<int()> columns;  ///< the terminal's width, which may change
+};
+
+/// Tells people: on a terminal by a progress bar that is redrawn in place, elsewhere by a line every 10 % and
+/// one for each step; milestones as lines of their own, failures on `err`. A stream that refuses to be
+/// written to is no reason to stop.
+class ProgressDisplay final : public Output {
  public:
-  /// `columns` is the terminal's width; without effect when `terminal` is false.
-  ProgressDisplay(std::ostream& out, bool terminal, int columns);
+  /// `devices` are the names of those that are updated, in their order.
+  ProgressDisplay(std::ostream& out, std::ostream& err, Look look, std::vector<std::string> devices);
 
   void OnState(UpdateState state) override;
   void OnProgress(int percent) override;
   void OnMilestone(const std::string& text) override;
+  void OnRetry(int attempt, const Retries& retries) override;
+  void OnStep(const DialogueStep& step) override;
+  void OnTransfer(const Transfer& transfer, const Pace& pace) override;
+  void OnFaults(const Faults& faults) override;
+  void OnWarning(const std::string& text) override;
+  void OnRefusal(ExitCode exitCode) override;
+  void OnResult(const RunResult& result, ExitCode exitCode) override;
 
  private:
   void Line(const std::string& text);
+  void LeaveBar();
   void DrawBar();
+  std::string Device(std::size_t index) const;
+  std::string Status() const;
 
   std::ostream& iOut;
-  const bool iTerminal;
-  const int iBarWidth;
+  std::ostream& iErr;
+  const Look iLook;
+  const std::vector<std::string> iDevices;
   int iPercent = -1;    ///< what the bar shows; below 0 there is no bar
   int iLastTenth = -1;  ///< the last tenth that has a line
+  std::string iStep;
+  std::string iTransfer;
 };
 
 }  // namespace host

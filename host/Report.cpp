@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <cctype>
+
 namespace host {
 
 namespace {
@@ -15,6 +17,8 @@ const char* Headline(const RunResult& result) {
       return result.goal == Goal::Update
                  ? "The update has succeeded."
                  : "The preparation has succeeded: settings, files and port are in order.";
+    case Outcome::NothingToUpdate:
+      return "Nothing to update: the update list is empty.";
     case Outcome::PrepareFailed:
       return "The preparation failed.";
     case Outcome::InstallFailed:
@@ -29,20 +33,31 @@ const char* Headline(const RunResult& result) {
   return "";
 }
 
-std::string Reasons(const std::vector<std::string>& reasons) {
-  if (reasons.empty()) {
-    return "No reason was given; --log-level info shows what happened.\n";
+bool Succeeded(const RunResult& result) {
+  return result.outcome == Outcome::Succeeded || result.outcome == Outcome::NothingToUpdate;
+}
+
+std::string Reasons(const RunResult& result) {
+  if (result.reasons.empty()) {
+    return result.faults.empty() ? "No reason was given; --log-level info shows what happened.\n"
+                                 : "The module itself logs nothing about it.\n";
   }
   std::string text = "Reasons given, oldest first:\n";
-  for (const std::string& reason : reasons) {
+  for (const std::string& reason : result.reasons) {
     text += fmt::format("  - {}\n", reason);
   }
   return text;
 }
 
-const char* Advice(const RunResult& result) {
+std::string Advice(const RunResult& result) {
+  if (result.cause) {
+    std::string advice = Describe(result.cause->code).advice;
+    advice.front() = static_cast<char>(std::toupper(static_cast<unsigned char>(advice.front())));
+    return advice + ".\n";
+  }
   switch (result.outcome) {
     case Outcome::Succeeded:
+    case Outcome::NothingToUpdate:
     case Outcome::Aborted:
       break;
     case Outcome::PrepareFailed:
@@ -62,15 +77,43 @@ const char* DeviceState(const RunResult& result) {
   return result.uploadStarted ? kIncomplete : kUntouched;
 }
 
+ErrorCode CodeOf(Outcome outcome) {
+  switch (outcome) {
+    case Outcome::PrepareFailed:
+      return ErrorCode::PrepareFailed;
+    case Outcome::Aborted:
+      return ErrorCode::Aborted;
+    case Outcome::NoResult:
+      return ErrorCode::NoResult;
+    case Outcome::SourceChanged:
+      return ErrorCode::FileChanged;
+    case Outcome::Succeeded:
+    case Outcome::NothingToUpdate:
+    case Outcome::InstallFailed:
+      break;
+  }
+  return ErrorCode::UpdateFailed;
+}
+
 }  // namespace
+
+std::optional<Cause> CauseOf(const RunResult& result) {
+  if (Succeeded(result) || !result.faults.empty()) {
+    return std::nullopt;
+  }
+  return result.cause ? result.cause : Cause{CodeOf(result.outcome), Headline(result)};
+}
 
 std::string ReportFor(const RunResult& result) {
   std::string text = std::string(Headline(result)) + "\n";
-  if (result.outcome == Outcome::Succeeded) {
+  if (Succeeded(result)) {
     return text;
   }
+  if (result.cause) {
+    text += fmt::format("{} [{}]\n", result.cause->detail, Describe(result.cause->code).name);
+  }
   if (result.outcome != Outcome::Aborted) {
-    text += Reasons(result.reasons);
+    text += Reasons(result);
   }
   text += Advice(result);
   return text + DeviceState(result) + "\n";

@@ -1,8 +1,11 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "Dialogue.h"
+#include "Fault.h"
 #include "UpdateController.h"
 
 namespace host {
@@ -13,7 +16,13 @@ struct RunResult {
   Outcome outcome;
   bool uploadStarted;                ///< the device may have been written to
   std::vector<std::string> reasons;  ///< errors that the module or the platform logged, or the changed files
+  std::optional<Cause> cause = {};   ///< what the log tells of the failure
+  Faults faults = {};                ///< what was found wrong, and told, before the module was asked
 };
+
+/// Why it did not succeed: what the log tells, or what the outcome says by itself. Nothing after a success,
+/// and when the faults have told.
+std::optional<Cause> CauseOf(const RunResult& result);
 
 /// What to tell a person at the end: the outcome, the reasons of a failure, and what to do next. Ends with a
 /// line break.

@@ -24,13 +24,16 @@ std::string Now() {
 }  // namespace
 
 // Errors reach the sink whatever is wanted in the stream: they are the reasons.
-RunLog::RunLog(std::ostream& out, std::optional<logging::TLevel> lowest, MilestoneHandler onMilestone)
+RunLog::RunLog(std::ostream& out, std::optional<logging::TLevel> lowest, MilestoneHandler onMilestone,
+               LineHandler onLine)
     : iOut(out),
       iLowest(lowest),
       iOnMilestone(std::move(onMilestone)),
+      iOnLine(std::move(onLine)),
       iPreviousLevel(logging::LowestLevel()),
       iPrevious(logging::SetSink(this)) {
-  logging::SetLowestLevel(std::min(lowest.value_or(logging::EError), logging::EError));
+  logging::SetLowestLevel(iOnLine ? logging::EInterface
+                                  : std::min(lowest.value_or(logging::EError), logging::EError));
 }
 
 RunLog::~RunLog() {
@@ -42,6 +45,9 @@ void RunLog::Write(const logging::TLine& line) {
   if (iLowest && line.level >= *iLowest) {
     iOut << Now() << " " << logging::Format(line) << std::endl;
     iLinesLost = iLinesLost || !iOut;
+  }
+  if (iOnLine) {
+    iOnLine(line);
   }
   if (line.level == logging::EError) {
     Remember(logging::Printable(line.message));

@@ -18,11 +18,14 @@ namespace host {
 class RunLog final : public logging::ISink {
  public:
   using MilestoneHandler = std::function<void(const std::string&)>;
+  using LineHandler = std::function<void(const logging::TLine&)>;
 
   /// Takes the platform's log, and its lowest level, over until destruction. Lines at `lowest` and above are
   /// written to `out`, with date and time; none without a level. `onMilestone` gets the text of each
-  /// milestone line, on whichever thread logs it, and must not log.
-  RunLog(std::ostream& out, std::optional<logging::TLevel> lowest, MilestoneHandler onMilestone);
+  /// milestone line, on whichever thread logs it, and must not log;
+  /// so does `onLine`, if there is one, with every line of every level.
+  RunLog(std::ostream& out, std::optional<logging::TLevel> lowest, MilestoneHandler onMilestone,
+         LineHandler onLine = nullptr);
   RunLog(const RunLog&) = delete;
   RunLog& operator=(const RunLog&) = delete;
   ~RunLog() override;
@@ -41,6 +44,7 @@ class RunLog final : public logging::ISink {
   std::ostream& iOut;
   const std::optional<logging::TLevel> iLowest;
   const MilestoneHandler iOnMilestone;
+  const LineHandler iOnLine;
   std::mutex iMutex;
   std::deque<std::string> iReasons;
   std::atomic<bool> iLinesLost{false};

@@ -2,8 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <set>
-
 #include "Peripherals.h"
 
 namespace host {
@@ -21,21 +19,6 @@ struct stat StatusOf(const std::string& path) {
 bool IsSame(const struct stat& a, const struct stat& b) {
   return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
          a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
-}
-
-// What no listed peripheral is sent may change as it likes.
-std::set<std::string> FileKeysOf(std::string_view updateList) {
-  std::set<std::string> keys;
-  for (const std::string_view entry : UpdateListEntries(updateList)) {
-    const PeripheralKind* kind = FindPeripheralKind(entry);
-    for (const char* name : kind == nullptr ? std::vector<const char*>() : kind->requiredKeys) {
-      const PropertyKey* key = FindPropertyKey(name);
-      if (key != nullptr && key->kind == ValueKind::File) {
-        keys.insert(name);
-      }
-    }
-  }
-  return keys;
 }
 
 }  // namespace

@@ -13,7 +13,7 @@ namespace host {
 /// replaced while it is sent does not pass for sent.
 class SourceFiles {
  public:
-  /// Looks at the files that the listed peripherals are sent. The properties must have no fault.
+  /// Looks at the files that the listed peripherals are sent.
   explicit SourceFiles(const PropertyMap& properties);
 
   /// Messages for people, one for each file that is not what it was; none when all are.

@@ -22,8 +22,8 @@ TEvent Filter(TFeatureEventId id) {
 
 }  // namespace
 
-// What is not listed changes nothing. While aborting, a success that is already on its way still counts: the
-// device then has the whole image.
+// What is not listed changes nothing. During a pause the module has nothing to abort. While aborting, a
+// success that is already on its way still counts: the device then has the whole image.
 const UpdateController::Transition UpdateController::kTransitions[] = {
     // clang-format off
     {UpdateState::AwaitingAnnouncement, Occurrence::Announced,     UpdateState::Preparing,  &UpdateController::RequestPrepare},
@@ -37,6 +37,9 @@ const UpdateController::Transition UpdateController::kTransitions[] = {
     {UpdateState::Installing,           Occurrence::Progressed,    UpdateState::Installing, &UpdateController::TakeProgress},
     {UpdateState::Installing,           Occurrence::Installed,     UpdateState::Ended,      &UpdateController::Conclude<Outcome::Succeeded>},
     {UpdateState::Installing,           Occurrence::InstallFailed, UpdateState::Ended,      &UpdateController::Conclude<Outcome::InstallFailed>},
+    {UpdateState::Installing,           Occurrence::InstallToBeRetried, UpdateState::Pausing, &UpdateController::PlanRetry},
+    {UpdateState::Pausing,              Occurrence::TimedOut,      UpdateState::Installing, &UpdateController::RequestInstall},
+    {UpdateState::Pausing,              Occurrence::AbortAsked,    UpdateState::Ended,      &UpdateController::Conclude<Outcome::Aborted>},
     {UpdateState::Installing,           Occurrence::AbortAsked,    UpdateState::Aborting,   &UpdateController::RequestAbort},
     {UpdateState::Installing,           Occurrence::TimedOut,      UpdateState::Ended,      &UpdateController::Conclude<Outcome::NoResult>},
     {UpdateState::Aborting,             Occurrence::Installed,     UpdateState::Ended,      &UpdateController::Conclude<Outcome::Succeeded>},
@@ -46,12 +49,13 @@ const UpdateController::Transition UpdateController::kTransitions[] = {
 };
 
 UpdateController::UpdateController(IEventBroker& broker, TFeatureId featureId, Goal goal,
-                                   const TimeLimits& limits, UpdateListener& listener)
+                                   const TimeLimits& limits, UpdateListener& listener, const Retries& retries)
     : iBroker(broker),
       iFeatureId(std::move(featureId)),
       iGoal(goal),
       iLimits(limits),
       iListener(listener),
+      iRetries(retries),
       iDeadline(steady_clock::now() + limits.prepare) {
   for (const TFeatureEventId id : kFeatureEvents) {
     iBroker.Subscribe(Filter(id), *this);
@@ -67,9 +71,10 @@ UpdateController::~UpdateController() {
 Outcome UpdateController::Wait() {
   std::unique_lock<std::mutex> lock(iMutex);
   while (iState != UpdateState::Ended) {
-    // Progress may put the deadline off meanwhile; whether time has run out is decided by the present one.
+    // Progress may put the deadline off meanwhile, and a pause may bring it nearer; whether time has run out
+    // is decided by the present one.
     const steady_clock::time_point deadline = iDeadline;
-    iChanged.wait_until(lock, deadline, [this] { return iState == UpdateState::Ended; });
+    iChanged.wait_until(lock, deadline, [&] { return iState == UpdateState::Ended || iDeadline < deadline; });
     if (steady_clock::now() >= iDeadline) {
       Happened(Occurrence::TimedOut);
     }
@@ -84,25 +89,11 @@ void UpdateController::Follow() {
     if (iNotices.empty()) {
       return;
     }
-    const Notice notice = std::move(iNotices.front());
+    const std::function<void()> tell = std::move(iNotices.front());
     iNotices.pop_front();
     lock.unlock();
-    Tell(notice);
+    tell();
     lock.lock();
-  }
-}
-
-void UpdateController::Tell(const Notice& notice) {
-  switch (notice.kind) {
-    case Notice::Kind::State:
-      iListener.OnState(notice.state);
-      break;
-    case Notice::Kind::Progress:
-      iListener.OnProgress(notice.percent);
-      break;
-    case Notice::Kind::Milestone:
-      iListener.OnMilestone(notice.text);
-      break;
   }
 }
 
@@ -128,9 +119,9 @@ bool UpdateController::UploadStarted() {
   return iUploadStarted || (iInstallRequested && !answered);
 }
 
-void UpdateController::AddMilestone(const std::string& text) {
+void UpdateController::Post(std::function<void()> notice) {
   const std::lock_guard<std::mutex> lock(iMutex);
-  iNotices.push_back({Notice::Kind::Milestone, iState, 0, text});
+  iNotices.push_back(std::move(notice));
   iChanged.notify_all();
 }
 
@@ -161,7 +152,9 @@ UpdateController::Occurrence UpdateController::Classify(const TEvent& event) con
     case EInstallProgress:
       return IsOurs(event, sizeof(TFeatureProgressPayload)) ? Occurrence::Progressed : Occurrence::None;
     case EInstallResult:
-      return ClassifyResult(event, Occurrence::Installed, Occurrence::InstallFailed);
+      return ClassifyResult(
+          event, Occurrence::Installed,
+          iAttempt <= iRetries.count ? Occurrence::InstallToBeRetried : Occurrence::InstallFailed);
     case EAbortResult:
       return ClassifyResult(event, Occurrence::AbortDone, Occurrence::None);
     default:
@@ -199,7 +192,7 @@ void UpdateController::Happened(Occurrence occurrence) {
 void UpdateController::Enter(UpdateState state) {
   if (state != iState) {
     iState = state;
-    iNotices.push_back({Notice::Kind::State, state, 0, {}});
+    iNotices.emplace_back([this, state] { iListener.OnState(state); });
   }
   iDeadline = steady_clock::now() + Limit();
   iChanged.notify_all();
@@ -218,11 +211,17 @@ void UpdateController::RequestAbort() {
   Send(EAbortRequest);
 }
 
+void UpdateController::PlanRetry() {
+  ++iAttempt;
+  iPercent = -1;
+  iNotices.emplace_back([this, attempt = iAttempt] { iListener.OnRetry(attempt, iRetries); });
+}
+
 void UpdateController::TakeProgress() {
   const int percent = std::min(iReported, kMaxPercent);
   if (percent > iPercent) {
     iPercent = percent;
-    iNotices.push_back({Notice::Kind::Progress, iState, percent, {}});
+    iNotices.emplace_back([this, percent] { iListener.OnProgress(percent); });
   }
 }
 
@@ -235,6 +234,8 @@ std::chrono::milliseconds UpdateController::Limit() const {
   switch (iState) {
     case UpdateState::Installing:
       return iLimits.install;
+    case UpdateState::Pausing:
+      return iRetries.pause;
     case UpdateState::Aborting:
       return iLimits.abort;
     case UpdateState::AwaitingAnnouncement:

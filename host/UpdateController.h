@@ -3,6 +3,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -16,11 +17,19 @@ namespace host {
 enum class Goal { Prepare, Update };
 
 /// What the controller is waiting for.
-enum class UpdateState { AwaitingAnnouncement, Preparing, Installing, Aborting, Ended };
+enum class UpdateState { AwaitingAnnouncement, Preparing, Installing, Pausing, Aborting, Ended };
 
-/// How it ended. SourceChanged is no result of the module: it reported success, but a file that was sent
-/// changed meanwhile.
-enum class Outcome { Succeeded, PrepareFailed, InstallFailed, Aborted, NoResult, SourceChanged };
+/// How it ended. Two are no results of the module: with SourceChanged it reported success, but a file that
+/// was sent changed meanwhile; with NothingToUpdate it was not asked.
+enum class Outcome {
+  Succeeded,
+  PrepareFailed,
+  InstallFailed,
+  Aborted,
+  NoResult,
+  SourceChanged,
+  NothingToUpdate
+};
 
 /// How long each state waits without a sign of life from the module: announcement and result while preparing,
 /// progress or result while installing, result while aborting.
@@ -30,15 +39,23 @@ struct TimeLimits {
   std::chrono::milliseconds abort = std::chrono::seconds(10);
 };
 
+/// How often, and after which pause, a failed installation is asked for again.
+struct Retries {
+  int count = 0;
+  std::chrono::milliseconds pause = std::chrono::seconds(3);
+};
+
 /// Who follows an update. Called only from within UpdateController::Follow, on its caller's thread, so that a
 /// terminal that is slow or stopped holds up nobody else.
 class UpdateListener {
  public:
   virtual ~UpdateListener() = default;
   virtual void OnState(UpdateState state) = 0;
-  /// 0 to 100, each value once and never less than before.
+  /// 0 to 100, in one attempt each value once and never less than before.
   virtual void OnProgress(int percent) = 0;
   virtual void OnMilestone(const std::string& text) = 0;
+  /// The attempt of that number, from 2, is made after the pause.
+  virtual void OnRetry(int attempt, const Retries& retries) = 0;
 };
 
 /// The software-update controller for one feature: waits for its announcement, has it prepare and install,
@@ -48,7 +65,7 @@ class UpdateController final : public IEventObserver {
   /// Subscribes; create it before the module, whose announcement it must not miss. Broker and listener must
   /// outlive it.
   UpdateController(IEventBroker& broker, TFeatureId featureId, Goal goal, const TimeLimits& limits,
-                   UpdateListener& listener);
+                   UpdateListener& listener, const Retries& retries = {});
   UpdateController(const UpdateController&) = delete;
   UpdateController& operator=(const UpdateController&) = delete;
   ~UpdateController() override;
@@ -74,8 +91,8 @@ class UpdateController final : public IEventObserver {
   /// the moment that its port is open, or it has not answered the request to install. Any thread.
   bool UploadStarted();
 
-  /// Queues a line of text for the listener. Any thread.
-  void AddMilestone(const std::string& text);
+  /// Queues something to tell the listener. Any thread.
+  void Post(std::function<void()> notice);
 
   void OnEvent(const TEvent& event) override;
 
@@ -89,6 +106,7 @@ class UpdateController final : public IEventObserver {
     Progressed,
     Installed,
     InstallFailed,
+    InstallToBeRetried,
     AbortAsked,
     AbortDone,
     TimedOut
@@ -103,13 +121,6 @@ class UpdateController final : public IEventObserver {
     Action action;
   };
 
-  struct Notice {
-    enum class Kind { State, Progress, Milestone } kind;
-    UpdateState state;
-    int percent;
-    std::string text;
-  };
-
   static const Transition kTransitions[];
 
   Occurrence Classify(const TEvent& event) const;
@@ -121,11 +132,11 @@ class UpdateController final : public IEventObserver {
   void RequestPrepare();
   void RequestInstall();
   void RequestAbort();
+  void PlanRetry();
   void TakeProgress();
   template <Outcome kOutcome>
   void Conclude();
 
-  void Tell(const Notice& notice);
   std::chrono::milliseconds Limit() const;
   void Send(TFeatureEventId request);
 
@@ -134,6 +145,7 @@ class UpdateController final : public IEventObserver {
   const Goal iGoal;
   const TimeLimits iLimits;
   UpdateListener& iListener;
+  const Retries iRetries;
 
   std::mutex iMutex;
   std::condition_variable iChanged;
@@ -144,7 +156,8 @@ class UpdateController final : public IEventObserver {
   bool iUploadStarted = false;
   int iReported = 0;  ///< percent in the progress event at hand
   int iPercent = -1;  ///< highest percent told so far
-  std::deque<Notice> iNotices;
+  int iAttempt = 1;
+  std::deque<std::function<void()>> iNotices;
   bool iFollowingFinished = false;
 };
 

@@ -1,40 +1,30 @@
 #include "UpdateRun.h"
 
 #include <poll.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
-#include <iostream>
 #include <thread>
 
 #include "EventBroker.h"
 #include "FeatureModule.h"
-#include "ProgressDisplay.h"
 #include "Report.h"
 #include "RunLog.h"
 #include "SignalWatch.h"
-#include "SourceFiles.h"
+#include "TransferRate.h"
 
 namespace host {
 
 namespace {
 
 constexpr std::chrono::seconds kStopPatience(2);
-constexpr int kDefaultColumns = 80;
+// More often is of no use to people, and programs need not keep up with a fast line.
+constexpr std::chrono::milliseconds kBetweenTransfers(200);
 
 class NoInterfaces final : public IInterfaceBroker {};
 
-bool IsTerminal() {
-  const char* terminal = std::getenv("TERM");  // NOLINT(concurrency-mt-unsafe): nobody sets variables
-  return isatty(STDOUT_FILENO) != 0 && terminal != nullptr && std::strcmp(terminal, "dumb") != 0;
-}
-
-int Columns() {
-  winsize size = {};
-  const bool known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
-  return known ? size.ws_col : kDefaultColumns;
+ExitCode ExitCodeOf(const RunResult& result) {
+  return result.faults.empty() ? host::ExitCodeOf(result.outcome) : host::ExitCodeOf(result.faults);
 }
 
 [[noreturn]] void ExitAtOnce(ExitCode code) {
@@ -49,7 +39,7 @@ int Columns() {
   if (poll(&room, 1, 0) == 1 && (room.revents & POLLOUT) != 0) {
     (void)!write(STDERR_FILENO, text.data(), text.size());
   }
-  ExitAtOnce(ExitCodeOf(result.outcome));
+  ExitAtOnce(ExitCodeOf(result));
 }
 
 // Serves the display on a thread of its own.
@@ -84,12 +74,71 @@ bool Drive(UpdateController& controller, EventBroker& broker, std::unique_ptr<Fe
   return stopped;
 }
 
+// Thins out what the dialogue tells of bytes, and adds their pace. Called on the thread that logs.
+class TransferFeed {
+ public:
+  TransferFeed(UpdateController& controller, Output& output) : iController(controller), iOutput(output) {}
+
+  void Take(const Transfer& transfer) {
+    const auto now = std::chrono::steady_clock::now();
+    iRate.Add(transfer.bytes, now);
+    if (now - iTold < kBetweenTransfers && transfer.deviceBytes < transfer.deviceTotal) {
+      return;
+    }
+    iTold = now;
+    const Pace pace = {iRate.Rate_Bps(), iRate.TimeFor(transfer.total - transfer.bytes)};
+    iController.Post([&output = iOutput, transfer, pace] { output.OnTransfer(transfer, pace); });
+  }
+
+ private:
+  UpdateController& iController;
+  Output& iOutput;
+  TransferRate iRate;
+  std::chrono::steady_clock::time_point iTold;
+};
+
+// Follows what is logged for as long as it lives.
+class Listening {
+ public:
+  Listening(const UpdateRun& run, UpdateController& controller)
+      : iFeed(controller, run.output),
+        iDialogue(
+            PlanOf(run.properties),
+            [&controller, &output = run.output](const DialogueStep& step) {
+              controller.Post([&output, step] { output.OnStep(step); });
+            },
+            [this](const Transfer& transfer) { iFeed.Take(transfer); }),
+        iLog(
+            run.log, run.logLevel,
+            [&controller, &output = run.output](const std::string& text) {
+              controller.Post([&output, text] { output.OnMilestone(text); });
+            },
+            [this](const logging::TLine& line) { iDialogue.Take(line); }) {
+    run.output.AskWhy([this] { return iDialogue.WhyFailed(); });
+  }
+
+  RunLog& Log() { return iLog; }
+  std::optional<Cause> WhyFailed() { return iDialogue.WhyFailed(); }
+
+ private:
+  TransferFeed iFeed;
+  Dialogue iDialogue;
+  RunLog iLog;
+};
+
 // Before the end this is what leaving it now comes to.
-RunResult Judge(Goal goal, UpdateController& controller, const SourceFiles& files, RunLog& runLog) {
-  RunResult result = {goal, controller.Result().value_or(Outcome::Aborted), controller.UploadStarted(),
-                      runLog.Reasons()};
-  if (goal == Goal::Update && result.outcome == Outcome::Succeeded) {
-    const std::vector<std::string> changes = files.Changes();
+RunResult Judge(const UpdateRun& run, UpdateController& controller, Listening& listening) {
+  RunResult result = {run.goal, controller.Result().value_or(Outcome::Aborted), controller.UploadStarted(),
+                      listening.Log().Reasons()};
+  result.faults = run.faults;
+  if (!run.faults.empty() && result.outcome == Outcome::Succeeded) {
+    result.outcome = Outcome::PrepareFailed;
+  }
+  if (result.outcome == Outcome::InstallFailed) {
+    result.cause = listening.WhyFailed();
+  }
+  if (run.goal == Goal::Update && result.outcome == Outcome::Succeeded) {
+    const std::vector<std::string> changes = run.files.Changes();
     if (!changes.empty()) {
       result.outcome = Outcome::SourceChanged;
       result.reasons = changes;
@@ -98,29 +147,22 @@ RunResult Judge(Goal goal, UpdateController& controller, const SourceFiles& file
   return result;
 }
 
-void Show(const RunResult& result) {
-  (result.outcome == Outcome::Succeeded ? std::cout : std::cerr) << ReportFor(result) << std::flush;
-}
-
 }  // namespace
 
 ExitCode UpdateRun::Execute() const {
-  const SourceFiles files(properties);
   PropertyStore store;
   store.Set(featureId, properties);
   NoInterfaces interfaces;
-  ProgressDisplay display(std::cout, IsTerminal(), Columns());
   EventBroker broker;
-  UpdateController controller(broker, featureId, goal, limits, display);
-  RunLog runLog(log, logLevel, [&controller](const std::string& text) { controller.AddMilestone(text); });
-  const auto result = [&] { return Judge(goal, controller, files, runLog); };
+  UpdateController controller(broker, featureId, goal, limits, output, retries);
+  Listening listening(*this, controller);
+  const auto result = [&] { return Judge(*this, controller, listening); };
 
   std::string fault;
   std::unique_ptr<FeatureModule> module = FeatureModule::Load(library, fault);
   const SignalWatch signals([&controller] { controller.Abort(); }, [&result] { ExitInHaste(result()); });
   if (module == nullptr || !module->Create(featureId, interfaces, broker, store, fault)) {
-    std::cerr << "peripheralctl: " << fault << std::endl;
-    return ExitCode::ModuleNotLoadable;
+    return RefuseModule(fault);
   }
   if (companion != nullptr) {
     companion->OnBegin([&controller] { controller.Abort(); });
@@ -129,18 +171,26 @@ ExitCode UpdateRun::Execute() const {
   const ScopedDelivery delivery(broker);
   const bool stopped = Drive(controller, broker, module);
   const RunResult ended = result();
-  Show(ended);
-  if (runLog.LinesLost() && !logFile.empty()) {
-    std::cerr << "peripheralctl: the log file '" << logFile
-              << "' is incomplete: it could not be written. Is the disk full?" << std::endl;
+  if (listening.Log().LinesLost() && !logFile.empty()) {
+    output.OnWarning("the log file '" + logFile +
+                     "' is incomplete: it could not be written. Is the disk full?");
   }
+  output.OnResult(ended, ExitCodeOf(ended));
   if (companion != nullptr) {
     companion->OnEnd(ended, stopped);
   }
   if (!stopped) {
-    ExitAtOnce(ExitCodeOf(ended.outcome));
+    ExitAtOnce(ExitCodeOf(ended));
   }
-  return ExitCodeOf(ended.outcome);
+  return ExitCodeOf(ended);
+}
+
+// What was found wrong before decides the exit code.
+ExitCode UpdateRun::RefuseModule(const std::string& fault) const {
+  const ExitCode exitCode = faults.empty() ? ExitCode::ModuleNotLoadable : host::ExitCodeOf(faults);
+  output.OnFaults({{ErrorCode::ModuleNotLoadable, fault}});
+  output.OnRefusal(exitCode);
+  return exitCode;
 }
 
 }  // namespace host

@@ -7,7 +7,9 @@
 
 #include "ExitCode.h"
 #include "Logging.h"
+#include "Output.h"
 #include "PropertyStore.h"
+#include "SourceFiles.h"
 #include "UpdateController.h"
 
 namespace host {
@@ -26,27 +28,33 @@ class RunCompanion {
   virtual void OnEnd(const RunResult& result, bool moduleGone) = 0;
 };
 
-/// One run of the module from loading to unloading: everything that peripheralctl does once the configuration
-/// is known to be good.
+/// One run of the module from loading to unloading: everything that peripheralctl does once it knows what
+/// there is to do.
 struct UpdateRun {
   Goal goal;
   TimeLimits limits;
+  Retries retries;
   std::string library;
   std::string featureId;
   PropertyMap properties;
+  const SourceFiles& files;                 ///< as they were before anybody read them
+  Faults faults;                            ///< found and told before; the preparation has failed with any
+  Output& output;                           ///< told what happens
   std::ostream& log;                        ///< where log lines go
   std::string logFile;                      ///< its name, empty when it is standard error
   std::optional<logging::TLevel> logLevel;  ///< nothing: no log lines
   RunCompanion* companion = nullptr;        ///< null for nobody
 
-  /// Loads the module, drives it, shows progress on standard output and failures on standard error. An update
-  /// during which a file that is sent changed has failed. When the module cannot be made to let go of the
-  /// delivery thread the process ends here.
+  /// Loads the module, drives it, tells the output. An update during which a file that is sent changed has
+  /// failed. When the module cannot be made to let go of the delivery thread the process ends here.
   ///
   /// Ctrl-C aborts, a second one ends the process at once. Both, the time limits and the end of the module
   /// work also while an output takes nothing (a full pipe, a stopped terminal); only the return then waits
   /// for it. Log lines are written by whoever logs: a log that takes nothing does hold up the module.
   ExitCode Execute() const;
+
+ private:
+  ExitCode RefuseModule(const std::string& fault) const;
 };
 
 }  // namespace host

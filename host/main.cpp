@@ -1,20 +1,28 @@
 // peripheralctl: updates peripherals from the command line.
 #include <fmt/format.h>
+#include <unistd.h>
 
-#include <cerrno>
+#include <algorithm>
 #include <csignal>
 #include <exception>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
+#include <memory>
+#include <string_view>
 #include <system_error>
 
 #include "CommandLine.h"
 #include "Configuration.h"
 #include "FeatureModule.h"
+#include "JsonOutput.h"
+#include "OutputFile.h"
+#include "Peripherals.h"
 #include "Preflight.h"
+#include "ProgressDisplay.h"
 #include "Replay.h"
 #include "RunRecording.h"
+#include "Terminal.h"
+#include "Trust.h"
 #include "UpdateRun.h"
 
 namespace {
@@ -26,23 +34,46 @@ constexpr const char* kDefaultFeatureId = "peripherals";
 Configuration Gather(const Options& options, Faults& faults) {
   Configuration configuration;
   if (!options.configFile.empty()) {
+    const bool doubtful = geteuid() == 0 && !options.trustConfig;
+    if (const auto why = doubtful ? WhyUntrusted(options.configFile) : std::nullopt) {
+      const std::string text = fmt::format(
+          "{}: root does not follow a configuration that others may change: {}. Mend that, or say "
+          "--trust-config.",
+          options.configFile, *why);
+      faults.push_back({ErrorCode::ConfigUntrusted, text});
+      return configuration;
+    }
     configuration = ReadConfiguration(options.configFile, faults);
   }
   for (const std::string& setting : options.settings) {
     ApplySetting(setting, configuration, faults);
   }
-  // A file that was not understood would only look as if its properties were missing.
-  if (faults.empty()) {
-    faults = CheckProperties(configuration.properties);
-  }
   return configuration;
 }
 
-ExitCode Refuse(const Faults& faults) {
-  for (const std::string& fault : faults) {
-    std::cerr << "peripheralctl: " << fault << "\n";
+std::unique_ptr<Output> MakeOutput(bool json, const PropertyMap& properties) {
+  std::vector<std::string> devices;
+  for (const PlannedDevice& device : PlanOf(properties)) {
+    devices.push_back(device.name);
   }
-  return ExitCode::BadConfiguration;
+  if (json) {
+    return std::make_unique<JsonOutput>(std::cout, devices);
+  }
+  return std::make_unique<ProgressDisplay>(std::cout, std::cerr, LookOfStandardOutput(), devices);
+}
+
+ExitCode Refuse(Output& output, const Faults& faults, ExitCode exitCode) {
+  output.OnFaults(faults);
+  output.OnRefusal(exitCode);
+  return exitCode;
+}
+
+// A file that was not understood would only look as if its properties were missing.
+bool IsUnderstood(const Faults& faults) {
+  return std::none_of(faults.begin(), faults.end(), [](const Fault& fault) {
+    return fault.code == ErrorCode::ConfigUnreadable || fault.code == ErrorCode::ConfigInvalid ||
+           fault.code == ErrorCode::ConfigUntrusted;
+  });
 }
 
 std::string DefaultLibrary() {
@@ -63,18 +94,44 @@ ExitCode ExecuteTrace(const trace::TraceOptions& options) {
                       options.fast);
 }
 
+// What is recorded is complete or said not to be.
 ExitCode ExecuteRecorded(UpdateRun& run, const Options& options) {
   RunRecording recording({options.traceFile, options.reportFile}, run.properties);
   if (const std::string fault = recording.Open(); !fault.empty()) {
-    std::cerr << "peripheralctl: " << fault << "\n";
-    return ExitCode::BadUsage;
+    return Refuse(run.output, {{ErrorCode::BadUsage, fault}}, ExitCode::BadUsage);
   }
   run.companion = &recording;
   const ExitCode result = run.Execute();
   if (const std::string fault = recording.Fault(); !fault.empty()) {
-    std::cerr << "peripheralctl: " << fault << "\n";
+    run.output.OnWarning(fault);
   }
   return result;
+}
+
+// The module is asked to prepare even if faults are known, so that its log can be seen beside them.
+ExitCode Run(const Options& options, const Configuration& configuration, const SourceFiles& files,
+             const Faults& faults, Output& output) {
+  std::unique_ptr<std::ostream> logFile;
+  std::string fault;
+  if (!options.logFile.empty()) {
+    logFile = OpenForAppending(options.logFile, fault);
+    if (logFile == nullptr) {
+      const std::string text = fmt::format(
+          "cannot write the log file '{}': {}. Choose another after --log-file.", options.logFile, fault);
+      return Refuse(output, {{ErrorCode::BadUsage, text}}, ExitCode::BadUsage);
+    }
+  }
+  std::ostream& log = logFile == nullptr ? std::cerr : *logFile;
+  const std::string featureId =
+      options.featureId.value_or(configuration.featureId.value_or(kDefaultFeatureId));
+  UpdateRun run{options.goal,    options.limits,
+                options.retries, Library(options, configuration),
+                featureId,       configuration.properties,
+                files,           faults,
+                output,          log,
+                options.logFile, options.logLevel};
+  const bool isRecorded = !options.traceFile.empty() || !options.reportFile.empty();
+  return isRecorded ? ExecuteRecorded(run, options) : run.Execute();
 }
 
 ExitCode Execute(const Options& options) {
@@ -83,26 +140,32 @@ ExitCode Execute(const Options& options) {
   }
   Faults faults;
   const Configuration configuration = Gather(options, faults);
-  if (!faults.empty()) {
-    return Refuse(faults);
+  const PropertyMap& properties = configuration.properties;
+  const std::unique_ptr<Output> output = MakeOutput(options.json, properties);
+  if (!IsUnderstood(faults)) {
+    return Refuse(*output, faults, ExitCodeOf(faults));
   }
-  std::ofstream logFile;
-  if (!options.logFile.empty()) {
-    logFile.open(options.logFile, std::ios::app);
-    if (!logFile) {
-      std::cerr << fmt::format(
-          "peripheralctl: cannot write the log file '{}': {}. Choose another after --log-file.\n",
-          options.logFile, std::generic_category().message(errno));
-      return ExitCode::BadUsage;
-    }
+  const SourceFiles files(properties);
+  faults = CheckProperties(properties, {configuration.digests, options.requireDigest});
+  if (!faults.empty() && options.goal == Goal::Update) {
+    return Refuse(*output, faults, ExitCodeOf(faults));
   }
-  std::ostream& log = options.logFile.empty() ? std::cerr : logFile;
-  const std::string featureId =
-      options.featureId.value_or(configuration.featureId.value_or(kDefaultFeatureId));
-  UpdateRun run{options.goal,    options.limits,           Library(options, configuration),
-                featureId,       configuration.properties, log,
-                options.logFile, options.logLevel};
-  return options.traceFile.empty() ? run.Execute() : ExecuteRecorded(run, options);
+  if (faults.empty() && properties.at(kUpdateListKey).empty()) {
+    output->OnResult({options.goal, Outcome::NothingToUpdate, false, {}}, ExitCode::Success);
+    return ExitCode::Success;
+  }
+  output->OnFaults(faults);
+  return Run(options, configuration, files, faults, *output);
+}
+
+// A program that reads JSON is also told by JSON that it was not understood.
+void TellBadUsage(int argc, const char* const* argv, int exitCode) {
+  const bool json = std::any_of(argv, argv + argc, [](std::string_view word) { return word == "--json"; });
+  if (json && exitCode == static_cast<int>(ExitCode::BadUsage)) {
+    const auto output = MakeOutput(true, {});
+    Refuse(*output, {{ErrorCode::BadUsage, "the command line was not understood; standard error says why"}},
+           ExitCode::BadUsage);
+  }
 }
 
 }  // namespace
@@ -113,7 +176,11 @@ int main(int argc, char** argv) {
   try {
     int exitCode = 0;
     const std::optional<Options> options = ParseCommandLine(argc, argv, std::cout, std::cerr, exitCode);
-    return options ? static_cast<int>(Execute(*options)) : exitCode;
+    if (options) {
+      return static_cast<int>(Execute(*options));
+    }
+    TellBadUsage(argc, argv, exitCode);
+    return exitCode;
   } catch (const std::exception& error) {
     std::cerr << "peripheralctl: internal error: " << error.what() << std::endl;
     return static_cast<int>(ExitCode::Internal);

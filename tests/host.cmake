@@ -14,8 +14,12 @@ peripheral_test(host_tests LABEL unit TIMEOUT 120
   SOURCES
     unit/host/CommandLineTest.cpp
     unit/host/ConfigurationTest.cpp
+    unit/host/DialogueTest.cpp
+    unit/host/DigestTest.cpp
     unit/host/EventBrokerTest.cpp
     unit/host/FeatureModuleTest.cpp
+    unit/host/JsonOutputTest.cpp
+    unit/host/OutputFileTest.cpp
     unit/host/PeripheralctlTest.cpp
     unit/host/PreflightTest.cpp
     unit/host/ProgressDisplayTest.cpp
@@ -23,6 +27,8 @@ peripheral_test(host_tests LABEL unit TIMEOUT 120
     unit/host/ReportTest.cpp
     unit/host/RunLogTest.cpp
     unit/host/SourceFilesTest.cpp
+    unit/host/TransferRateTest.cpp
+    unit/host/TrustTest.cpp
     unit/host/UpdateControllerTest.cpp
     unit/host/trace/DialogueTest.cpp
     unit/host/trace/RecordTest.cpp
@@ -31,4 +37,5 @@ peripheral_test(host_tests LABEL unit TIMEOUT 120
 test_starts(host_tests PERIPHERALCTL peripheralctl)
 add_dependencies(host_tests FakeModule WrongTypeModule NoTypeModule NoCreateModule)
 target_compile_definitions(host_tests PRIVATE
+  DOCUMENTS="${PROJECT_SOURCE_DIR}/docs"
   FAKE_MODULES="${CMAKE_BINARY_DIR}/fakes/")

@@ -46,12 +46,16 @@ std::string TextOf(const host::Configuration& configuration) {
   for (const auto& [key, value] : configuration.properties) {
     text += key + " = " + Quoted(value) + "\n";
   }
+  text += "[sha256]\n";
+  for (const auto& [key, value] : configuration.digests) {
+    text += key + " = " + Quoted(value) + "\n";
+  }
   return text;
 }
 
 void CheckRead(const host::Configuration& configuration, const host::Faults& faults) {
-  for (const std::string& fault : faults) {
-    Promise(fault.rfind(std::string(kFile) + ":", 0) == 0, "a fault does not name its place");
+  for (const host::Fault& fault : faults) {
+    Promise(fault.text.rfind(std::string(kFile) + ":", 0) == 0, "a fault does not name its place");
   }
   for (const auto& [key, value] : configuration.properties) {
     Promise(host::FindPropertyKey(key) != nullptr, "a property that no module has");
@@ -63,7 +67,8 @@ void CheckRead(const host::Configuration& configuration, const host::Faults& fau
 void CheckRoundTrip(const host::Configuration& configuration) {
   host::Faults faults;
   const host::Configuration again = host::ParseConfiguration(TextOf(configuration), kFile, faults);
-  Promise(faults.empty(), "what was read cannot be read again: " + (faults.empty() ? "" : faults.front()));
+  Promise(faults.empty(),
+          "what was read cannot be read again: " + (faults.empty() ? "" : faults.front().text));
   Promise(again == configuration, "what was read is something else when it is read again");
 }
 

@@ -153,6 +153,7 @@ TEST_F(Update, PreparationAloneSendsNothing) {
 struct Refusal {
   const char* name;
   Arguments simulator;
+  const char* told;  ///< the failure's code and, before it, where it happened
 };
 
 class UpdateOfAFaultyDevice : public Update, public testing::WithParamInterface<Refusal> {};
@@ -163,19 +164,41 @@ TEST_P(UpdateOfAFaultyDevice, FailsAndSucceedsWhenRepeated) {
   arguments.insert(arguments.end(), {"--baud", "0"});
   Plug(arguments);
   EXPECT_EQ(Run(), kUpdateFailed) << iOutput;
-  EXPECT_THAT(iOutput, AllOf(HasSubstr("The update failed."), HasSubstr("run the update again")));
+  EXPECT_THAT(iOutput, AllOf(HasSubstr("The update failed."), HasSubstr("run the update again"),
+                             testing::ContainsRegex(GetParam().told)));
   EXPECT_EQ(Run(), kSuccess) << iOutput;
   Unplug();
   EXPECT_TRUE(DeviceHoldsBoth());
 }
 
 const Refusal kRefusals[] = {
-    {"RefusingTheLoader", {"--refuse", "wr:1"}}, {"RefusingTheStart", {"--refuse", "gt"}},
-    {"RefusingTheImage", {"--refuse", "wr:2"}},  {"RefusingTheCheck", {"--refuse", "ck"}},
-    {"WithAWrongBit", {"--corrupt-flash"}},      {"Cancelling", {"--cancel-after", "20000"}}};
+    {"RefusingTheLoader", {"--refuse", "wr:1"}, "wr 1000, loader.bin: .*\"001\" .command-refused."},
+    {"RefusingTheStart", {"--refuse", "gt"}, "gt 1000: .*\"001\" .command-refused."},
+    {"RefusingTheImage", {"--refuse", "wr:2"}, "wr 8000, firmware.bin: .*\"001\" .command-refused."},
+    {"RefusingTheCheck", {"--refuse", "ck"}, "ck 8000: .*\"001\" .command-refused."},
+    {"WithAWrongBit", {"--corrupt-flash"}, "ck 8000: .*command-refused."},
+    {"Cancelling", {"--cancel-after", "20000"}, "wr 8000, firmware.bin: .*transfer-cancelled."}};
 
 INSTANTIATE_TEST_SUITE_P(Devices, UpdateOfAFaultyDevice, testing::ValuesIn(kRefusals),
                          [](const auto& device) { return std::string(device.param.name); });
+
+TEST_F(Update, ThatFailsSucceedsWithARetry) {
+  Plug({"--baud", "0", "--refuse", "ck"});
+  EXPECT_EQ(Run({"--retries", "1", "--retry-pause", "0"}), kSuccess) << iOutput;
+  EXPECT_THAT(iOutput, HasSubstr("ck 8000: the device answered \"001\"); attempt 2 of 2 begins in 0 s."));
+  Unplug();
+  EXPECT_TRUE(DeviceHoldsBoth());
+}
+
+TEST_F(Update, TellsProgramsEveryByteOfEveryFile) {
+  Plug({"--baud", "0", "--once"});
+  EXPECT_EQ(Run({"--json"}), kSuccess) << iOutput;
+  EXPECT_THAT(iOutput, HasSubstr("\"step\":\"wr 8000, firmware.bin\""));
+  EXPECT_THAT(iOutput,
+              HasSubstr("\"device_bytes\":53000,\"device_total\":53000,\"bytes\":53000,\"total\":53000"));
+  EXPECT_THAT(iOutput, HasSubstr("\"outcome\":\"succeeded\",\"exit_code\":0"));
+  EXPECT_EQ(iOutput.rfind("{\"event\":\"result\""), iOutput.rfind("\n{") + 1);
+}
 
 TEST_F(Update, OfADeviceThatRejectsBlocksStillSucceeds) {
   Plug({"--baud", "0", "--nak-every", "5", "--nak-eot", "--checksum", "--once"});
@@ -187,7 +210,7 @@ TEST_F(Update, OfADeviceThatRejectsBlocksStillSucceeds) {
 TEST_F(Update, FailsAtOnceWhenTheDeviceIsUnplugged) {
   Plug({"--baud", "0", "--unplug-after", "20000"});
   EXPECT_EQ(Run(), kUpdateFailed) << iOutput;
-  EXPECT_THAT(iOutput, HasSubstr(iFolder.Path("port")));
+  EXPECT_THAT(iOutput, AllOf(HasSubstr(iFolder.Path("port")), HasSubstr("[port-lost]")));
 }
 
 // The worker is still waiting for the device when the program ends, which is where the engine keeps a buffer
@@ -197,6 +220,7 @@ TEST_F(Update, OfASilentDeviceEndsWithTheStall) {
   const auto process = Start({}, "update", {"ASAN_OPTIONS=detect_leaks=0"});
   EXPECT_EQ(process->WaitForEnd(80'000), kUpdateFailed) << process->Output();
   EXPECT_THAT(process->Output(), HasSubstr("Timeout in polling for status in XModemSwl"));
+  EXPECT_THAT(process->Output(), HasSubstr("[stalled]"));
 }
 
 TEST_F(Update, AbortedByCtrlCSaysSoAndCanBeRunAgain) {

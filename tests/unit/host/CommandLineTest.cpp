@@ -42,14 +42,19 @@ TEST_F(CommandLine, TheShortestOneHasTheDefaults) {
   EXPECT_EQ(options->limits.prepare, 30s);
   EXPECT_EQ(options->limits.install, 90s);
   EXPECT_EQ(options->limits.abort, 10s);
+  EXPECT_FALSE(options->requireDigest);
+  EXPECT_FALSE(options->trustConfig);
+  EXPECT_FALSE(options->json);
+  EXPECT_EQ(options->retries.count, 0);
+  EXPECT_EQ(options->retries.pause, 3s);
   EXPECT_EQ(options->library, std::nullopt);
   EXPECT_EQ(options->featureId, std::nullopt);
 }
 
 TEST_F(CommandLine, EveryOptionArrives) {
-  const auto options =
-      Parse({"prepare", "--config", "c", "--set", "a=1", "--set=b=2 3,4", "--log-level", "error",
-             "--log-file", "l", "--timeout", "5", "--module", "m.so", "--feature-id", "id"});
+  const auto options = Parse({"prepare", "--config", "c", "--set", "a=1", "--set=b=2 3,4", "--log-level",
+                              "error", "--log-file", "l", "--timeout", "5", "--require-digest",
+                              "--trust-config", "--module", "m.so", "--feature-id", "id"});
   ASSERT_TRUE(options) << iErr.str();
   EXPECT_EQ(options->goal, Goal::Prepare);
   EXPECT_THAT(options->settings, ElementsAre("a=1", "b=2 3,4"));
@@ -58,8 +63,18 @@ TEST_F(CommandLine, EveryOptionArrives) {
   EXPECT_EQ(options->limits.prepare, 5s);
   EXPECT_EQ(options->limits.install, 5s);
   EXPECT_EQ(options->limits.abort, 5s);
+  EXPECT_TRUE(options->requireDigest);
+  EXPECT_TRUE(options->trustConfig);
   EXPECT_EQ(options->library, "m.so");
   EXPECT_EQ(options->featureId, "id");
+}
+
+TEST_F(CommandLine, AnUpdateMayBeRetriedAndTellPrograms) {
+  const auto options = Parse({"update", "--config", "c", "--retries", "2", "--retry-pause", "7", "--json"});
+  ASSERT_TRUE(options) << iErr.str();
+  EXPECT_EQ(options->retries.count, 2);
+  EXPECT_EQ(options->retries.pause, 7s);
+  EXPECT_TRUE(options->json);
 }
 
 TEST_F(CommandLine, LogLevels) {
@@ -97,6 +112,8 @@ TEST_F(CommandLine, AWrongOneIsRefusedWithAHint) {
       {{"update", "prepare", "--config", "c"}, ""},
       {{"update", "--config", "c", "--log-level", "loud"}, "--log-level"},
       {{"update", "--config", "c", "--timeout", "0"}, "--timeout"},
+      {{"update", "--config", "c", "--retries", "-1"}, "--retries"},
+      {{"prepare", "--config", "c", "--retries", "1"}, "--retries"},
       {{"update", "--config", "c", "--timeout", "soon"}, "--timeout"},
   };
   for (const auto& [arguments, named] : wrong) {

@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 
 #include "TemporaryFolder.h"
+#include "Texts.h"
 
 namespace {
 
@@ -25,7 +26,7 @@ constexpr const char* kPath = "/etc/swl/can.toml";
 Configuration ParseGood(const std::string& text) {
   Faults faults;
   const Configuration configuration = ParseConfiguration(text, kPath, faults);
-  EXPECT_THAT(faults, IsEmpty());
+  EXPECT_THAT(Texts(faults), IsEmpty());
   return configuration;
 }
 
@@ -50,7 +51,8 @@ TEST(Configuration, HoldsEveryPropertyAndTheModule) {
                                 {"xmodemspeed", "9600"},
                                 {"xmodemportname", "/dev/ttyS0"},
                                 {"xmodemramaddress", "1000"},
-                                {"xmodemflashaddress", "0x2000"}}};
+                                {"xmodemflashaddress", "0x2000"}},
+                               {}};
   EXPECT_EQ(configuration, expected);
 }
 
@@ -83,6 +85,13 @@ TEST(Configuration, RelativePathsStartAtTheFilesFolder) {
   EXPECT_EQ(configuration.properties["xmodemportname"], "port");
 }
 
+TEST(Configuration, ADigestMayHaveLettersOfBothCases) {
+  const std::string digits(32, 'a');
+  const std::string capitals(32, 'F');
+  EXPECT_EQ(ParseGood("[sha256]\nxmodemsource-image = \"" + digits + capitals + "\"\n").digests,
+            (host::DigestMap{{"xmodemsource-image", digits + std::string(32, 'f')}}));
+}
+
 TEST(Configuration, AnEmptyPathStaysEmpty) {
   EXPECT_EQ(ParseGood("[properties]\nxmodemsource-image = \"\"\n").properties["xmodemsource-image"], "");
 }
@@ -98,11 +107,19 @@ class ConfigurationMistake : public testing::TestWithParam<Mistake> {};
 TEST_P(ConfigurationMistake, IsNamedWithItsPlaceAndItsCure) {
   Faults faults;
   ParseConfiguration(GetParam().text, kPath, faults);
-  EXPECT_THAT(faults, ElementsAre(AllOf(StartsWith(std::string(kPath) + GetParam().place),
-                                        HasSubstr(GetParam().message))));
+  EXPECT_THAT(Texts(faults), ElementsAre(AllOf(StartsWith(std::string(kPath) + GetParam().place),
+                                               HasSubstr(GetParam().message))));
 }
 
 const Mistake kMistakes[] = {
+    {"[sha256]\nxmodemsource-image = \"abc\"\n",
+     ":2:22: ", "'xmodemsource-image' must be the 64 hexadecimal digits that sha256sum prints."},
+    {"[sha256]\nxmodemsource-image = \"zz34567890123456789012345678901234567890123456789012345678901234\"\n",
+     ":2:22: ", "must be the 64 hexadecimal digits"},
+    {"[sha256]\nxmodemsource-image = 1\n", ":2:22: ", "must be text in quotes"},
+    {"[sha256]\nxmodemspeed = \"\"\n", ":2:15: ",
+     "unknown key 'xmodemspeed'; did you mean 'xmodemsource-image'? Known here: xmodemsource-image, "
+     "xmodemsource-loader."},
     {"a = ", ":1:", "not valid TOML"},
     {"[%x]", ":1:2: ", "not valid TOML"},
     {"[a]\n[[%]]", ":2:3: ", "not valid TOML"},
@@ -138,7 +155,8 @@ TEST(Configuration, AllMistakesAreNamedAtOnceAndTheRestIsRead) {
   Faults faults;
   Configuration configuration =
       ParseConfiguration("[properties]\na = 1\nxmodemspeed = 75\nb = 2\n", kPath, faults);
-  EXPECT_THAT(faults, ElementsAre(HasSubstr(":2:5: unknown key 'a'"), HasSubstr(":4:5: unknown key 'b'")));
+  EXPECT_THAT(Texts(faults),
+              ElementsAre(HasSubstr(":2:5: unknown key 'a'"), HasSubstr(":4:5: unknown key 'b'")));
   EXPECT_EQ(configuration.properties, PropertyMap({{"xmodemspeed", "75"}}));
 }
 
@@ -147,22 +165,24 @@ TEST(Configuration, IsReadFromAFile) {
   Faults faults;
   Configuration configuration =
       host::ReadConfiguration(folder.File("c.toml", "[properties]\nxmodemsource-image = \"i\"\n"), faults);
-  EXPECT_THAT(faults, IsEmpty());
+  EXPECT_THAT(Texts(faults), IsEmpty());
   EXPECT_EQ(configuration.properties["xmodemsource-image"], folder.Path("i"));
 }
 
 TEST(Configuration, AMissingFileIsNamed) {
   Faults faults;
   host::ReadConfiguration("/nowhere/c.toml", faults);
-  EXPECT_THAT(faults, ElementsAre("/nowhere/c.toml: cannot read the configuration file: No such file or "
-                                  "directory. Check the name after --config."));
+  EXPECT_THAT(Texts(faults),
+              ElementsAre("/nowhere/c.toml: cannot read the configuration file: No such file or "
+                          "directory. Check the name after --config."));
 }
 
 TEST(Configuration, AFileWithoutAnEndIsRefused) {
   Faults faults;
   host::ReadConfiguration("/dev/zero", faults);
-  EXPECT_THAT(faults, ElementsAre("/dev/zero: more than 1024 KiB are no configuration. Check the name after "
-                                  "--config."));
+  EXPECT_THAT(Texts(faults),
+              ElementsAre("/dev/zero: more than 1024 KiB are no configuration. Check the name after "
+                          "--config."));
 }
 
 TEST(Configuration, OneMebibyteIsReadAndAByteMoreIsRefused) {
@@ -170,23 +190,24 @@ TEST(Configuration, OneMebibyteIsReadAndAByteMoreIsRefused) {
   const std::string comment = "#" + std::string(1024 * 1024 - 1, ' ');
   Faults faults;
   host::ReadConfiguration(folder.File("largest.toml", comment), faults);
-  EXPECT_THAT(faults, IsEmpty());
+  EXPECT_THAT(Texts(faults), IsEmpty());
   host::ReadConfiguration(folder.File("larger.toml", comment + " "), faults);
-  EXPECT_THAT(faults, ElementsAre(HasSubstr("larger.toml: more than 1024 KiB")));
+  EXPECT_THAT(Texts(faults), ElementsAre(HasSubstr("larger.toml: more than 1024 KiB")));
 }
 
 // Opens well, but holds nothing at its beginning that could be read.
 TEST(Configuration, AFileThatCannotBeReadIsNotTakenForAnEmptyOne) {
   Faults faults;
   host::ReadConfiguration("/proc/self/mem", faults);
-  EXPECT_THAT(faults, ElementsAre("/proc/self/mem: cannot read the configuration file: Input/output error. "
-                                  "Check the name after --config."));
+  EXPECT_THAT(Texts(faults),
+              ElementsAre("/proc/self/mem: cannot read the configuration file: Input/output error. "
+                          "Check the name after --config."));
 }
 
 TEST(Configuration, AFolderIsNoConfigurationFile) {
   Faults faults;
   host::ReadConfiguration("/tmp", faults);
-  EXPECT_THAT(faults, ElementsAre("/tmp: this is a folder; name the configuration file in it."));
+  EXPECT_THAT(Texts(faults), ElementsAre("/tmp: this is a folder; name the configuration file in it."));
 }
 
 TEST(Setting, OverridesTheFileAndKeepsItsPathAsItIs) {
@@ -195,7 +216,7 @@ TEST(Setting, OverridesTheFileAndKeepsItsPathAsItIs) {
   ApplySetting("xmodemsource-image=other", configuration, faults);
   ApplySetting("xmodemportname=/dev/a=b", configuration, faults);
   ApplySetting("xmodemspeed=", configuration, faults);
-  EXPECT_THAT(faults, IsEmpty());
+  EXPECT_THAT(Texts(faults), IsEmpty());
   EXPECT_EQ(configuration.properties["xmodemsource-image"], "other");
   EXPECT_EQ(configuration.properties["xmodemportname"], "/dev/a=b");
   EXPECT_EQ(configuration.properties["xmodemspeed"], "");
@@ -208,7 +229,7 @@ TEST(Setting, MistakesAreNamed) {
   ApplySetting("=1", configuration, faults);
   ApplySetting("xmodemport=1", configuration, faults);
   EXPECT_THAT(
-      faults,
+      Texts(faults),
       ElementsAre("--set xmodemspeed: the '=' is missing; write --set key=value.",
                   HasSubstr("--set =1: unknown key ''"),
                   HasSubstr("--set xmodemport=1: unknown key 'xmodemport'; did you mean 'xmodemportname'?")));

@@ -13,6 +13,7 @@
 #include <sstream>
 #include <thread>
 
+#include "JsonSchema.h"
 #include "PseudoTerminal.h"
 #include "TemporaryFolder.h"
 
@@ -61,6 +62,7 @@ class Process {
     iPid = fork();
     if (iPid == 0) {
       setenv("TERM", "xterm", 1);
+      setenv("NO_COLOR", "1", 1);
       // Whoever runs the tests may ignore it, which the program would then do too.
       std::signal(SIGHUP, SIG_DFL);
       dup2(out, STDOUT_FILENO);
@@ -234,7 +236,7 @@ TEST_F(Peripheralctl, AnUpdateThatCannotStartSaysThatNothingWasSent) {
 
 TEST_F(Peripheralctl, AFileThatChangesDuringTheUpdateMakesItFail) {
   Process process(Command("update", "file-changes"), ErrorFile());
-  EXPECT_EQ(process.Wait(), 6);
+  EXPECT_EQ(process.Wait(), 9);
   EXPECT_THAT(process.Out(), Not(HasSubstr("The update has succeeded.")));
   EXPECT_THAT(process.Err(), AllOf(HasSubstr("xmodemsource-image: the file '" + iFolder.Path("image") + "'"),
                                    HasSubstr("Wait until the file is finished, then update with it.")));
@@ -374,6 +376,13 @@ TEST_F(Peripheralctl, ABadConfigurationIsRefused) {
   EXPECT_THAT(faulty.Err(), AllOf(HasSubstr("peripheralctl: xmodemspeed \"1\""), HasSubstr("\"/dev/nope\"")));
 }
 
+TEST_F(Peripheralctl, AFileWithoutADigestIsRefusedWhenOneIsRequired) {
+  Process process(Command("update", "succeeds", {"--require-digest"}), ErrorFile());
+  EXPECT_EQ(process.Wait(), 10);
+  EXPECT_THAT(process.Err(), HasSubstr("has no digest"));
+  EXPECT_EQ(process.Out(), "");
+}
+
 TEST_F(Peripheralctl, AModuleThatIsNoneIsRefused) {
   Process missing(Command("update", "succeeds", {"--module", "/nowhere/m.so"}), ErrorFile());
   EXPECT_EQ(missing.Wait(), 4);
@@ -385,6 +394,89 @@ TEST_F(Peripheralctl, AModuleThatIsNoneIsRefused) {
 TEST_F(Peripheralctl, HelpAndVersionAreSuccesses) {
   EXPECT_EQ(Process({"--help"}, ErrorFile()).Wait(), 0);
   EXPECT_EQ(Process({"--version"}, ErrorFile()).Wait(), 0);
+}
+
+TEST_F(Peripheralctl, AnEmptyListIsASuccessThatSaysSo) {
+  for (const char* command : {"update", "prepare"}) {
+    Process process(Command(command, "never-announces", {"--set", "updatelist="}), ErrorFile());
+    EXPECT_EQ(process.Wait(), 0);
+    EXPECT_EQ(process.Out(), "Nothing to update: the update list is empty.\n");
+  }
+}
+
+TEST_F(Peripheralctl, APreparationShowsEveryFaultAndBesidesWhatTheModuleLogs) {
+  Process process(
+      Command("prepare", "prepare-fails", {"--set", "xmodemspeed=1", "--set", "xmodemportname=/dev/nope"}),
+      ErrorFile());
+  EXPECT_EQ(process.Wait(), 3);
+  EXPECT_THAT(process.Err(),
+              AllOf(HasSubstr("peripheralctl: xmodemspeed \"1\""), HasSubstr("\"/dev/nope\""),
+                    HasSubstr("Reasons given, oldest first:\n"
+                              "  - Cannot use serial port /dev/fake: another program holds it\n")));
+}
+
+TEST_F(Peripheralctl, APreparationFailsWhateverTheModuleSays) {
+  Process process(Command("prepare", "succeeds", {"--require-digest"}), ErrorFile());
+  EXPECT_EQ(process.Wait(), 10);
+  EXPECT_THAT(process.Err(),
+              HasSubstr("The preparation failed.\nThe module itself logs nothing about it.\n"));
+  EXPECT_THAT(process.Out(), Not(HasSubstr("succeeded")));
+}
+
+TEST_F(Peripheralctl, AFailedUpdateIsTriedAgain) {
+  Process process(Command("update", "fails-once", {"--retries", "1", "--retry-pause", "0"}), ErrorFile());
+  EXPECT_EQ(process.Wait(), 0) << process.Err();
+  EXPECT_THAT(process.Out(),
+              HasSubstr("Progress: 60 %\nThe attempt failed; attempt 2 of 2 begins in 0 s.\n"));
+  EXPECT_THAT(process.Out(), EndsWith("The update has succeeded.\n"));
+  Process once(Command("update", "fails-once"), ErrorFile());
+  EXPECT_EQ(once.Wait(), 6);
+}
+
+TEST_F(Peripheralctl, ProgramsGetObjectsAndNothingElse) {
+  const JsonSchema schema(nlohmann::json::parse(std::ifstream(DOCUMENTS "/peripheralctl.schema.json")));
+  const std::pair<std::vector<std::string>, int> runs[] = {
+      {Command("update", "succeeds", {"--json"}), 0},
+      {Command("prepare", "succeeds", {"--json"}), 0},
+      {Command("update", "install-fails", {"--json"}), 6},
+      {Command("update", "fails-once", {"--json", "--retries", "1", "--retry-pause", "0"}), 0},
+      {Command("update", "succeeds", {"--json", "--set", "xmodemspeed=x"}), 3},
+      {Command("prepare", "prepare-fails", {"--json", "--set", "xmodemspeed=x"}), 3},
+      {Command("update", "succeeds", {"--json", "--set", "updatelist="}), 0},
+      {Command("update", "succeeds", {"--json", "--module", "/nowhere"}), 4},
+      {Command("update", "succeeds", {"--json", "--log-file", "/nowhere/log"}), 2},
+      {Command("update", "succeeds", {"--json", "--bogus"}), 2},
+      {{"update", "--json", "--config", "/nowhere"}, 3},
+  };
+  for (const auto& [arguments, exitCode] : runs) {
+    Process process(arguments, ErrorFile());
+    EXPECT_EQ(process.Wait(), exitCode) << process.Out();
+    std::istringstream lines(process.Out());
+    nlohmann::json last;
+    for (std::string line; std::getline(lines, line);) {
+      last = nlohmann::json::parse(line);
+      EXPECT_TRUE(schema.Admits(last)) << line;
+    }
+    EXPECT_EQ(last.value("event", ""), "result");
+    EXPECT_EQ(last.value("exit_code", -1), exitCode);
+  }
+}
+
+TEST_F(Peripheralctl, RootFollowsNoConfigurationThatOthersMayChangeUnlessToldSo) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "the rule is for root";
+  }
+  const std::vector<std::string> arguments = Command("prepare", "succeeds");
+  std::filesystem::permissions(iFolder.Path("config.toml"), std::filesystem::perms::others_write,
+                               std::filesystem::perm_options::add);
+  Process refused(arguments, ErrorFile());
+  EXPECT_EQ(refused.Wait(), 11);
+  EXPECT_THAT(refused.Err(),
+              AllOf(HasSubstr("others than root may write '" + iFolder.Path("config.toml") + "'"),
+                    HasSubstr("--trust-config")));
+  std::vector<std::string> trusting = arguments;
+  trusting.emplace_back("--trust-config");
+  EXPECT_EQ(Process(trusting, ErrorFile()).Wait(), 0);
 }
 
 }  // namespace

@@ -15,16 +15,20 @@
 
 #include "PseudoTerminal.h"
 #include "TemporaryFolder.h"
+#include "Texts.h"
 
 namespace {
 
-using host::CheckProperties;
 using host::PropertyMap;
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
+
+std::vector<std::string> CheckedTexts(const PropertyMap& properties, const host::DigestRules& digests = {}) {
+  return Texts(host::CheckProperties(properties, digests));
+}
 
 class Preflight : public testing::Test {
  protected:
@@ -50,7 +54,7 @@ class Preflight : public testing::Test {
 };
 
 TEST_F(Preflight, GoodPropertiesHaveNoFault) {
-  EXPECT_THAT(CheckProperties(iGood), IsEmpty());
+  EXPECT_THAT(CheckedTexts(iGood), IsEmpty());
 }
 
 TEST_F(Preflight, GoodVariantsHaveNoFault) {
@@ -58,23 +62,27 @@ TEST_F(Preflight, GoodVariantsHaveNoFault) {
                                               {"xmodemspeed", "75"},
                                               {"xmodemramaddress", "Zz9"},
                                               {"xmodemflashaddress", "1000h"}}) {
-    EXPECT_THAT(CheckProperties(With(key, value)), IsEmpty()) << key << " = " << value;
+    EXPECT_THAT(CheckedTexts(With(key, value)), IsEmpty()) << key << " = " << value;
   }
+}
+
+TEST_F(Preflight, AnEmptyListNeedsNothing) {
+  EXPECT_THAT(CheckedTexts({{"updatelist", ""}}), IsEmpty());
 }
 
 TEST_F(Preflight, ALargeImageIsFine) {
   std::filesystem::resize_file(iGood["xmodemsource-image"], 17u << 20);
-  EXPECT_THAT(CheckProperties(iGood), IsEmpty());
+  EXPECT_THAT(CheckedTexts(iGood), IsEmpty());
 }
 
 TEST_F(Preflight, TheLargestFileIsTheOneWhoseSizeHas31Bits) {
   for (const char* key : {"xmodemsource-image", "xmodemsource-loader"}) {
     const std::string path = iGood[key];
     std::filesystem::resize_file(path, 2147483647u);
-    EXPECT_THAT(CheckProperties(iGood), IsEmpty());
+    EXPECT_THAT(CheckedTexts(iGood), IsEmpty());
     std::filesystem::resize_file(path, 2147483648u);
     EXPECT_THAT(
-        CheckProperties(iGood),
+        CheckedTexts(iGood),
         ElementsAre(key + std::string(": the file '") + path +
                     "' is too large: 2147483648 bytes; at most 2147483647 can be sent. Is it the right "
                     "file?"));
@@ -88,7 +96,7 @@ TEST_F(Preflight, ASanyoDeviceNeedsThreeKeysOnlyAndTheOthersMayBeAnything) {
                                   {"xmodemsource-loader", "/nowhere"},
                                   {"xmodemspeed", "115200"},
                                   {"xmodemportname", iPort.Name()}};
-  EXPECT_THAT(CheckProperties(properties), IsEmpty());
+  EXPECT_THAT(CheckedTexts(properties), IsEmpty());
 }
 
 struct Fault {
@@ -103,8 +111,8 @@ constexpr Fault kFaults[] = {
      "(Sanyo "
      "device)."},
     {"updatelist", "XMODEM", "unknown peripheral \"XMODEM\""},
-    {"updatelist", "",
-     "updatelist \"\": entries must be neither empty nor have blanks around them; write \"xmodem\"."},
+    {"updatelist", ";",
+     "updatelist \";\": entries must be neither empty nor have blanks around them; write \"xmodem\"."},
     {"updatelist", " xmodem", "write \"xmodem\"."},
     {"updatelist", "xmodem ;sanyoxmodem", "write \"xmodem;sanyoxmodem\"."},
     {"updatelist", "xmodem;;xmodem", "updatelist \"xmodem;;xmodem\": entries must be neither empty"},
@@ -154,7 +162,7 @@ TEST_F(Preflight, EachFaultIsNamedWithItsCure) {
     return text;
   };
   for (const Fault& fault : kFaults) {
-    EXPECT_THAT(CheckProperties(With(fault.key, expand(fault.value))),
+    EXPECT_THAT(CheckedTexts(With(fault.key, expand(fault.value))),
                 ElementsAre(AllOf(HasSubstr(expand(fault.message)), HasSubstr(fault.key))))
         << fault.key << " = " << fault.value;
   }
@@ -163,23 +171,50 @@ TEST_F(Preflight, EachFaultIsNamedWithItsCure) {
 TEST_F(Preflight, AMissingListIsNamedWithTheKnownEntries) {
   iGood.erase("updatelist");
   EXPECT_THAT(
-      CheckProperties(iGood),
+      CheckedTexts(iGood),
       ElementsAre(StartsWith("updatelist: missing; say which peripherals to update, known are \"xmodem\"")));
 }
 
 TEST_F(Preflight, AllMissingKeysAreNamedInOneGo) {
   EXPECT_THAT(
-      CheckProperties({{"updatelist", "xmodem"}}),
+      CheckedTexts({{"updatelist", "xmodem"}}),
       ElementsAre(StartsWith("missing properties: xmodemsource-image, xmodemsource-loader, xmodemspeed, "
                              "xmodemportname, xmodemramaddress, xmodemflashaddress. Add them")));
   EXPECT_THAT(
-      CheckProperties({{"updatelist", "sanyoxmodem"}}),
+      CheckedTexts({{"updatelist", "sanyoxmodem"}}),
       ElementsAre(StartsWith("missing properties: xmodemsource-image, xmodemspeed, xmodemportname. Add")));
+}
+
+// What sha256sum prints for the one letter that the files hold.
+constexpr const char* kDigestOfI = "de7d1b721a1e0632b7cf04edf5032c8ecffa9f9a08492152b926f1a5a7e765d7";
+constexpr const char* kDigestOfL = "acac86c0e609ca906f632b0e2dacccb2b77d22b0621f20ebece1a4835b93f6f0";
+
+TEST_F(Preflight, FilesThatAreWhatTheirDigestsStandForHaveNoFault) {
+  EXPECT_THAT(CheckedTexts(iGood, {{{"xmodemsource-image", kDigestOfI}}}), IsEmpty());
+  EXPECT_THAT(
+      CheckedTexts(iGood, {{{"xmodemsource-image", kDigestOfI}, {"xmodemsource-loader", kDigestOfL}}, true}),
+      IsEmpty());
+}
+
+TEST_F(Preflight, AFileThatIsNotWhatItsDigestStandsForIsNamedWithBoth) {
+  EXPECT_THAT(CheckedTexts(iGood, {{{"xmodemsource-image", kDigestOfL}}}),
+              ElementsAre("xmodemsource-image: the file '" + iGood["xmodemsource-image"] +
+                          "' is not the right one: its SHA-256 is " + kDigestOfI + ", but [sha256] says " +
+                          kDigestOfL + ". Fetch it again, or correct the digest."));
+}
+
+TEST_F(Preflight, EachFileThatIsSentMustHaveADigestWhenThatIsRequired) {
+  EXPECT_THAT(
+      CheckedTexts(iGood, {{{"xmodemsource-image", kDigestOfI}}, true}),
+      ElementsAre("xmodemsource-loader: the file '" + iGood["xmodemsource-loader"] +
+                  "' has no digest. Add xmodemsource-loader under [sha256] in the configuration file."));
+  iGood["updatelist"] = "sanyoxmodem";
+  EXPECT_THAT(CheckedTexts(iGood, {{{"xmodemsource-image", kDigestOfI}}, true}), IsEmpty());
 }
 
 TEST_F(Preflight, AllFaultsAreReportedAtOnce) {
   PropertyMap properties = {{"updatelist", "foo"}, {"xmodemspeed", "x"}, {"xmodemportname", "/dev/nope"}};
-  EXPECT_THAT(CheckProperties(properties),
+  EXPECT_THAT(CheckedTexts(properties),
               ElementsAre(HasSubstr("foo"), HasSubstr("xmodemspeed"), HasSubstr("/dev/nope")));
 }
 
@@ -202,10 +237,10 @@ TEST_F(Preflight, WhatMayNotBeReadOrUsedIsNamed) {
   std::filesystem::permissions(iPort.Name(), perms::none);
   std::filesystem::permissions(iGood["xmodemsource-image"], perms::none);
   std::filesystem::permissions(iFolder.Path(""), perms::all);
-  host::Faults faults;
+  std::vector<std::string> faults;
   {
     const SomebodyElse somebodyElse;
-    faults = CheckProperties(iGood);
+    faults = CheckedTexts(iGood);
   }
   EXPECT_THAT(faults, ElementsAre(HasSubstr("image': Permission denied. Check its permissions."),
                                   "xmodemportname: no permission to use the port '" + iPort.Name() +
@@ -216,11 +251,10 @@ TEST_F(Preflight, WhatMayNotBeReadOrUsedIsNamed) {
 TEST_F(Preflight, APortThatAnotherProgramHoldsIsNamedAndFreeAfterwards) {
   const int holder = open(iPort.Name().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
   ASSERT_EQ(flock(holder, LOCK_EX), 0);
-  EXPECT_THAT(CheckProperties(iGood),
-              ElementsAre("xmodemportname: the port '" + iPort.Name() +
-                          "' is in use by another program; close that and try again."));
+  EXPECT_THAT(CheckedTexts(iGood), ElementsAre("xmodemportname: the port '" + iPort.Name() +
+                                               "' is in use by another program; close that and try again."));
   ASSERT_EQ(flock(holder, LOCK_UN), 0);
-  EXPECT_THAT(CheckProperties(iGood), IsEmpty());
+  EXPECT_THAT(CheckedTexts(iGood), IsEmpty());
   EXPECT_EQ(flock(holder, LOCK_EX | LOCK_NB), 0);
   close(holder);
 }
@@ -229,7 +263,7 @@ TEST_F(Preflight, ThePortsSettingsStayAsTheyAre) {
   const int port = open(iPort.Name().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
   termios before = {};
   ASSERT_EQ(tcgetattr(port, &before), 0);
-  EXPECT_THAT(CheckProperties(iGood), IsEmpty());
+  EXPECT_THAT(CheckedTexts(iGood), IsEmpty());
   termios after = {};
   ASSERT_EQ(tcgetattr(port, &after), 0);
   EXPECT_EQ(std::memcmp(&before, &after, sizeof(before)), 0);

@@ -14,9 +14,14 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 
+ProgressDisplay Display(std::ostream& out, bool terminal, int columns, std::vector<std::string> devices = {},
+                        bool colour = false) {
+  return ProgressDisplay(out, out, {terminal, colour, [columns] { return columns; }}, std::move(devices));
+}
+
 TEST(ProgressDisplay, WritesALineEveryTenPercentWhereThereIsNoTerminal) {
   std::ostringstream out;
-  ProgressDisplay display(out, false, 80);
+  ProgressDisplay display = Display(out, false, 80);
   for (const int percent : {0, 4, 9, 10, 11, 37, 39, 100}) {
     display.OnProgress(percent);
   }
@@ -25,13 +30,13 @@ TEST(ProgressDisplay, WritesALineEveryTenPercentWhereThereIsNoTerminal) {
 
 TEST(ProgressDisplay, TheFirstProgressIsShownWhateverItIs) {
   std::ostringstream out;
-  ProgressDisplay(out, false, 80).OnProgress(7);
+  Display(out, false, 80).OnProgress(7);
   EXPECT_EQ(out.str(), "Progress: 7 %\n");
 }
 
 TEST(ProgressDisplay, RedrawsABarInPlaceOnATerminal) {
   std::ostringstream out;
-  ProgressDisplay display(out, true, 20);
+  ProgressDisplay display = Display(out, true, 20);
   display.OnProgress(0);
   display.OnProgress(55);
   display.OnProgress(100);
@@ -42,7 +47,7 @@ TEST(ProgressDisplay, TheBarFitsTheTerminalAndIsNeverTooLong) {
   for (const auto& [columns, width] :
        {std::pair(40, 30), std::pair(80, 50), std::pair(500, 50), std::pair(0, 10)}) {
     std::ostringstream out;
-    ProgressDisplay(out, true, columns).OnProgress(100);
+    Display(out, true, columns).OnProgress(100);
     EXPECT_THAT(out.str(), HasSubstr("[" + std::string(static_cast<std::size_t>(width), '#') + "]"))
         << columns;
   }
@@ -50,7 +55,7 @@ TEST(ProgressDisplay, TheBarFitsTheTerminalAndIsNeverTooLong) {
 
 TEST(ProgressDisplay, AMilestoneStandsAboveTheBar) {
   std::ostringstream out;
-  ProgressDisplay display(out, true, 20);
+  ProgressDisplay display = Display(out, true, 20);
   display.OnMilestone("before");
   display.OnProgress(50);
   display.OnMilestone("after");
@@ -59,7 +64,7 @@ TEST(ProgressDisplay, AMilestoneStandsAboveTheBar) {
 
 TEST(ProgressDisplay, TheEndLeavesTheBarAndLaterLinesDoNotTouchIt) {
   std::ostringstream out;
-  ProgressDisplay display(out, true, 20);
+  ProgressDisplay display = Display(out, true, 20);
   display.OnProgress(50);
   display.OnState(UpdateState::Ended);
   display.OnMilestone("late");
@@ -68,9 +73,10 @@ TEST(ProgressDisplay, TheEndLeavesTheBarAndLaterLinesDoNotTouchIt) {
 
 TEST(ProgressDisplay, EveryStateOfInterestIsALine) {
   std::ostringstream out;
-  ProgressDisplay display(out, false, 80);
-  for (const UpdateState state : {UpdateState::AwaitingAnnouncement, UpdateState::Preparing,
-                                  UpdateState::Installing, UpdateState::Aborting, UpdateState::Ended}) {
+  ProgressDisplay display = Display(out, false, 80);
+  for (const UpdateState state :
+       {UpdateState::AwaitingAnnouncement, UpdateState::Preparing, UpdateState::Installing,
+        UpdateState::Pausing, UpdateState::Aborting, UpdateState::Ended}) {
     display.OnState(state);
   }
   EXPECT_EQ(out.str(),
@@ -83,11 +89,84 @@ TEST(ProgressDisplay, EveryStateOfInterestIsALine) {
 TEST(ProgressDisplay, AStreamThatRefusesIsNoReasonToStop) {
   std::ostringstream out;
   out.setstate(std::ios::badbit);
-  ProgressDisplay display(out, true, 80);
+  ProgressDisplay display = Display(out, true, 80);
   display.OnProgress(10);
   display.OnMilestone("x");
   display.OnState(UpdateState::Ended);
   EXPECT_EQ(out.str(), "");
+}
+
+using namespace std::chrono_literals;
+using host::Pace;
+using host::Transfer;
+
+constexpr std::int64_t kKiB = 1024;
+
+TEST(ProgressDisplay, TheStepAndTheBytesStandBehindTheBarAsFarAsThereIsRoom) {
+  for (const auto& [columns, status] :
+       {std::pair(120,
+                  "  64.0 KiB of 256.0 KiB, 11.0 KiB/s, 0:18 left  CAN controller: wr 8000, firmware.bin"),
+        std::pair(60, "  64.0 KiB of 256.0 KiB, 11.0 ")}) {
+    std::ostringstream out;
+    ProgressDisplay display = Display(out, true, columns, {"CAN controller"});
+    display.OnStep({0, "wr 8000, firmware.bin"});
+    display.OnTransfer({0, 64 * kKiB, 256 * kKiB, 64 * kKiB, 256 * kKiB}, {11.0 * 1024, 18s});
+    EXPECT_EQ(out.str(), "");
+    display.OnProgress(25);
+    EXPECT_EQ(out.str(), std::string("\r\x1b[K[#####...............]   25 %") + status);
+    EXPECT_LT(out.str().size() - std::string("\r\x1b[K").size(), static_cast<std::size_t>(columns));
+  }
+}
+
+TEST(ProgressDisplay, ATerminalThatShrinksIsRespectedAtOnce) {
+  std::ostringstream out;
+  int columns = 80;
+  ProgressDisplay display(out, out, {true, false, [&columns] { return columns; }}, {});
+  display.OnProgress(0);
+  columns = 20;
+  out.str("");
+  display.OnStep({0, "a step that finds no room"});
+  EXPECT_EQ(out.str(), "\r\x1b[K[..........]    0 %");
+}
+
+TEST(ProgressDisplay, OfSeveralDevicesEachHasItsShare) {
+  std::ostringstream out;
+  ProgressDisplay display = Display(out, false, 80, {"CAN controller", "Sanyo device"});
+  display.OnStep({1, "image, firmware.bin"});
+  display.OnTransfer({1, 3 * kKiB * kKiB, 4 * kKiB * kKiB, 7, 8}, Pace());
+  display.OnProgress(87);
+  EXPECT_EQ(out.str(),
+            "  Sanyo device: image, firmware.bin\n"
+            "Progress: 87 % (Sanyo device 75 %, 3.0 MiB of 4.0 MiB)\n");
+}
+
+TEST(ProgressDisplay, TheBarHasAColourWhereThatIsWanted) {
+  std::ostringstream out;
+  Display(out, true, 20, {}, true).OnProgress(50);
+  EXPECT_EQ(out.str(), "\r\x1b[K[\x1b[32m#####\x1b[0m.....]   50 %");
+}
+
+TEST(ProgressDisplay, ARetryGivesTheCauseAndBeginsAnew) {
+  std::ostringstream out;
+  ProgressDisplay display = Display(out, false, 80, {"CAN controller"});
+  display.AskWhy([] { return host::Cause{host::ErrorCode::Stalled, "nothing moved"}; });
+  display.OnProgress(50);
+  display.OnRetry(2, {2, 3s});
+  display.OnProgress(0);
+  EXPECT_EQ(
+      out.str(),
+      "Progress: 50 %\nThe attempt failed (nothing moved); attempt 2 of 3 begins in 3 s.\nProgress: 0 %\n");
+}
+
+TEST(ProgressDisplay, FailuresGoToTheOtherStream) {
+  std::ostringstream out;
+  std::ostringstream err;
+  ProgressDisplay display(out, err, {false, false, [] { return 80; }}, {});
+  display.OnFaults({{host::ErrorCode::PortBusy, "one"}, {host::ErrorCode::PortMissing, "two"}});
+  display.OnWarning("three");
+  display.OnRefusal(host::ExitCode::BadConfiguration);
+  EXPECT_EQ(out.str(), "");
+  EXPECT_EQ(err.str(), "peripheralctl: one\nperipheralctl: two\nperipheralctl: three\n");
 }
 
 }  // namespace

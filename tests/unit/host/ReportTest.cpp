@@ -4,6 +4,8 @@
 
 #include <gmock/gmock.h>
 
+#include <set>
+
 #include "ExitCode.h"
 
 namespace {
@@ -60,6 +62,56 @@ TEST(Report, AChangedFileIsAFailureThatNamesItAndTheCure) {
             "The device may hold an incomplete image: run the update again.\n");
 }
 
+TEST(Report, ACauseStandsFirstWithItsCodeAndItsAdvice) {
+  EXPECT_EQ(
+      ReportFor({Goal::Update,
+                 Outcome::InstallFailed,
+                 true,
+                 {"log text"},
+                 host::Cause{host::ErrorCode::CommandRefused, "CAN controller, ck 8000: answered 001"}}),
+      "The update failed.\n"
+      "CAN controller, ck 8000: answered 001 [command-refused]\n"
+      "Reasons given, oldest first:\n"
+      "  - log text\n"
+      "Check addresses and files; the answer is the bootloader's.\n"
+      "The device may hold an incomplete image: run the update again.\n");
+}
+
+TEST(Report, NothingToUpdateIsASuccessThatSaysSo) {
+  EXPECT_EQ(ReportFor({Goal::Update, Outcome::NothingToUpdate, false, {}}),
+            "Nothing to update: the update list is empty.\n");
+  EXPECT_EQ(ExitCodeOf(Outcome::NothingToUpdate), ExitCode::Success);
+}
+
+TEST(Report, FaultsThatTheModuleDoesNotSeeAreSaidToBeSo) {
+  const host::Faults faults = {{host::ErrorCode::DigestWrong, "x"}};
+  EXPECT_EQ(ReportFor({Goal::Prepare, Outcome::PrepareFailed, false, {}, {}, faults}),
+            "The preparation failed.\n"
+            "The module itself logs nothing about it.\n"
+            "Correct what is named above and run the command again.\n"
+            "Nothing was sent to the device.\n");
+}
+
+TEST(Report, TheCauseIsWhatTheLogTellsOrElseTheOutcome) {
+  const auto code = [](const host::RunResult& result) {
+    const auto cause = host::CauseOf(result);
+    return cause ? host::Describe(cause->code).name : "none";
+  };
+  EXPECT_STREQ(code({Goal::Update, Outcome::Succeeded, true, {}}), "none");
+  EXPECT_STREQ(code({Goal::Update, Outcome::NothingToUpdate, false, {}}), "none");
+  EXPECT_STREQ(code({Goal::Update, Outcome::PrepareFailed, false, {}}), "prepare-failed");
+  EXPECT_STREQ(code({Goal::Update, Outcome::InstallFailed, true, {}}), "update-failed");
+  EXPECT_STREQ(code({Goal::Update, Outcome::Aborted, true, {}}), "aborted");
+  EXPECT_STREQ(code({Goal::Update, Outcome::NoResult, true, {}}), "no-result");
+  EXPECT_STREQ(code({Goal::Update, Outcome::SourceChanged, true, {}}), "file-changed");
+  EXPECT_STREQ(
+      code({Goal::Update, Outcome::InstallFailed, true, {}, host::Cause{host::ErrorCode::Stalled, ""}}),
+      "stalled");
+  EXPECT_STREQ(
+      code({Goal::Prepare, Outcome::PrepareFailed, false, {}, {}, {{host::ErrorCode::PortBusy, ""}}}),
+      "none");
+}
+
 TEST(Report, InHasteItIsOneLineAboutTheDevice) {
   EXPECT_EQ(HurriedReportFor({Goal::Update, Outcome::Aborted, true, {"x"}}),
             "\nExiting at once. The device may hold an incomplete image: run the update again.\n");
@@ -73,15 +125,34 @@ TEST(ExitCode, StandsForTheOutcome) {
   EXPECT_EQ(ExitCodeOf(Outcome::Succeeded), ExitCode::Success);
   EXPECT_EQ(ExitCodeOf(Outcome::PrepareFailed), ExitCode::PrepareFailed);
   EXPECT_EQ(ExitCodeOf(Outcome::InstallFailed), ExitCode::UpdateFailed);
-  EXPECT_EQ(ExitCodeOf(Outcome::SourceChanged), ExitCode::UpdateFailed);
+  EXPECT_EQ(ExitCodeOf(Outcome::SourceChanged), ExitCode::SourceChanged);
   EXPECT_EQ(ExitCodeOf(Outcome::Aborted), ExitCode::Aborted);
   EXPECT_EQ(ExitCodeOf(Outcome::NoResult), ExitCode::NoResult);
 }
 
 TEST(ExitCode, AllAreDescribed) {
-  for (char code = '0'; code <= '8'; ++code) {
-    EXPECT_THAT(host::DescribeExitCodes(), HasSubstr(std::string("\n  ") + code + "  "));
+  for (const char* code : {"0", "1", "2", "3", "4", "5", "6", "7", "8", "9", "10", "11"}) {
+    EXPECT_THAT(host::DescribeExitCodes(), testing::ContainsRegex(std::string("\n +") + code + "  [a-z]"));
   }
+}
+
+TEST(ExitCode, OfFaultsIsThatOfDigestsOnlyWhenNothingElseIsWrong) {
+  const host::Fault wrong = {host::ErrorCode::DigestWrong, "x"};
+  const host::Fault missing = {host::ErrorCode::DigestMissing, "x"};
+  const host::Fault other = {host::ErrorCode::PortBusy, "x"};
+  EXPECT_EQ(ExitCodeOf(host::Faults{wrong, missing}), ExitCode::WrongDigest);
+  EXPECT_EQ(ExitCodeOf(host::Faults{wrong, other}), ExitCode::BadConfiguration);
+  EXPECT_EQ(ExitCodeOf(host::Faults{other}), ExitCode::BadConfiguration);
+  EXPECT_EQ(ExitCodeOf(host::Faults{{host::ErrorCode::ConfigUntrusted, "x"}}), ExitCode::ConfigUntrusted);
+}
+
+TEST(ErrorCode, EachIsDescribedAtItsPlaceAndNoNameIsThereTwice) {
+  std::set<std::string> names;
+  for (const host::ErrorDescription& description : host::ErrorDescriptions()) {
+    EXPECT_EQ(&host::Describe(description.code), &description);
+    EXPECT_TRUE(names.insert(description.name).second) << description.name;
+  }
+  EXPECT_EQ(names.size(), static_cast<std::size_t>(host::ErrorCode::NoResult) + 1);
 }
 
 }  // namespace

@@ -96,6 +96,15 @@ TEST_F(RunLogTest, KnowsWhetherLinesWereLost) {
   EXPECT_TRUE(log.LinesLost());
 }
 
+TEST_F(RunLogTest, WhoFollowsGetsEveryLineAndWhatIsWrittenStaysAsItIs) {
+  std::vector<std::string> followed;
+  const RunLog log(iOut, logging::EAlways, Handler(),
+                   [&followed](const logging::TLine& line) { followed.emplace_back(line.message); });
+  LogOneOfEach();
+  EXPECT_THAT(followed, ElementsAre("at interface", "at info", "at warning", "at error", "at always"));
+  EXPECT_THAT(iOut.str(), Not(HasSubstr("at error")));
+}
+
 TEST_F(RunLogTest, GivesTheLowestLevelBackInTheEnd) {
   const logging::TLevel before = logging::LowestLevel();
   { const RunLog log(iOut, logging::EInfo, Handler()); }

@@ -50,6 +50,9 @@ class RecordingListener final : public host::UpdateListener {
     iTold.push_back("progress");
   }
   void OnMilestone(const std::string& text) override { iTold.push_back(text); }
+  void OnRetry(int attempt, const host::Retries& retries) override {
+    iTold.push_back("attempt " + std::to_string(attempt) + " of " + std::to_string(retries.count + 1));
+  }
 
   std::function<void(UpdateState)> iOnState = [](UpdateState) {};
   UpdateState iState = UpdateState::AwaitingAnnouncement;
@@ -351,9 +354,9 @@ TEST(UpdateController, TheListenerIsToldInOrderAndOnTheThreadThatFollows) {
   const std::thread::id followerId = follower.get_id();
   controller.OnEvent({EUserEvent, EFeatureAnnounce, 3, kId});
   firstTold.get_future().wait();
-  controller.AddMilestone("halfway");
+  controller.Post([&] { listener.OnMilestone("halfway"); });
   controller.Abort();
-  controller.AddMilestone("late");
+  controller.Post([&] { listener.OnMilestone("late"); });
   controller.FinishFollowing();
   follower.join();
   EXPECT_THAT(listener.iTold, ElementsAre("state", "halfway", "state", "late"));
@@ -417,6 +420,63 @@ TEST(UpdateController, AnUploadMayHaveStartedWhenNoResultCameAfterTheRequestToIn
   early.Bring(UpdateState::Preparing);
   EXPECT_EQ(early.iController.Wait(), Outcome::NoResult);
   EXPECT_FALSE(early.iController.UploadStarted());
+}
+
+// ---- Retries ----
+
+class RetryingTalk {
+ public:
+  explicit RetryingTalk(std::chrono::milliseconds pause)
+      : iController(iBroker, kId, Goal::Update, {1h, 1h, 1h}, iListener, {1, pause}) {
+    iController.OnEvent({EUserEvent, EFeatureAnnounce, 3, kId});
+    Result(EPrepareResult, ETrue);
+  }
+
+  void Result(TFeatureEventId id, TBool flag) {
+    TFeatureResultPayload payload = {};
+    std::memcpy(payload.featureId, kId, std::strlen(kId));
+    payload.flag = flag;
+    iController.OnEvent({EUserEvent, id, sizeof(payload), &payload});
+  }
+
+  RecordingBroker iBroker;
+  RecordingListener iListener;
+  UpdateController iController;
+};
+
+TEST(UpdateController, AFailedInstallationIsAskedForAgainAfterThePause) {
+  RetryingTalk talk(20ms);
+  const auto start = std::chrono::steady_clock::now();
+  auto outcome = std::async(std::launch::async, [&] { return talk.iController.Wait(); });
+  // By then it waits for the end, whose time limit is an hour.
+  std::this_thread::sleep_for(100ms);
+  talk.Result(EInstallResult, EFalse);
+  std::this_thread::sleep_for(200ms);
+  talk.Result(EInstallResult, ETrue);
+  EXPECT_EQ(outcome.get(), Outcome::Succeeded);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 20ms);
+  talk.iController.FinishFollowing();
+  talk.iController.Follow();
+  EXPECT_THAT(talk.iListener.iTold, testing::Contains("attempt 2 of 2"));
+}
+
+TEST(UpdateController, TheLastFailureIsTheResult) {
+  RetryingTalk talk(0ms);
+  auto outcome = std::async(std::launch::async, [&] { return talk.iController.Wait(); });
+  // By then it waits for the end, whose time limit is an hour.
+  std::this_thread::sleep_for(100ms);
+  talk.Result(EInstallResult, EFalse);
+  std::this_thread::sleep_for(200ms);
+  talk.Result(EInstallResult, EFalse);
+  EXPECT_EQ(outcome.get(), Outcome::InstallFailed);
+}
+
+TEST(UpdateController, AnAbortDuringThePauseEndsIt) {
+  RetryingTalk talk(1h);
+  talk.Result(EInstallResult, EFalse);
+  EXPECT_EQ(talk.iController.Result(), std::nullopt);
+  talk.iController.Abort();
+  EXPECT_EQ(talk.iController.Result(), Outcome::Aborted);
 }
 
 }  // namespace

@@ -70,6 +70,10 @@ class FakeModule final : public IFeatureModule2, public IEventObserver {
       }
       Result(EInstallResult, true);
       LOG_ALWAYS(logging::PeripheralLoader, "SWL: Finished upload in fake");
+    } else if (iFeatureId == "fails-once") {
+      Progress(iFailedOnce ? 100 : 60);
+      Result(EInstallResult, iFailedOnce);
+      iFailedOnce = true;
     } else if (iFeatureId == "cannot-start") {
       Result(EInstallResult, false);
     } else if (iFeatureId == "install-fails") {
@@ -107,6 +111,7 @@ class FakeModule final : public IFeatureModule2, public IEventObserver {
     iBroker.Post({EUserEvent, EInstallProgress, sizeof(payload), &payload});
   }
 
+  bool iFailedOnce = false;
   const TFeatureId iFeatureId;
   IEventBroker& iBroker;
   const IFeatureProperties& iProperties;

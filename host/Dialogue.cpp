@@ -1,0 +1,215 @@
+#include "Dialogue.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <charconv>
+#include <filesystem>
+#include <system_error>
+#include <utility>
+
+#include "Peripherals.h"
+
+namespace host {
+
+namespace {
+
+constexpr std::string_view kStarting = "SWL: Starting upload";
+constexpr std::string_view kFinishedDevice = "SWL: Finished uploading using ";
+constexpr std::string_view kVersion = "Received version ";
+constexpr std::string_view kSendingCommand = "Sending command ";
+constexpr std::string_view kAndFile = " and file ";
+constexpr std::string_view kSendingFile = "Sending file ";
+constexpr std::string_view kAnswer = "Received answer ";
+constexpr std::string_view kLeft = "Left ";
+constexpr std::string_view kOf = " of ";
+constexpr std::string_view kSuccess = "000";
+
+// What a line of a failing update says about its cause.
+struct Symptom {
+  std::string_view text;  ///< the line begins with it
+  ErrorCode code;
+  const char* what;  ///< for people; the line itself when it is null
+};
+
+constexpr Symptom kSymptoms[] = {
+    {"Received serial port error", ErrorCode::PortLost, "the port failed"},
+    {"Failed writing[", ErrorCode::PortLost, "the port takes no more bytes"},
+    {"Serial port ", ErrorCode::PortLost, nullptr},
+    {"Cannot use serial port ", ErrorCode::PortUnusable, nullptr},
+    {"Error creating serialport", ErrorCode::PortUnusable, "the port could not be set up"},
+    {"Too many NAKs", ErrorCode::TooManyNaks, "the device rejected what it was sent too often"},
+    {"The transfer has been canceled", ErrorCode::TransferCancelled, "the device cancelled the transfer"},
+    {"Transmission canceled", ErrorCode::TransferCancelled, "the device cancelled the transfer"},
+    {"Transfer cancelled", ErrorCode::TransferCancelled, "the device cancelled the transfer"},
+    {"[Timeout]", ErrorCode::DeviceSilent, "the device did not answer in time"},
+    {"Timeout in polling", ErrorCode::Stalled, "nothing moved any more"},
+    {"Unexpected reply", ErrorCode::LineGarbled, "the device sent an unexpected byte"},
+    {"Wrong reply", ErrorCode::LineGarbled, "the device sent an unexpected byte"},
+    {"Invalid Checksum", ErrorCode::LineGarbled, "a block of the device came damaged"},
+    {"The checksum of", ErrorCode::LineGarbled, "a block of the device came damaged"},
+    {"The packet received", ErrorCode::LineGarbled, "the device's blocks came in the wrong order"},
+    {"The first packet", ErrorCode::LineGarbled, "the device's first block came with a wrong number"},
+    {"No valid packet", ErrorCode::LineGarbled, "the device sent no block but something else"},
+    {"EOT arrived", ErrorCode::LineGarbled, "the device's text came to its end before it began"},
+    {"The file ", ErrorCode::FileUnusable, nullptr},
+};
+
+bool StartsWith(std::string_view text, std::string_view head) {
+  return text.substr(0, head.size()) == head;
+}
+
+std::string FileName(std::string_view path) {
+  return std::filesystem::path(path).filename().string();
+}
+
+std::int64_t FileSize(const std::string& path) {
+  std::error_code error;
+  const std::uintmax_t size = std::filesystem::file_size(path, error);
+  return error ? 0 : static_cast<std::int64_t>(size);
+}
+
+std::int64_t Number(std::string_view text) {
+  std::int64_t number = 0;
+  std::from_chars(text.data(), text.data() + text.size(), number);
+  return number;
+}
+
+// A wait that ends because the port is gone, or because it is given up, looks like silence; and a file is
+// also said to be unusable when only its receiver does not start.
+bool Outweighs(ErrorCode before, ErrorCode now) {
+  return now == ErrorCode::FileUnusable || before == ErrorCode::Stalled ||
+         (before == ErrorCode::PortLost && now != ErrorCode::PortLost);
+}
+
+}  // namespace
+
+std::vector<PlannedDevice> PlanOf(const PropertyMap& properties) {
+  std::vector<PlannedDevice> plan;
+  const auto found = properties.find(kUpdateListKey);
+  const std::string list = found == properties.end() ? "" : found->second;
+  for (const std::string_view entry : UpdateListEntries(list)) {
+    const PeripheralKind* kind = FindPeripheralKind(entry);
+    if (kind == nullptr) {
+      continue;
+    }
+    PlannedDevice device = {kind->device, 0};
+    for (const std::string& key : FileKeysOf(entry)) {
+      const auto path = properties.find(key);
+      device.size_bytes += path == properties.end() ? 0 : FileSize(path->second);
+    }
+    plan.push_back(device);
+  }
+  return plan;
+}
+
+Dialogue::Dialogue(std::vector<PlannedDevice> plan, StepHandler onStep, TransferHandler onTransfer)
+    : iPlan(std::move(plan)), iOnStep(std::move(onStep)), iOnTransfer(std::move(onTransfer)) {
+  for (std::size_t device = 0; device < iPlan.size(); ++device) {
+    iTotal += SizeOf(device);
+  }
+}
+
+void Dialogue::Take(const logging::TLine& line) {
+  const std::lock_guard<std::mutex> lock(iMutex);
+  const std::string_view text = line.message;
+  const auto rest = [&text](std::string_view head) { return logging::Printable(text.substr(head.size())); };
+  if (StartsWith(text, kLeft)) {
+    TakeFileProgress(text);
+  } else if (StartsWith(text, kStarting)) {
+    StartOver();
+  } else if (StartsWith(text, kFinishedDevice)) {
+    NextDevice();
+  } else if (StartsWith(text, kVersion)) {
+    Step(fmt::format("version {}", rest(kVersion)), "");
+  } else if (StartsWith(text, kSendingCommand)) {
+    const std::string command = rest(kSendingCommand);
+    const std::size_t file = std::min(command.find(kAndFile), command.size());
+    Step(command.substr(0, file), file < command.size() ? command.substr(file + kAndFile.size()) : "");
+  } else if (StartsWith(text, kSendingFile)) {
+    Step("image", rest(kSendingFile));
+  } else if (StartsWith(text, kAnswer)) {
+    TakeAnswer(rest(kAnswer));
+  } else if (line.level >= logging::EWarning) {
+    BlameFor(line);
+  }
+}
+
+std::optional<Cause> Dialogue::WhyFailed() {
+  const std::lock_guard<std::mutex> lock(iMutex);
+  return iCause;
+}
+
+void Dialogue::StartOver() {
+  iCause.reset();
+  iStep.clear();
+  iDevice = 0;
+  iBefore = iFilesBefore = iFileSize = iFileSent = 0;
+}
+
+void Dialogue::NextDevice() {
+  iBefore += SizeOf(iDevice);
+  ++iDevice;
+  iStep.clear();
+  iFilesBefore = iFileSize = iFileSent = 0;
+}
+
+void Dialogue::Step(const std::string& text, const std::string& file) {
+  EndFile();
+  iCause.reset();
+  iStep = file.empty() ? text : fmt::format("{}, {}", text, FileName(file));
+  iOnStep({iDevice, iStep});
+}
+
+void Dialogue::EndFile() {
+  iFilesBefore += iFileSize;
+  iFileSize = iFileSent = 0;
+}
+
+// "Left 3 of 4"
+void Dialogue::TakeFileProgress(std::string_view text) {
+  const std::size_t of = text.find(kOf);
+  if (of == std::string_view::npos) {
+    return;
+  }
+  iFileSize = Number(text.substr(of + kOf.size()));
+  iFileSent = iFileSize - Number(text.substr(kLeft.size()));
+  TellTransfer();
+}
+
+void Dialogue::TakeAnswer(const std::string& answer) {
+  if (answer == kSuccess) {
+    return;
+  }
+  Blame(ErrorCode::CommandRefused, fmt::format("the device answered \"{}\"", answer));
+}
+
+void Dialogue::BlameFor(const logging::TLine& line) {
+  const auto* const symptom =
+      std::find_if(std::begin(kSymptoms), std::end(kSymptoms),
+                   [&line](const Symptom& known) { return StartsWith(line.message, known.text); });
+  if (symptom != std::end(kSymptoms)) {
+    Blame(symptom->code, symptom->what != nullptr ? symptom->what : logging::Printable(line.message));
+  }
+}
+
+void Dialogue::Blame(ErrorCode code, const std::string& what) {
+  if (iCause && Outweighs(iCause->code, code)) {
+    return;
+  }
+  const char* device = iDevice < iPlan.size() ? iPlan[iDevice].name.c_str() : "device";
+  iCause = Cause{code, iStep.empty() ? fmt::format("{}, before the first step: {}", device, what)
+                                     : fmt::format("{}, {}: {}", device, iStep, what)};
+}
+
+void Dialogue::TellTransfer() {
+  const std::int64_t size = SizeOf(iDevice);
+  const std::int64_t sent = std::clamp<std::int64_t>(iFilesBefore + iFileSent, 0, size);
+  iOnTransfer({iDevice, sent, size, iBefore + sent, iTotal});
+}
+
+std::int64_t Dialogue::SizeOf(std::size_t device) const {
+  return device < iPlan.size() ? iPlan[device].size_bytes : 0;
+}
+
+}  // namespace host

@@ -1,0 +1,89 @@
+// What the module's log tells of the dialogue with a device. The one place that knows the texts of the log.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ErrorCode.h"
+#include "Logging.h"
+#include "PropertyStore.h"
+
+namespace host {
+
+/// Why an update failed, as far as the log tells.
+struct Cause {
+  ErrorCode code;
+  std::string detail;  ///< a sentence for people: what happened, and during which step
+};
+
+/// A device begins with something.
+struct DialogueStep {
+  std::size_t device;  ///< position in the update list, from 0
+  std::string text;    ///< such as "wr 1000, loader.bin"
+};
+
+/// How many bytes of the files were sent, and how many there are: to the present device, and to all.
+struct Transfer {
+  std::size_t device;
+  std::int64_t deviceBytes;
+  std::int64_t deviceTotal;
+  std::int64_t bytes;
+  std::int64_t total;
+};
+
+/// A device of the update list with the files that it is sent.
+struct PlannedDevice {
+  std::string name;         ///< for people
+  std::int64_t size_bytes;  ///< of its files together
+};
+
+/// The devices that an update list stands for, with the files as large as they are now.
+std::vector<PlannedDevice> PlanOf(const PropertyMap& properties);
+
+/// Follows an update through the lines that are logged.
+class Dialogue {
+ public:
+  using StepHandler = std::function<void(const DialogueStep&)>;
+  using TransferHandler = std::function<void(const Transfer&)>;
+
+  /// The handlers are called from within Take; they must not log.
+  Dialogue(std::vector<PlannedDevice> plan, StepHandler onStep, TransferHandler onTransfer);
+
+  /// Takes the next line, of whatever level. Any thread, but one at a time.
+  void Take(const logging::TLine& line);
+
+  /// Why the present attempt has failed, if it has and if the log tells. Any thread.
+  std::optional<Cause> WhyFailed();
+
+ private:
+  void StartOver();
+  void NextDevice();
+  void Step(const std::string& text, const std::string& file);
+  void EndFile();
+  void TakeFileProgress(std::string_view text);
+  void TakeAnswer(const std::string& answer);
+  void Blame(ErrorCode code, const std::string& what);
+  void BlameFor(const logging::TLine& line);
+  void TellTransfer();
+  std::int64_t SizeOf(std::size_t device) const;
+
+  const std::vector<PlannedDevice> iPlan;
+  const StepHandler iOnStep;
+  const TransferHandler iOnTransfer;
+  std::mutex iMutex;
+  std::optional<Cause> iCause;
+  std::string iStep;
+  std::size_t iDevice = 0;
+  std::int64_t iTotal = 0;
+  std::int64_t iBefore = 0;       ///< bytes of the devices before
+  std::int64_t iFilesBefore = 0;  ///< bytes of the device's files before
+  std::int64_t iFileSize = 0;
+  std::int64_t iFileSent = 0;
+};
+
+}  // namespace host

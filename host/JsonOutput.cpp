@@ -1,0 +1,153 @@
+#include "JsonOutput.h"
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include <chrono>
+#include <cmath>
+#include <nlohmann/json.hpp>
+#include <utility>
+
+namespace host {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+std::string Now() {
+  const auto now = std::chrono::system_clock::now();
+  const auto sinceEpoch_ms = std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch());
+  const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
+  return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}Z", fmt::gmtime(seconds), sinceEpoch_ms.count() % 1000);
+}
+
+// What a device sent need not be text; what is no UTF-8 becomes U+FFFD.
+void Write(std::ostream& out, const char* event, const Json& fields) {
+  Json line = {{"event", event}, {"time", Now()}};
+  line.update(fields);
+  out << line.dump(-1, ' ', false, Json::error_handler_t::replace) << std::endl;
+}
+
+const char* Name(UpdateState state) {
+  switch (state) {
+    case UpdateState::AwaitingAnnouncement:
+      return "awaiting-announcement";
+    case UpdateState::Preparing:
+      return "preparing";
+    case UpdateState::Installing:
+      return "installing";
+    case UpdateState::Pausing:
+      return "pausing";
+    case UpdateState::Aborting:
+      return "aborting";
+    case UpdateState::Ended:
+      return "ended";
+  }
+  return "";
+}
+
+const char* Name(Outcome outcome) {
+  switch (outcome) {
+    case Outcome::Succeeded:
+      return "succeeded";
+    case Outcome::NothingToUpdate:
+      return "nothing-to-update";
+    case Outcome::Aborted:
+      return "aborted";
+    case Outcome::NoResult:
+      return "no-result";
+    case Outcome::PrepareFailed:
+    case Outcome::InstallFailed:
+    case Outcome::SourceChanged:
+      return "failed";
+  }
+  return "";
+}
+
+Json ErrorFields(ErrorCode code, const std::string& message) {
+  const ErrorDescription& description = Describe(code);
+  return {{"code", description.name},
+          {"message", message},
+          {"cause", description.cause},
+          {"advice", description.advice}};
+}
+
+Json WithDevice(std::size_t device, const std::vector<std::string>& devices) {
+  return {{"device", device + 1}, {"name", device < devices.size() ? devices[device] : "device"}};
+}
+
+}  // namespace
+
+JsonOutput::JsonOutput(std::ostream& out, std::vector<std::string> devices)
+    : iOut(out), iDevices(std::move(devices)) {}
+
+void JsonOutput::OnState(UpdateState state) {
+  Write(iOut, "state", {{"state", Name(state)}});
+}
+
+void JsonOutput::OnProgress(int percent) {
+  Write(iOut, "progress", {{"percent", percent}});
+}
+
+void JsonOutput::OnMilestone(const std::string& text) {
+  Write(iOut, "milestone", {{"text", text}});
+}
+
+void JsonOutput::OnRetry(int attempt, const Retries& retries) {
+  if (const std::optional<Cause> cause = Why()) {
+    Write(iOut, "error", ErrorFields(cause->code, cause->detail));
+  }
+  Write(iOut, "retry",
+        {{"attempt", attempt}, {"attempts", retries.count + 1}, {"pause_ms", retries.pause.count()}});
+}
+
+void JsonOutput::OnStep(const DialogueStep& step) {
+  Json fields = WithDevice(step.device, iDevices);
+  fields["step"] = step.text;
+  Write(iOut, "step", fields);
+}
+
+void JsonOutput::OnTransfer(const Transfer& transfer, const Pace& pace) {
+  Json fields = WithDevice(transfer.device, iDevices);
+  fields["device_bytes"] = transfer.deviceBytes;
+  fields["device_total"] = transfer.deviceTotal;
+  fields["bytes"] = transfer.bytes;
+  fields["total"] = transfer.total;
+  fields["rate_bytes_per_s"] = pace.rate_Bps ? Json(std::llround(*pace.rate_Bps)) : Json(nullptr);
+  fields["left_s"] = pace.left ? Json(pace.left->count()) : Json(nullptr);
+  Write(iOut, "transfer", fields);
+}
+
+void JsonOutput::OnFaults(const Faults& faults) {
+  for (const Fault& fault : faults) {
+    Write(iOut, "error", ErrorFields(fault.code, fault.text));
+  }
+}
+
+void JsonOutput::OnWarning(const std::string& text) {
+  Write(iOut, "warning", {{"text", text}});
+}
+
+void JsonOutput::OnRefusal(ExitCode exitCode) {
+  Write(iOut, "result",
+        {{"outcome", "refused"},
+         {"exit_code", static_cast<int>(exitCode)},
+         {"code", nullptr},
+         {"device_touched", false},
+         {"reasons", Json::array()}});
+}
+
+void JsonOutput::OnResult(const RunResult& result, ExitCode exitCode) {
+  const std::optional<Cause> cause = CauseOf(result);
+  if (cause) {
+    Write(iOut, "error", ErrorFields(cause->code, cause->detail));
+  }
+  Write(iOut, "result",
+        {{"outcome", Name(result.outcome)},
+         {"exit_code", static_cast<int>(exitCode)},
+         {"code", cause ? Json(Describe(cause->code).name) : Json(nullptr)},
+         {"device_touched", result.uploadStarted},
+         {"reasons", result.outcome == Outcome::Succeeded ? Json::array() : Json(result.reasons)}});
+}
+
+}  // namespace host

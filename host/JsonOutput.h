@@ -1,0 +1,33 @@
+#pragma once
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "Output.h"
+
+namespace host {
+
+/// Tells programs: one JSON object a line, as docs/JSON.md and docs/peripheralctl.schema.json describe it.
+class JsonOutput final : public Output {
+ public:
+  /// `devices` are the names of those that are updated, in their order.
+  JsonOutput(std::ostream& out, std::vector<std::string> devices);
+
+  void OnState(UpdateState state) override;
+  void OnProgress(int percent) override;
+  void OnMilestone(const std::string& text) override;
+  void OnRetry(int attempt, const Retries& retries) override;
+  void OnStep(const DialogueStep& step) override;
+  void OnTransfer(const Transfer& transfer, const Pace& pace) override;
+  void OnFaults(const Faults& faults) override;
+  void OnWarning(const std::string& text) override;
+  void OnRefusal(ExitCode exitCode) override;
+  void OnResult(const RunResult& result, ExitCode exitCode) override;
+
+ private:
+  std::ostream& iOut;
+  const std::vector<std::string> iDevices;
+};
+
+}  // namespace host

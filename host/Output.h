@@ -1,0 +1,47 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "Dialogue.h"
+#include "ExitCode.h"
+#include "Fault.h"
+#include "Report.h"
+#include "UpdateController.h"
+
+namespace host {
+
+/// How fast the bytes go out and how long the rest takes, as far as that is known.
+struct Pace {
+  std::optional<double> rate_Bps;
+  std::optional<std::chrono::seconds> left;
+};
+
+/// What a run of peripheralctl tells its caller, be it a person or a program. One thread at a time.
+class Output : public UpdateListener {
+ public:
+  virtual void OnStep(const DialogueStep& step) = 0;
+  virtual void OnTransfer(const Transfer& transfer, const Pace& pace) = 0;
+  /// What is wrong and keeps the update from being begun.
+  virtual void OnFaults(const Faults& faults) = 0;
+  /// What is wrong but changes nothing.
+  virtual void OnWarning(const std::string& text) = 0;
+  /// The faults told before are the end of it: nothing was begun.
+  virtual void OnRefusal(ExitCode exitCode) = 0;
+  /// How it ended: the last that is told.
+  virtual void OnResult(const RunResult& result, ExitCode exitCode) = 0;
+
+  /// Has retries give the cause that `why` knows.
+  void AskWhy(std::function<std::optional<Cause>()> why) { iWhy = std::move(why); }
+
+ protected:
+  std::optional<Cause> Why() const { return iWhy ? iWhy() : std::nullopt; }
+
+ private:
+  std::function<std::optional<Cause>()> iWhy;
+};
+
+}  // namespace host

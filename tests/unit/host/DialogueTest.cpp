@@ -1,0 +1,193 @@
+// Goal: steps, bytes and the cause of a failure are what the module's log tells.
+// Method: lines as the module logs them, one after the other.
+#include "Dialogue.h"
+
+#include <gmock/gmock.h>
+
+#include "TemporaryFolder.h"
+
+namespace {
+
+using host::Describe;
+using host::Dialogue;
+using host::PlannedDevice;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class DialogueTest : public testing::Test {
+ protected:
+  void Take(const std::string& text, logging::TLevel level = logging::EInfo) {
+    iDialogue.Take({level, logging::PeripheralLoader, "", "", 0, text});
+  }
+
+  void StartWriting() {
+    Take("SWL: Starting upload in PeripheralLoader", logging::EAlways);
+    Take("Received version Boot\x1b 1.0");
+    Take("Sending command wr 1000 and file /tmp/loader.bin");
+  }
+
+  std::string Why() {
+    const auto cause = iDialogue.WhyFailed();
+    return cause ? std::string(Describe(cause->code).name) + " | " + cause->detail : "none";
+  }
+
+  std::vector<std::string> iSteps;
+  std::vector<std::string> iTransfers;
+  Dialogue iDialogue{
+      {{"CAN controller", 3000}, {"Sanyo device", 2000}},
+      [this](const host::DialogueStep& step) {
+        iSteps.push_back(std::to_string(step.device) + " " + step.text);
+      },
+      [this](const host::Transfer& transfer) {
+        iTransfers.push_back(std::to_string(transfer.device) + ": " + std::to_string(transfer.deviceBytes) +
+                             "/" + std::to_string(transfer.deviceTotal) + " " +
+                             std::to_string(transfer.bytes) + "/" + std::to_string(transfer.total));
+      }};
+};
+
+TEST_F(DialogueTest, TellsEachStepOfEachDevice) {
+  StartWriting();
+  Take("Received answer 000");
+  Take("Sending command gt 1000");
+  Take("SWL: Finished uploading using CanXModem", logging::EAlways);
+  Take("Sending file firmware.bin");
+  EXPECT_THAT(iSteps, ElementsAre("0 version Boot\\x1b 1.0", "0 wr 1000, loader.bin", "0 gt 1000",
+                                  "1 image, firmware.bin"));
+}
+
+TEST_F(DialogueTest, CountsTheBytesOfAllFiles) {
+  StartWriting();
+  Take("Left 0 of 1000", logging::EInterface);
+  Take("Sending command wr 8000 and file firmware.bin");
+  Take("Left 976 of 2000", logging::EInterface);
+  Take("SWL: Finished uploading using CanXModem", logging::EAlways);
+  Take("Sending file firmware.bin");
+  Take("Left 0 of 2000", logging::EInterface);
+  EXPECT_THAT(iTransfers,
+              ElementsAre("0: 1000/3000 1000/5000", "0: 2024/3000 2024/5000", "1: 2000/2000 5000/5000"));
+}
+
+TEST_F(DialogueTest, NeverCountsMoreThanThereIs) {
+  StartWriting();
+  Take("Left 0 of 9000", logging::EInterface);
+  Take("SWL: Finished uploading using CanXModem", logging::EAlways);
+  Take("SWL: Finished uploading using SanyoXModem", logging::EAlways);
+  Take("Left 0 of 9000", logging::EInterface);
+  Take("Left nothing", logging::EInterface);
+  EXPECT_THAT(iTransfers, ElementsAre("0: 3000/3000 3000/5000", "2: 0/0 5000/5000"));
+}
+
+TEST_F(DialogueTest, AnotherAttemptBeginsAnew) {
+  StartWriting();
+  Take("Left 500 of 1000", logging::EInterface);
+  Take("[Timeout] while processing the reply", logging::EWarning);
+  StartWriting();
+  Take("Left 900 of 1000", logging::EInterface);
+  EXPECT_THAT(iTransfers, ElementsAre("0: 500/3000 500/5000", "0: 100/3000 100/5000"));
+  EXPECT_EQ(Why(), "none");
+}
+
+TEST_F(DialogueTest, WhatIsNoPartOfItIsIgnored) {
+  Take("Wait for reply");
+  Take("Left 1 of 2 is no line of the engine's, but numbers are read as far as they go", logging::EInfo);
+  Take("Not all required properties found!", logging::EError);
+  EXPECT_THAT(iSteps, IsEmpty());
+  EXPECT_EQ(Why(), "none");
+}
+
+TEST_F(DialogueTest, ARefusedCommandIsNamedWithTheAnswer) {
+  StartWriting();
+  Take("Received answer 013");
+  EXPECT_EQ(Why(), "command-refused | CAN controller, wr 1000, loader.bin: the device answered \"013\"");
+}
+
+TEST_F(DialogueTest, ASilentDeviceIsNamedBeforeTheFirstStep) {
+  Take("SWL: Starting upload in PeripheralLoader", logging::EAlways);
+  Take("[Timeout] arrived while processing the first byte", logging::EWarning);
+  Take("Error: 3", logging::EError);
+  EXPECT_EQ(Why(),
+            "device-silent | CAN controller, before the first step: the device did not answer in time");
+}
+
+struct Failure {
+  const char* line;
+  logging::TLevel level;
+  const char* code;
+};
+
+constexpr Failure kFailures[] = {
+    {"Received serial port error!", logging::EAlways, "port-lost"},
+    {"Failed writing[1]. retVal = 5", logging::EError, "port-lost"},
+    {"Serial port /dev/x is lost: hung up; plug the adapter in and start again", logging::EError,
+     "port-lost"},
+    {"Cannot use serial port /dev/x: y", logging::EError, "port-unusable"},
+    {"Error creating serialport /dev/x 115200", logging::EError, "port-unusable"},
+    {"Too many NAKs has been received while processing the reply", logging::EError, "too-many-naks"},
+    {"Too many NAKs received while finalizing the delivery", logging::EError, "too-many-naks"},
+    {"The transfer has been canceled by the other side of the communication", logging::EWarning,
+     "transfer-cancelled"},
+    {"Transmission canceled by the other side. CAN messages received", logging::EWarning,
+     "transfer-cancelled"},
+    {"Transfer cancelled while finalizing the delivery", logging::EWarning, "transfer-cancelled"},
+    {"[Timeout] while waiting for startup character", logging::EWarning, "device-silent"},
+    {"Timeout in polling for status in XModemSwl", logging::EError, "stalled"},
+    {"Unexpected reply while waiting for startup character : 65", logging::EError, "line-garbled"},
+    {"Wrong reply received:65", logging::EError, "line-garbled"},
+    {"Invalid Checksum while receiving packet", logging::EError, "line-garbled"},
+    {"The checksum of the received packet is not correct", logging::EError, "line-garbled"},
+    {"The packet received has a wrong sequence number", logging::EError, "line-garbled"},
+    {"The first packet did not have the right packet number", logging::EError, "line-garbled"},
+    {"No valid packet arrived while processing the first byte", logging::EError, "line-garbled"},
+    {"EOT arrived while processing the first byte on the first packet", logging::EError, "line-garbled"},
+    {"The file /tmp/loader.bin could not be opened", logging::EError, "file-unusable"},
+    {"The packet must be re-sent", logging::EWarning, "none"},
+};
+
+TEST_F(DialogueTest, EachEndOfATransferHasItsCode) {
+  for (const Failure& failure : kFailures) {
+    StartWriting();
+    Take(failure.line, failure.level);
+    EXPECT_EQ(Why().substr(0, Why().find(" | ")), failure.code) << failure.line;
+  }
+}
+
+TEST_F(DialogueTest, WhatAFailureDragsAlongDoesNotHideIt) {
+  StartWriting();
+  Take("[Timeout] while waiting for startup character", logging::EWarning);
+  Take("The file /tmp/loader.bin could not be opened", logging::EError);
+  EXPECT_EQ(Why().substr(0, 13), "device-silent");
+  StartWriting();
+  Take("Timeout in polling for status in XModemSwl", logging::EError);
+  Take("[Timeout] while waiting for startup character", logging::EWarning);
+  EXPECT_EQ(Why().substr(0, 7), "stalled");
+  StartWriting();
+  Take("Received serial port error!", logging::EAlways);
+  Take("[Timeout] while processing the reply", logging::EWarning);
+  EXPECT_EQ(Why().substr(0, 9), "port-lost");
+  Take("Serial port /dev/x is lost: hung up", logging::EError);
+  EXPECT_EQ(Why(), "port-lost | CAN controller, wr 1000, loader.bin: Serial port /dev/x is lost: hung up");
+}
+
+TEST_F(DialogueTest, WhatWasMendedIsNoCause) {
+  StartWriting();
+  Take("Invalid Checksum while receiving packet", logging::EError);
+  Take("Sending command gt 1000");
+  EXPECT_EQ(Why(), "none");
+}
+
+TEST(PlanOf, HoldsEachDeviceWithTheSizeOfItsFiles) {
+  const TemporaryFolder folder;
+  const host::PropertyMap properties = {{"updatelist", "xmodem;unknown;sanyoxmodem"},
+                                        {"xmodemsource-image", folder.File("image", "12345")},
+                                        {"xmodemsource-loader", folder.File("loader", "123")}};
+  const std::vector<PlannedDevice> plan = host::PlanOf(properties);
+  ASSERT_EQ(plan.size(), 2u);
+  EXPECT_EQ(plan[0].name, "CAN controller");
+  EXPECT_EQ(plan[0].size_bytes, 8);
+  EXPECT_EQ(plan[1].name, "Sanyo device");
+  EXPECT_EQ(plan[1].size_bytes, 5);
+  EXPECT_THAT(host::PlanOf({}), IsEmpty());
+  EXPECT_EQ(host::PlanOf({{"updatelist", "sanyoxmodem"}}).front().size_bytes, 0);
+}
+
+}  // namespace
