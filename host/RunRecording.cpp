@@ -58,14 +58,11 @@ void RunRecording::OnBegin(const std::function<void()>& /*abort*/) {
 }
 
 // A module that is still there goes on logging and sending, to a recorder that must live as long.
-void RunRecording::OnEnd(const RunResult& result, bool moduleGone) {
+std::string RunRecording::OnEnd(const RunResult& result, bool moduleGone) {
   if (moduleGone) {
     iRecorder.Stop();
   }
   iRecorder.End(static_cast<int>(ExitCodeOf(result.outcome)), FirstLine(ReportFor(result)));
-}
-
-std::string RunRecording::Fault() {
   return iRecorder.Fault();
 }
 

@@ -25,10 +25,8 @@ class RunRecording final : public RunCompanion {
   std::string Open();
 
   void OnBegin(const std::function<void()>& abort) override;
-  void OnEnd(const RunResult& result, bool moduleGone) override;
-
-  /// Why what was recorded is incomplete, for people; empty when it is not.
-  std::string Fault();
+  /// Returns why what was recorded is incomplete.
+  std::string OnEnd(const RunResult& result, bool moduleGone) override;
 
  private:
   const Files iFiles;

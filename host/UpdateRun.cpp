@@ -175,10 +175,12 @@ ExitCode UpdateRun::Execute() const {
     output.OnWarning("the log file '" + logFile +
                      "' is incomplete: it could not be written. Is the disk full?");
   }
-  output.OnResult(ended, ExitCodeOf(ended));
   if (companion != nullptr) {
-    companion->OnEnd(ended, stopped);
+    if (const std::string fault = companion->OnEnd(ended, stopped); !fault.empty()) {
+      output.OnWarning(fault);
+    }
   }
+  output.OnResult(ended, ExitCodeOf(ended));
   if (!stopped) {
     ExitAtOnce(ExitCodeOf(ended));
   }

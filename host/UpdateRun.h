@@ -24,8 +24,9 @@ class RunCompanion {
   /// until OnEnd.
   virtual void OnBegin(const std::function<void()>& abort) = 0;
   /// The run is over. Without `moduleGone` the module is still at work, and the process ends at the return.
-  /// Not called when the process is ended in haste.
-  virtual void OnEnd(const RunResult& result, bool moduleGone) = 0;
+  /// Not called when the process is ended in haste. Returns what went wrong with accompanying it, for people;
+  /// empty when nothing did.
+  virtual std::string OnEnd(const RunResult& result, bool moduleGone) = 0;
 };
 
 /// One run of the module from loading to unloading: everything that peripheralctl does once it knows what

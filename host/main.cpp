@@ -94,18 +94,13 @@ ExitCode ExecuteTrace(const trace::TraceOptions& options) {
                       options.fast);
 }
 
-// What is recorded is complete or said not to be.
 ExitCode ExecuteRecorded(UpdateRun& run, const Options& options) {
   RunRecording recording({options.traceFile, options.reportFile}, run.properties);
   if (const std::string fault = recording.Open(); !fault.empty()) {
     return Refuse(run.output, {{ErrorCode::BadUsage, fault}}, ExitCode::BadUsage);
   }
   run.companion = &recording;
-  const ExitCode result = run.Execute();
-  if (const std::string fault = recording.Fault(); !fault.empty()) {
-    run.output.OnWarning(fault);
-  }
-  return result;
+  return run.Execute();
 }
 
 // The module is asked to prepare even if faults are known, so that its log can be seen beside them.

@@ -1,25 +1,42 @@
 #include "simulator/CommandLine.h"
 
+#include <fmt/format.h>
+
 #include <CLI/CLI.hpp>
 
-#include "simulator/DeviceList.h"
+#include "simulator/Scenario.h"
 
 namespace simulator {
 
 namespace {
 
-constexpr int kMaxBaud = 100'000'000;
-constexpr int kMaxSlow_ms = 3'600'000;
-
 constexpr char kFooter[] =
+    "Examples:\n"
+    "  bootloader-simulator --device can --link /tmp/port\n"
+    "  bootloader-simulator --device can,sanyo --baud 921600 --link port --once --dump-flash flash\n"
+    "  bootloader-simulator --silent-after wr-flash --link port\n"
+    "  bootloader-simulator --scenario bench.toml\n"
+    "\n"
     "Every fault that ends an update happens once; the next update shows the recovery.\n"
     "Exit codes: 0 ended by a signal, or every device of the list was updated; 1 with --once: an update "
     "failed or\n"
     "the program was ended before the last one; 2 bad usage; 3 no pseudo-terminal, link or dump could be "
     "made.";
 
-void AddProgramOptions(CLI::App& app, Settings& settings) {
-  app.add_option("--device", settings.devices,
+/// What the options say, before it becomes a line to be played.
+struct RawOptions {
+  std::string scenario;
+  std::string devices = "can";
+  Options device;
+  Settings settings;
+};
+
+void AddProgramOptions(CLI::App& app, RawOptions& raw) {
+  Settings& settings = raw.settings;
+  app.add_option("--scenario", raw.scenario,
+                 "Play the lines and devices that this file (TOML) describes; no other option goes with it")
+      ->type_name("FILE");
+  app.add_option("--device", raw.devices,
                  "Devices on the line, one after the other: can, sanyo or a list such as can,sanyo")
       ->capture_default_str();
   app.add_option("--baud", settings.line.baud, "Speed in bits per second, 10 bits a byte; 0: no pacing")
@@ -29,8 +46,7 @@ void AddProgramOptions(CLI::App& app, Settings& settings) {
   app.add_option("--dump-ram", settings.dump_ram,
                  "File for what RAM holds, after each update and at exit; .1, .2 … is appended in a list");
   app.add_option("--dump-flash", settings.dump_flash, "The same for flash");
-  app.add_flag("--once", settings.device.once,
-               "Exit when every device of the list was updated, or one failed");
+  app.add_flag("--once", settings.once, "Exit when every device of the list was updated, or one failed");
 }
 
 void AddDeviceOptions(CLI::App& app, Options& device) {
@@ -117,21 +133,44 @@ void AddLineFaults(CLI::App& app, LineOptions& line) {
       ->group(group);
 }
 
+std::vector<Settings> PlayScenario(const std::string& path, int argc) {
+  constexpr int kAlone = 3;
+  if (argc > kAlone) {
+    throw CLI::ValidationError("--scenario", "no other option goes with it; write it into the file");
+  }
+  std::vector<std::string> faults;
+  std::vector<Settings> lines = ReadScenario(path, faults);
+  if (!faults.empty()) {
+    throw CLI::ValidationError("--scenario", fmt::format("{}", fmt::join(faults, "\n")));
+  }
+  return lines;
+}
+
+std::vector<Settings> Choose(RawOptions& raw, int argc) {
+  if (!raw.scenario.empty()) {
+    return PlayScenario(raw.scenario, argc);
+  }
+  raw.settings.devices = PlanDevices(raw.devices, raw.device);
+  if (MakeDevices(raw.settings.devices, raw.settings.once) == nullptr) {
+    throw CLI::ValidationError("--device", "\"" + raw.devices + "\" is not a list of can and sanyo");
+  }
+  return {raw.settings};
+}
+
 }  // namespace
 
-std::optional<int> ParseCommandLine(int argc, char** argv, Settings& settings) {
+std::optional<int> ParseCommandLine(int argc, char** argv, std::vector<Settings>& lines) {
   CLI::App app("Plays the bootloaders of a CAN controller and of a Sanyo device on a pseudo-terminal.");
+  RawOptions raw;
   app.footer(kFooter);
-  AddProgramOptions(app, settings);
-  AddDeviceOptions(app, settings.device);
-  AddDialogueFaults(app, settings.device.faults);
-  AddTransferFaults(app, settings.device);
-  AddLineFaults(app, settings.line);
+  AddProgramOptions(app, raw);
+  AddDeviceOptions(app, raw.device);
+  AddDialogueFaults(app, raw.device.faults);
+  AddTransferFaults(app, raw.device);
+  AddLineFaults(app, raw.settings.line);
   try {
     app.parse(argc, argv);
-    if (MakeDevices(settings.devices, settings.device) == nullptr) {
-      throw CLI::ValidationError("--device", "\"" + settings.devices + "\" is not a list of can and sanyo");
-    }
+    lines = Choose(raw, argc);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? kExitOk : kExitBadUsage;
   }

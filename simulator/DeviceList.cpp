@@ -92,21 +92,32 @@ std::unique_ptr<Bootloader> MakeDevice(const std::string& kind, const Options& o
   return nullptr;
 }
 
-std::unique_ptr<DeviceList> MakeDevices(const std::string& kinds, const Options& options) {
-  std::vector<std::unique_ptr<Bootloader>> devices;
+std::vector<DevicePlan> PlanDevices(const std::string& kinds, const Options& options) {
+  std::vector<DevicePlan> plans;
   std::stringstream list(kinds + ",");
   std::string kind;
   while (std::getline(list, kind, ',')) {
-    Options own = options;
-    if (options.faulty_device != 0 && options.faulty_device != static_cast<int>(devices.size()) + 1) {
-      own.faults = Faults{};
+    plans.push_back(DevicePlan{kind, options});
+    if (options.faulty_device != 0 && options.faulty_device != static_cast<int>(plans.size())) {
+      plans.back().options.faults = Faults{};
     }
-    devices.push_back(MakeDevice(kind, own));
+  }
+  return plans;
+}
+
+std::unique_ptr<DeviceList> MakeDevices(const std::vector<DevicePlan>& plans, bool once) {
+  std::vector<std::unique_ptr<Bootloader>> devices;
+  for (const DevicePlan& plan : plans) {
+    devices.push_back(MakeDevice(plan.kind, plan.options));
     if (devices.back() == nullptr) {
       return nullptr;
     }
   }
-  return std::make_unique<DeviceList>(std::move(devices), options.once);
+  return devices.empty() ? nullptr : std::make_unique<DeviceList>(std::move(devices), once);
+}
+
+std::unique_ptr<DeviceList> MakeDevices(const std::string& kinds, const Options& options) {
+  return MakeDevices(PlanDevices(kinds, options), options.once);
 }
 
 }  // namespace simulator

@@ -53,11 +53,23 @@ class DeviceList : public Device {
   std::vector<std::uint8_t> iOutput;
 };
 
-/// Makes the devices of a list such as "can,sanyo". Returns null if the list is empty or names another kind.
-/// Power on before use.
+/// A device to be made.
+struct DevicePlan {
+  std::string kind;  ///< "can" or "sanyo".
+  Options options;
+};
+
+/// The devices of a list such as "can,sanyo", with faults where `options.faulty_device` wants them. The kinds
+/// are taken as they stand.
+std::vector<DevicePlan> PlanDevices(const std::string& kinds, const Options& options);
+
+/// Makes the planned devices. Returns null if there is none or one of another kind. Power on before use.
+std::unique_ptr<DeviceList> MakeDevices(const std::vector<DevicePlan>& plans, bool once);
+
+/// The same for a list such as "can,sanyo".
 std::unique_ptr<DeviceList> MakeDevices(const std::string& kinds, const Options& options);
 
-/// Makes one device of kind "can" or "sanyo"; null if there is no such kind. For lists of different options.
+/// Makes one device of kind "can" or "sanyo"; null if there is no such kind.
 std::unique_ptr<Bootloader> MakeDevice(const std::string& kind, const Options& options);
 
 }  // namespace simulator

@@ -9,6 +9,11 @@
 
 namespace simulator {
 
+/// The largest values that people may ask for.
+constexpr int kMaxBaud = 100'000'000;
+constexpr int kMaxSlow_ms = 3'600'000;
+constexpr int kMaxEvery = 1'000'000;
+
 /// Something that a person would like to see in a log.
 struct Milestone {
   Micros time_us;

@@ -94,11 +94,14 @@ void PseudoTerminal::Write(const std::uint8_t* data, std::size_t count) {
   }
 }
 
-void PseudoTerminal::AwaitHostClosing(int timeout_ms) {
+void PseudoTerminal::LetGo() {
   close(iSlave);
   iSlave = -1;
-  pollfd waiting{iMaster, 0, 0};
-  poll(&waiting, 1, timeout_ms);
+}
+
+bool PseudoTerminal::HostHasClosed() const {
+  pollfd master{iMaster, 0, 0};
+  return poll(&master, 1, 0) == 1 && (master.revents & POLLHUP) != 0;
 }
 
 void PseudoTerminal::Unplug() {

@@ -30,9 +30,10 @@ class PseudoTerminal {
   std::size_t Read(std::uint8_t* buffer, std::size_t capacity);
   /// Sends bytes to the host. What the host's full input buffer has no room for is lost, as on a real line.
   void Write(const std::uint8_t* data, std::size_t count);
-  /// Waits until the host has closed the port, for `timeout_ms` at most, since closing this side earlier
-  /// would take from the host what it has not read yet. Only Unplug() may follow.
-  void AwaitHostClosing(int timeout_ms);
+  /// Holds the line up no longer, so that HostHasClosed() can tell. Writing and reading are over.
+  void LetGo();
+  /// After LetGo(): true if no host has the port open.
+  bool HostHasClosed() const;
   /// Closes the port under the host.
   void Unplug();
 

@@ -252,6 +252,64 @@ TEST(Program, WithOnceAFailedUpdateIsExitCodeOne) {
   EXPECT_EQ(program.Wait(), 1);
 }
 
+TEST(Program, PlaysTheLinesOfAScenarioAtOnce) {
+  const std::string scenario = TemporaryPath("scenario.toml");
+  const std::string left = TemporaryPath("left");
+  const std::string right = TemporaryPath("right");
+  std::ofstream(scenario) << "[[line]]\nname = 'left'\nonce = true\nbaud = 0\ndump-flash = '" << left << "'\n"
+                          << "[[line.device]]\nkind = 'sanyo'\n"
+                          << "[[line]]\nname = 'right'\nonce = true\nbaud = 0\ndump-flash = '" << right
+                          << "'\n"
+                          << "[[line.device]]\nkind = 'sanyo'\n[[line.device]]\nkind = 'sanyo'\n";
+  Program program({"--scenario", scenario});
+  const std::string first = program.ReadLine();
+  const std::string second = program.ReadLine();
+  ASSERT_EQ(first.substr(0, 11), "left port: ");
+  ASSERT_EQ(second.substr(0, 12), "right port: ");
+  {
+    // Turn and turn about: the one line ends while the other has still something to do.
+    Port port_right(second.substr(12));
+    EXPECT_TRUE(port_right.Send(Pattern(2048)));
+    {
+      Port port_left(first.substr(11));
+      EXPECT_TRUE(port_left.Send(Pattern(4096)));
+    }
+    EXPECT_TRUE(port_right.Send(Pattern(3072)));
+  }
+  EXPECT_EQ(program.Wait(), 0);
+  EXPECT_EQ(ReadFile(left), Pattern(4096));
+  EXPECT_EQ(ReadFile(right + ".1"), Pattern(2048));
+  EXPECT_EQ(ReadFile(right + ".2"), Pattern(3072));
+  EXPECT_THAT(program.Rest(), testing::AllOf(HasSubstr(" left sanyo: image: 4096 bytes\n"),
+                                             HasSubstr(" right sanyo: image: 3072 bytes\n")));
+  for (const std::string& path : {scenario, left, right + ".1", right + ".2"}) {
+    unlink(path.c_str());
+  }
+}
+
+TEST(Program, OfAScenarioEndsWithTheWorstOfItsLines) {
+  const std::string scenario = TemporaryPath("scenario.toml");
+  std::ofstream(scenario)
+      << "[[line]]\nbaud = 0\nunplug-at = 0.1\n[[line.device]]\nkind = 'sanyo'\n"
+      << "[[line]]\nbaud = 0\nonce = true\nunplug-at = 0.2\n[[line.device]]\nkind = 'can'\n";
+  Program program({"--scenario", scenario});
+  EXPECT_EQ(program.Wait(), 1);
+  unlink(scenario.c_str());
+}
+
+TEST(Program, TellsWhatIsWrongWithAScenario) {
+  const std::string scenario = TemporaryPath("scenario.toml");
+  std::ofstream(scenario) << "[[line]]\nspeed = 1\n[[line.device]]\nkind = 'radio'\n";
+  Program program({"--scenario", scenario});
+  EXPECT_EQ(program.Wait(), 2);
+  EXPECT_THAT(program.Rest(), testing::AllOf(HasSubstr(scenario + ":2:9: unknown key 'speed'."),
+                                             HasSubstr(scenario + ":4:8: 'kind' wants")));
+  Program with_more({"--scenario", scenario, "--once"});
+  EXPECT_EQ(with_more.Wait(), 2);
+  EXPECT_THAT(with_more.Rest(), HasSubstr("no other option goes with it"));
+  unlink(scenario.c_str());
+}
+
 TEST(Program, IdlesWithoutUsingTheProcessor) {
   rusage earlier{};
   getrusage(RUSAGE_CHILDREN, &earlier);
@@ -290,11 +348,11 @@ TEST(Program, HelpNamesEveryOption) {
     help += program.ReadLine() + "\n";
   }
   for (const std::string option :
-       {"--device",     "--baud",         "--link",         "--dump-ram",     "--dump-flash",
-        "--once",       "--version-text", "--ram-base",     "--ram-size",     "--flash-base",
-        "--flash-size", "--refuse",       "--silent-after", "--slow",         "--corrupt-flash",
-        "--checksum",   "--nak-every",    "--nak-eot",      "--damage-every", "--cancel-after",
-        "--faulty",     "--noise",        "--seed",         "--unplug-after"}) {
+       {"--scenario",      "--device",     "--baud",         "--link",         "--dump-ram",
+        "--dump-flash",    "--once",       "--version-text", "--ram-base",     "--ram-size",
+        "--flash-base",    "--flash-size", "--refuse",       "--silent-after", "--slow",
+        "--corrupt-flash", "--checksum",   "--nak-every",    "--nak-eot",      "--damage-every",
+        "--cancel-after",  "--faulty",     "--noise",        "--seed",         "--unplug-after"}) {
     EXPECT_THAT(help, HasSubstr(option));
   }
 }

@@ -1,0 +1,46 @@
+"""Goal: what is shipped is built so that a fault in it is hard to use.
+
+Method: the built files are read with readelf. A build without PERIPHERAL_FORTIFY is not asked for checked calls.
+"""
+import os
+import unittest
+
+from support import BIN, LIBRARIES, PROGRAMS, output_of
+
+
+def readelf(option, name):
+    return output_of("readelf", "-W", option, BIN / name)
+
+
+class Hardening(unittest.TestCase):
+    def test_relocations_are_read_only_before_main(self):
+        for name in PROGRAMS + LIBRARIES:
+            with self.subTest(name):
+                self.assertIn("GNU_RELRO", readelf("-l", name))
+                self.assertRegex(readelf("-d", name), r"\(FLAGS\).*BIND_NOW|\(FLAGS_1\).*NOW")
+
+    def test_the_stack_is_not_executable(self):
+        for name in PROGRAMS + LIBRARIES:
+            with self.subTest(name):
+                self.assertRegex(readelf("-l", name), r"GNU_STACK( +0x0+){5} RW +0x")
+
+    def test_programs_are_position_independent(self):
+        for name in PROGRAMS:
+            with self.subTest(name):
+                self.assertRegex(readelf("-h", name), r"Type: +DYN")
+                self.assertRegex(readelf("-d", name), r"\(FLAGS_1\).*PIE")
+
+    def test_stacks_are_guarded(self):
+        for name in PROGRAMS + LIBRARIES:
+            with self.subTest(name):
+                self.assertIn("__stack_chk_fail", readelf("--dyn-syms", name))
+
+    @unittest.skipUnless("FORTIFIED" in os.environ, "SKIPPED: this build is not made with PERIPHERAL_FORTIFY")
+    def test_calls_with_buffers_are_checked(self):
+        for name in PROGRAMS + LIBRARIES:
+            with self.subTest(name):
+                self.assertRegex(readelf("--dyn-syms", name), r"__\w+_chk\b(?<!__stack_chk)")
+
+
+if __name__ == "__main__":
+    unittest.main()

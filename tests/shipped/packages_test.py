@@ -1,0 +1,117 @@
+"""Goal: who installs the packages has everything that a host of their own needs.
+
+Method: the packages are made and unpacked below an empty folder; a small host that knows nothing of this tree is built
+with what lies there, once by CMake and once by pkg-config, and updates a simulated device with it.
+"""
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+from support import BUILD, CXX, SOURCE, output_of
+
+FOREIGN = SOURCE / "tests" / "shipped" / "foreign"
+IMAGE = bytes(range(256)) * 20
+
+
+class Packages(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.work = pathlib.Path(tempfile.mkdtemp(prefix="peripheral-"))
+        cls.addClassCleanup(shutil.rmtree, cls.work)
+        output_of("cpack", "--config", BUILD / "CPackConfig.cmake", "-B", cls.work / "packages",
+                  "-D", f"CPACK_INSTALL_CMAKE_PROJECTS={BUILD};PeripheralLoader;ALL;/", cwd=cls.work)
+        cls.packages = {path.name.split("_")[0]: path for path in (cls.work / "packages").glob("*.deb")}
+        cls.root = cls.work / "root"
+        for package in cls.packages.values():
+            output_of("dpkg-deb", "-x", package, cls.root)
+        cls.libraries = next(cls.root.rglob("libPeripheralPlatform.so")).parent
+        # As every installation of the foreign host's target would have it.
+        cls.environment = {**os.environ, "LD_LIBRARY_PATH": str(cls.libraries)}
+        for name in ("host_example", "maintenance_example"):
+            output_of("cmake", f"-DDOCUMENT={SOURCE}/docs/INTEGRATORS.md", f"-DNAME={name}.cpp",
+                      f"-DOUTPUT={cls.work}/foreign/{name}.cpp", "-P", SOURCE / "cmake/ExtractExample.cmake")
+        shutil.copy(FOREIGN / "CMakeLists.txt", cls.work / "foreign")
+
+    def field(self, package, name):
+        return output_of("dpkg-deb", "-f", self.packages[package], name).strip()
+
+    def test_there_are_three_that_lean_on_the_first(self):
+        self.assertEqual(sorted(self.packages),
+                         ["libperipheral-loader", "libperipheral-loader-dev", "peripheral-loader-tools"])
+        version = self.field("libperipheral-loader", "Version")
+        self.assertIn("libc6 (>=", self.field("libperipheral-loader", "Depends"))
+        self.assertEqual(self.field("libperipheral-loader-dev", "Depends"), f"libperipheral-loader (= {version})")
+        self.assertIn(f"libperipheral-loader (= {version})", self.field("peripheral-loader-tools", "Depends"))
+        self.assertIn("libstdc++6 (>=", self.field("peripheral-loader-tools", "Depends"))
+
+    def test_nothing_in_them_is_writable_by_others_or_foreign_to_root(self):
+        for package in self.packages.values():
+            for line in output_of("dpkg-deb", "-c", package).splitlines():
+                self.assertRegex(line, r"^[-d]r[w-][x-]r-[x-]r-[x-] root/root ")
+
+    def test_no_file_names_a_folder_to_search_libraries_in_by_an_absolute_path_or_none(self):
+        files = list((self.root / "usr/bin").iterdir()) + list(self.libraries.glob("*.so"))
+        self.assertEqual(len(files), 4)
+        paths = [path for file in files
+                 for path in re.findall(r"\((?:RPATH|RUNPATH)\).*\[(.*)\]", output_of("readelf", "-dW", file))]
+        self.assertEqual(sorted(paths), ["$ORIGIN", f"$ORIGIN/../{self.libraries.relative_to(self.root / 'usr')}"])
+
+    def test_a_user_finds_commands_pages_and_completions(self):
+        for name in ("bin/peripheralctl", "bin/bootloader-simulator", "share/man/man1/peripheralctl.1",
+                     "share/man/man5/bootloader-scenario.5", "share/bash-completion/completions/peripheralctl",
+                     "share/zsh/vendor-completions/_peripheralctl", "share/doc/peripheral-loader-tools/TUTORIAL.md"):
+            self.assertTrue((self.root / "usr" / name).exists(), name)
+
+    def test_the_installed_command_finds_its_module(self):
+        done = subprocess.run([self.root / "usr/bin/peripheralctl", "prepare", "--set", "updatelist=sanyoxmodem"],
+                              text=True, capture_output=True, timeout=30)
+        self.assertEqual(done.returncode, 3, done.stderr)
+        self.assertIn("xmodemsource-image", done.stderr)
+        self.update([self.root / "usr/bin/peripheralctl", "update"], "--set")
+
+    def test_a_foreign_host_by_cmake_updates_a_device(self):
+        build = self.work / "by-cmake"
+        output_of("cmake", "-S", self.work / "foreign", "-B", build, f"-DCMAKE_CXX_COMPILER={CXX}",
+                  f"-DCMAKE_PREFIX_PATH={self.root}/usr")
+        output_of("cmake", "--build", build)
+        module = re.search(r"module: (.*)", (build / "module.txt").read_text())[1]
+        self.assertEqual(pathlib.Path(module), self.libraries / "libPeripheralLoader.so")
+        self.update([build / "host_example", module])
+        done = subprocess.run([build / "maintenance_example"], text=True, capture_output=True, timeout=30,
+                              env=self.environment)
+        self.assertEqual(done.returncode, 2, done.stderr)
+
+    def test_a_foreign_host_by_pkg_config_updates_a_device(self):
+        environment = {**os.environ, "PKG_CONFIG_LIBDIR": str(self.libraries / "pkgconfig")}
+        flags = output_of("pkg-config", "--cflags", "--libs", "peripheral-loader", env=environment).split()
+        module = output_of("pkg-config", "--variable=module", "peripheral-loader", env=environment).strip()
+        host = self.work / "by-pkg-config"
+        output_of(CXX, "-std=c++17", self.work / "foreign/host_example.cpp", "-o", host, *flags)
+        self.update([host, module])
+
+    def update(self, host, before_each_property=None):
+        """Has a host update a simulated device, and looks into the device's memory."""
+        image, port, flash = (self.work / name for name in ("image", "port", "flash"))
+        image.write_bytes(IMAGE)
+        properties = ["updatelist=sanyoxmodem", f"xmodemsource-image={image}", "xmodemspeed=115200",
+                      f"xmodemportname={port}"]
+        words = [word for each in properties for word in ([before_each_property] * bool(before_each_property) + [each])]
+        simulator = subprocess.Popen([self.root / "usr/bin/bootloader-simulator", "--device", "sanyo", "--baud", "0",
+                                      "--once", "--link", port, "--dump-flash", flash], stdout=subprocess.PIPE)
+        try:
+            self.assertIn(b"port: ", simulator.stdout.readline())
+            output_of(*host, *words, env=self.environment)
+            self.assertEqual(simulator.wait(20), 0)
+        finally:
+            simulator.kill()
+            simulator.wait()
+            simulator.stdout.close()
+        self.assertEqual(flash.read_bytes()[:len(IMAGE)], IMAGE)
+
+
+if __name__ == "__main__":
+    unittest.main()
