@@ -103,6 +103,14 @@ std::vector<PlannedDevice> PlanOf(const PropertyMap& properties) {
   return plan;
 }
 
+std::vector<std::string> NamesOf(const std::vector<PlannedDevice>& plan) {
+  std::vector<std::string> names;
+  for (const PlannedDevice& device : plan) {
+    names.push_back(device.name);
+  }
+  return names;
+}
+
 Dialogue::Dialogue(std::vector<PlannedDevice> plan, StepHandler onStep, TransferHandler onTransfer)
     : iPlan(std::move(plan)), iOnStep(std::move(onStep)), iOnTransfer(std::move(onTransfer)) {
   for (std::size_t device = 0; device < iPlan.size(); ++device) {

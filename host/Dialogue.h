@@ -45,6 +45,9 @@ struct PlannedDevice {
 /// The devices that an update list stands for, with the files as large as they are now.
 std::vector<PlannedDevice> PlanOf(const PropertyMap& properties);
 
+/// The devices' names, in the same order.
+std::vector<std::string> NamesOf(const std::vector<PlannedDevice>& plan);
+
 /// Follows an update through the lines that are logged.
 class Dialogue {
  public:

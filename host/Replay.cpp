@@ -12,9 +12,13 @@
 #include <system_error>
 #include <utility>
 
+#include "Dialogue.h"
 #include "Peripherals.h"
 #include "Preflight.h"
+#include "ProgressDisplay.h"
 #include "Report.h"
+#include "SourceFiles.h"
+#include "Terminal.h"
 #include "UpdateRun.h"
 #include "trace/Player.h"
 
@@ -110,9 +114,9 @@ class Replaying final : public RunCompanion {
   explicit Replaying(trace::Player& player) : iPlayer(player) {}
 
   void OnBegin(const std::function<void()>& abort) override { iPlayer.Start(abort); }
-  void OnEnd(const RunResult& result, bool /*moduleGone*/) override {
+  std::string OnEnd(const RunResult& result, bool /*moduleGone*/) override {
     iVerdict = iPlayer.Finish(static_cast<int>(ExitCodeOf(result.outcome)));
-    std::cout << iVerdict->text << std::endl;
+    return "";
   }
 
   const std::optional<trace::Player::Verdict>& Verdict() const { return iVerdict; }
@@ -140,18 +144,21 @@ ExitCode Replay(const std::string& name, const std::string& library, bool fast) 
   const Scratch scratch;
   const PropertyMap properties = Rebuild(trace::Understand(trace), scratch, player.PortName());
   if (const Faults faults = CheckProperties(properties); !faults.empty()) {
-    std::cerr << "peripheralctl: the trace does not tell what is needed for a run: " << faults.front()
+    std::cerr << "peripheralctl: the trace does not tell what is needed for a run: " << faults.front().text
               << std::endl;
     return ExitCode::TraceBroken;
   }
   std::cout << "Replaying " << name << ": the device's side comes from the trace." << std::endl;
   Replaying replaying(player);
-  const ExitCode code =
-      UpdateRun{Goal::Update, {}, library, kFeatureId, properties, std::cerr, "", std::nullopt, &replaying}
-          .Execute();
+  ProgressDisplay display(std::cout, std::cerr, LookOfStandardOutput(), NamesOf(PlanOf(properties)));
+  const SourceFiles files(properties);
+  const ExitCode code = UpdateRun{Goal::Update, {},      {},        library, kFeatureId,   properties, files,
+                                  {},           display, std::cerr, "",      std::nullopt, &replaying}
+                            .Execute();
   if (!replaying.Verdict()) {
     return code;
   }
+  std::cout << replaying.Verdict()->text << std::endl;
   return replaying.Verdict()->departs ? ExitCode::ReplayDeparts : ExitCode::Success;
 }
 

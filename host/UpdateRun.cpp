@@ -176,7 +176,8 @@ ExitCode UpdateRun::Execute() const {
                      "' is incomplete: it could not be written. Is the disk full?");
   }
   if (companion != nullptr) {
-    if (const std::string fault = companion->OnEnd(ended, stopped); !fault.empty()) {
+    fault = companion->OnEnd(ended, stopped);
+    if (!fault.empty()) {
       output.OnWarning(fault);
     }
   }

@@ -52,10 +52,7 @@ Configuration Gather(const Options& options, Faults& faults) {
 }
 
 std::unique_ptr<Output> MakeOutput(bool json, const PropertyMap& properties) {
-  std::vector<std::string> devices;
-  for (const PlannedDevice& device : PlanOf(properties)) {
-    devices.push_back(device.name);
-  }
+  const std::vector<std::string> devices = NamesOf(PlanOf(properties));
   if (json) {
     return std::make_unique<JsonOutput>(std::cout, devices);
   }
