@@ -78,7 +78,7 @@ ExitCode ExitCodeOf(const Faults& faults) {
 std::string DescribeExitCodes() {
   std::string text = "Exit codes:\n";
   for (const Description& description : kDescriptions) {
-    text += fmt::format("  {:<2}  {}\n", static_cast<int>(description.code), description.meaning);
+    text += fmt::format("  {:2}  {}\n", static_cast<int>(description.code), description.meaning);
   }
   return text;
 }

@@ -91,7 +91,7 @@ TEST_F(CommandLine, HelpShowsExamplesAndExitCodesAndIsASuccess) {
     EXPECT_FALSE(Parse(arguments));
     EXPECT_EQ(iExitCode, 0);
     EXPECT_THAT(iOut.str(), HasSubstr("Examples:\n  peripheralctl prepare --config"));
-    EXPECT_THAT(iOut.str(), HasSubstr("  8   no result in time\n"));
+    EXPECT_THAT(iOut.str(), HasSubstr("   8  no result in time\n"));
   }
 }
 
