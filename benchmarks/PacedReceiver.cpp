@@ -21,25 +21,30 @@
 #include <string>
 
 #include "Descriptor.h"
+#include "simulator/Xmodem.h"
 
 namespace {
+
+using simulator::kAck;
+using simulator::kCan;
+using simulator::kCrcRequest;
+using simulator::kEot;
+using simulator::kLongBlock;
+using simulator::kNak;
+using simulator::kShortBlock;
+using simulator::kSoh;
+using simulator::kStx;
 
 using Nanos = std::int64_t;
 
 constexpr Nanos kSecond = 1'000'000'000;
-constexpr Nanos kSolicitEvery = kSecond;
+// Often, so that a sender's start is measured and not when it falls between two of these.
+constexpr Nanos kSolicitEvery = kSecond / 5;
 constexpr Nanos kSilence = 10 * kSecond;
 // Sleeping is for waits that are longer than this; the scheduler may take as long to wake a sleeper.
 constexpr Nanos kTooShortToSleep = 400'000;
 // How long a turn is watched without a pause, before the program sleeps until something comes.
 constexpr Nanos kWatchfulFor = 2'000'000;
-
-constexpr std::uint8_t kSoh = 0x01;
-constexpr std::uint8_t kStx = 0x02;
-constexpr std::uint8_t kEot = 0x04;
-constexpr std::uint8_t kAck = 0x06;
-constexpr std::uint8_t kNak = 0x15;
-constexpr std::uint8_t kCan = 0x18;
 
 Nanos Now() {
   timespec now{};
@@ -208,7 +213,7 @@ class Transfer {
       if (start != kSoh && start != kStx) {
         Give("a block begins with a byte that begins none");
       }
-      TakeBlock(start == kSoh ? 128 : 1024);
+      TakeBlock(start == kSoh ? kShortBlock : kLongBlock);
       start = NextByte();
     }
     iUart.Send(kAck);
@@ -226,8 +231,10 @@ class Transfer {
 
  private:
   int Solicit(int patience_s) {
-    for (int tries = 0; tries < patience_s; ++tries) {
-      iUart.Send('C');
+    // What a device says before the port is open would be lost on a real line.
+    SleepUntil(Now() + kSolicitEvery);
+    for (Nanos tries = 0; tries < patience_s * kSecond / kSolicitEvery; ++tries) {
+      iUart.Send(kCrcRequest);
       const int byte = iUart.Receive(Now() + kSolicitEvery);
       if (byte != -1) {
         return byte;
@@ -241,20 +248,20 @@ class Transfer {
     return byte != -1 ? byte : (Give("the sender is silent"), -1);
   }
 
-  void TakeBlock(int size) {
+  void TakeBlock(std::size_t size) {
     static const std::array<std::uint16_t, 256> table = MakeCrcTable();
-    std::array<std::uint8_t, 1024> data;
+    std::array<std::uint8_t, kLongBlock> data;
     const int number = NextByte();
     const int complement = NextByte();
     unsigned crc = 0;
-    for (int i = 0; i < size; ++i) {
+    for (std::size_t i = 0; i < size; ++i) {
       const int byte = NextByte();
-      data[static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(byte);
+      data[i] = static_cast<std::uint8_t>(byte);
       crc = ((crc << 8) & 0xFFFF) ^ table[((crc >> 8) ^ static_cast<unsigned>(byte)) & 0xFF];
     }
     const int high = NextByte();
     const int low = NextByte();
-    iLineBytes += 3 + size + 2 + 1;
+    iLineBytes += static_cast<std::int64_t>(3 + size + 2 + 1);
     if (number + complement != 255 || static_cast<unsigned>((high << 8) | low) != crc) {
       ++iNaks;
       iUart.Send(kNak);
@@ -262,9 +269,9 @@ class Transfer {
     }
     if (number == ((iBlocks + 1) & 0xFF)) {
       ++iBlocks;
-      iPayload += size;
+      iPayload += static_cast<std::int64_t>(size);
       if (iOut != nullptr) {
-        std::fwrite(data.data(), 1, static_cast<std::size_t>(size), iOut);
+        std::fwrite(data.data(), 1, size, iOut);
       }
     }
     iUart.Send(kAck);
