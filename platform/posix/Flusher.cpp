@@ -37,16 +37,15 @@ bool CFlusher::CallAt(TMoment due, IGatherer& gatherer) {
   }
   Forget(gatherer);
   iCalls.push_back({due, &gatherer});
-  SetTimer();
+  if (due < iTimerSetFor) {
+    SetTimer();
+  }
   return true;
 }
 
 void CFlusher::Cancel(const IGatherer& gatherer) {
   const std::lock_guard<std::mutex> lock(iMutex);
-  if (iTimer.IsOpen()) {
-    Forget(gatherer);
-    SetTimer();
-  }
+  Forget(gatherer);
 }
 
 void CFlusher::Forget(const IGatherer& gatherer) {
@@ -61,8 +60,10 @@ std::vector<CFlusher::TCall>::iterator CFlusher::First() {
 
 void CFlusher::SetTimer() {
   itimerspec first{};
+  iTimerSetFor = TMoment::max();
   if (!iCalls.empty()) {
-    const auto due = First()->due.time_since_epoch();
+    iTimerSetFor = First()->due;
+    const auto due = iTimerSetFor.time_since_epoch();
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(due);
     first.it_value.tv_sec = static_cast<time_t>(seconds.count());
     first.it_value.tv_nsec = static_cast<long>(std::chrono::nanoseconds(due - seconds).count());

@@ -20,7 +20,8 @@ class IGatherer {
 };
 
 /// A thread that sleeps until something is due. There is one per process, begun when it is needed first, and
-/// it ends with the process. A call that is cancelled in time does not wake it.
+/// it ends with the process. Cancelling a call costs no system call, nor does asking for one that is later
+/// than the timer's moment: the thread wakes then, finds nothing due and sets the timer anew.
 class CFlusher {
  public:
   /// The one of this process, be it a child of another.
@@ -49,7 +50,8 @@ class CFlusher {
   void SetTimer();
 
   std::mutex iMutex;
-  // Goes off at the first moment in iCalls.
+  // Goes off at the first moment in iCalls at the latest.
   CDescriptor iTimer;
+  TMoment iTimerSetFor = TMoment::max();
   std::vector<TCall> iCalls;
 };
