@@ -17,6 +17,7 @@
 #include "JsonOutput.h"
 #include "OutputFile.h"
 #include "Peripherals.h"
+#include "Ports.h"
 #include "Preflight.h"
 #include "ProgressDisplay.h"
 #include "Terminal.h"
@@ -111,6 +112,10 @@ ExitCode Run(const Options& options, const Configuration& configuration, const S
 }
 
 ExitCode Execute(const Options& options) {
+  if (options.listPorts) {
+    MakeOutput(options.json, {})->OnPorts(FindPorts());
+    return ExitCode::Success;
+  }
   Faults faults;
   const Configuration configuration = Gather(options, faults);
   const PropertyMap& properties = configuration.properties;
