@@ -34,6 +34,11 @@ struct RawOptions {
   int retryPause_s = 3;
 };
 
+void AddJson(CLI::App& command, RawOptions& raw) {
+  command.add_flag("--json", raw.options.json,
+                   "Print one JSON object a line on standard output, and nothing else there");
+}
+
 void AddOptions(CLI::App& command, RawOptions& raw) {
   command.add_option("--config", raw.options.configFile, "Configuration file (TOML)")->type_name("FILE");
   command
@@ -55,8 +60,7 @@ void AddOptions(CLI::App& command, RawOptions& raw) {
                   "preparing, 90 while updating, 10 while aborting)")
       ->type_name("SECONDS")
       ->check(CLI::Range(1, kMaxTimeout_s));
-  command.add_flag("--json", raw.options.json,
-                   "Print one JSON object a line on standard output, and nothing else there");
+  AddJson(command, raw);
   command.add_flag("--require-digest", raw.options.requireDigest,
                    "Refuse a file that has no digest under [sha256]");
   command.add_flag("--trust-config", raw.options.trustConfig,
@@ -88,6 +92,7 @@ void AddRetries(CLI::App& update, RawOptions& raw) {
 
 std::string Footer() {
   return "Examples:\n"
+         "  peripheralctl ports\n"
          "  peripheralctl prepare --config can.toml\n"
          "  peripheralctl update --config can.toml --set xmodemportname=/dev/ttyUSB0\n"
          "  peripheralctl update --config can.toml --log-level info --log-file update.log\n"
@@ -144,7 +149,7 @@ std::string MissingCommand(int argc, const char* const* argv) {
     return "say what to do with which trace: trace show FILE or trace replay FILE.";
   }
   const std::string instead = argc > 1 ? std::string(", not '") + argv[1] + "'" : "";
-  return "say what to do: update, prepare or trace" + instead + ".";
+  return "say what to do: update, prepare, ports or trace" + instead + ".";
 }
 
 int BadUsage(std::ostream& err, const std::string& what) {
@@ -166,6 +171,9 @@ std::optional<Options> ParseCommandLine(int argc, const char* const* argv, std::
   CLI::App* update = app.add_subcommand("update", "Prepare the peripherals, then send them their firmware");
   AddRetries(*update, raw);
   CLI::App* prepare = app.add_subcommand("prepare", "Check settings, files and port; send nothing");
+  CLI::App* ports =
+      app.add_subcommand("ports", "List the serial ports, who holds them and who may disturb them");
+  AddJson(*ports, raw);
   for (CLI::App* command : {update, prepare}) {
     AddOptions(*command, raw);
     command->footer(Footer());
@@ -187,7 +195,8 @@ std::optional<Options> ParseCommandLine(int argc, const char* const* argv, std::
   if (raw.options.trace.action != trace::TraceOptions::Action::None) {
     return raw.options;
   }
-  if (raw.options.configFile.empty() && raw.options.settings.empty()) {
+  raw.options.listPorts = ports->parsed();
+  if (!raw.options.listPorts && raw.options.configFile.empty() && raw.options.settings.empty()) {
     exitCode = BadUsage(err, "name a configuration file with --config, or set the properties with --set.");
     return std::nullopt;
   }

@@ -27,6 +27,7 @@ struct Options {
   bool requireDigest = false;
   bool trustConfig = false;
   bool json = false;
+  bool listPorts = false;  ///< that alone; everything else but `json` is without effect then
   std::optional<std::string> library;
   std::optional<std::string> featureId;
 };

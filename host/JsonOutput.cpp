@@ -64,12 +64,35 @@ const char* Name(Outcome outcome) {
   return "";
 }
 
+const char* Name(ModemManagerRisk risk) {
+  switch (risk) {
+    case ModemManagerRisk::NotRunning:
+      return "not-running";
+    case ModemManagerRisk::KeptAway:
+      return "kept-away";
+    case ModemManagerRisk::Unlikely:
+      return "unlikely";
+    case ModemManagerRisk::Likely:
+      return "likely";
+  }
+  return "";
+}
+
 Json ErrorFields(ErrorCode code, const std::string& message) {
   const ErrorDescription& description = Describe(code);
   return {{"code", description.name},
           {"message", message},
           {"cause", description.cause},
           {"advice", description.advice}};
+}
+
+void WriteUntouched(std::ostream& out, const char* outcome, ExitCode exitCode) {
+  Write(out, "result",
+        {{"outcome", outcome},
+         {"exit_code", static_cast<int>(exitCode)},
+         {"code", nullptr},
+         {"device_touched", false},
+         {"reasons", Json::array()}});
 }
 
 Json WithDevice(std::size_t device, const std::vector<std::string>& devices) {
@@ -118,6 +141,24 @@ void JsonOutput::OnTransfer(const Transfer& transfer, const Pace& pace) {
   Write(iOut, "transfer", fields);
 }
 
+void JsonOutput::OnPorts(const std::vector<Port>& ports) {
+  for (const Port& port : ports) {
+    Json holders = Json::array();
+    for (const PortHolder& holder : port.holders) {
+      holders.push_back({{"pid", holder.pid}, {"name", holder.name}});
+    }
+    Write(iOut, "port",
+          {{"device", port.device},
+           {"stable_names", port.stableNames},
+           {"adapter", port.adapter},
+           {"holders", holders},
+           {"access", port.mayBeOpened},
+           {"group", port.group},
+           {"modem_manager", Name(port.modemManager)}});
+  }
+  WriteUntouched(iOut, "succeeded", ExitCode::Success);
+}
+
 void JsonOutput::OnFaults(const Faults& faults) {
   for (const Fault& fault : faults) {
     Write(iOut, "error", ErrorFields(fault.code, fault.text));
@@ -129,12 +170,7 @@ void JsonOutput::OnWarning(const std::string& text) {
 }
 
 void JsonOutput::OnRefusal(ExitCode exitCode) {
-  Write(iOut, "result",
-        {{"outcome", "refused"},
-         {"exit_code", static_cast<int>(exitCode)},
-         {"code", nullptr},
-         {"device_touched", false},
-         {"reasons", Json::array()}});
+  WriteUntouched(iOut, "refused", exitCode);
 }
 
 void JsonOutput::OnResult(const RunResult& result, ExitCode exitCode) {

@@ -5,10 +5,12 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "Dialogue.h"
 #include "ExitCode.h"
 #include "Fault.h"
+#include "Ports.h"
 #include "Report.h"
 #include "UpdateController.h"
 
@@ -25,6 +27,8 @@ class Output : public UpdateListener {
  public:
   virtual void OnStep(const DialogueStep& step) = 0;
   virtual void OnTransfer(const Transfer& transfer, const Pace& pace) = 0;
+  /// The ports that there are: all that such a run tells.
+  virtual void OnPorts(const std::vector<Port>& ports) = 0;
   /// What is wrong and keeps the update from being begun.
   virtual void OnFaults(const Faults& faults) = 0;
   /// What is wrong but changes nothing.

@@ -2,14 +2,12 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <grp.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <limits>
 #include <set>
@@ -17,6 +15,7 @@
 #include <system_error>
 
 #include "Digest.h"
+#include "Groups.h"
 #include "Peripherals.h"
 
 namespace host {
@@ -59,14 +58,6 @@ std::string KnownEntries() {
 
 std::string Reason() {
   return std::generic_category().message(errno);
-}
-
-std::string GroupName(gid_t id) {
-  struct group entry = {};
-  struct group* found = nullptr;
-  std::array<char, 4096> names = {};
-  getgrgid_r(id, &entry, names.data(), names.size(), &found);
-  return found != nullptr ? found->gr_name : std::to_string(id);
 }
 
 // The master side of a pseudo-terminal passes for a terminal too, but only its other side is a port.
@@ -267,10 +258,10 @@ class Checker {
       Fault(ErrorCode::PropertyInvalid,
             "{}: the port name is empty; name the serial device, such as /dev/ttyUSB0.", key);
     } else if (stat(port.c_str(), &status) != 0) {
-      Fault(
-          ErrorCode::PortMissing,
-          "{}: cannot find the port \"{}\": {}.{} Is the adapter plugged in? 'ls /dev/tty*' lists the ports.",
-          key, port, Reason(), HintOnPortName(port));
+      Fault(ErrorCode::PortMissing,
+            "{}: cannot find the port \"{}\": {}.{} Is the adapter plugged in? 'peripheralctl ports' lists "
+            "the ports.",
+            key, port, Reason(), HintOnPortName(port));
     } else if (!S_ISCHR(status.st_mode)) {
       FaultOfNoSerialPort(key, port);
     } else {

@@ -112,6 +112,10 @@ void ProgressDisplay::OnTransfer(const Transfer& transfer, const Pace& pace) {
   }
 }
 
+void ProgressDisplay::OnPorts(const std::vector<Port>& ports) {
+  iOut << DescribePorts(ports) << std::flush;
+}
+
 void ProgressDisplay::OnFaults(const Faults& faults) {
   for (const Fault& fault : faults) {
     iErr << "peripheralctl: " << fault.text << std::endl;

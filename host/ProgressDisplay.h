@@ -30,6 +30,7 @@ class ProgressDisplay final : public Output {
   void OnRetry(int attempt, const Retries& retries) override;
   void OnStep(const DialogueStep& step) override;
   void OnTransfer(const Transfer& transfer, const Pace& pace) override;
+  void OnPorts(const std::vector<Port>& ports) override;
   void OnFaults(const Faults& faults) override;
   void OnWarning(const std::string& text) override;
   void OnRefusal(ExitCode exitCode) override;

@@ -17,6 +17,7 @@
 #include "JsonOutput.h"
 #include "OutputFile.h"
 #include "Peripherals.h"
+#include "Ports.h"
 #include "Preflight.h"
 #include "ProgressDisplay.h"
 #include "Replay.h"
@@ -129,6 +130,10 @@ ExitCode Run(const Options& options, const Configuration& configuration, const S
 ExitCode Execute(const Options& options) {
   if (options.trace.action != trace::TraceOptions::Action::None) {
     return ExecuteTrace(options.trace);
+  }
+  if (options.listPorts) {
+    MakeOutput(options.json, {})->OnPorts(FindPorts());
+    return ExitCode::Success;
   }
   Faults faults;
   const Configuration configuration = Gather(options, faults);

@@ -21,6 +21,7 @@ peripheral_test(host_tests LABEL unit TIMEOUT 120
     unit/host/JsonOutputTest.cpp
     unit/host/OutputFileTest.cpp
     unit/host/PeripheralctlTest.cpp
+    unit/host/PortsTest.cpp
     unit/host/PreflightTest.cpp
     unit/host/ProgressDisplayTest.cpp
     unit/host/PropertyStoreTest.cpp
@@ -38,4 +39,5 @@ test_starts(host_tests PERIPHERALCTL peripheralctl)
 add_dependencies(host_tests FakeModule WrongTypeModule NoTypeModule NoCreateModule)
 target_compile_definitions(host_tests PRIVATE
   DOCUMENTS="${PROJECT_SOURCE_DIR}/docs"
+  UDEV_RULES="${PROJECT_SOURCE_DIR}/packaging/78-peripheral-loader.rules"
   FAKE_MODULES="${CMAKE_BINARY_DIR}/fakes/")

@@ -77,6 +77,14 @@ TEST_F(CommandLine, AnUpdateMayBeRetriedAndTellPrograms) {
   EXPECT_TRUE(options->json);
 }
 
+TEST_F(CommandLine, PortsNeedNoConfiguration) {
+  const auto options = Parse({"ports", "--json"});
+  ASSERT_TRUE(options) << iErr.str();
+  EXPECT_TRUE(options->listPorts);
+  EXPECT_TRUE(options->json);
+  EXPECT_FALSE(Parse({"update", "--config", "c"})->listPorts);
+}
+
 TEST_F(CommandLine, LogLevels) {
   EXPECT_EQ(Parse({"update", "--set", "a=1", "--log-level", "interface"})->logLevel, logging::EInterface);
   EXPECT_EQ(Parse({"update", "--set", "a=1", "--log-level", "always"})->logLevel, logging::EAlways);
@@ -90,7 +98,7 @@ TEST_F(CommandLine, HelpShowsExamplesAndExitCodesAndIsASuccess) {
        {std::vector<const char*>{"--help"}, std::vector<const char*>{"update", "--help"}}) {
     EXPECT_FALSE(Parse(arguments));
     EXPECT_EQ(iExitCode, 0);
-    EXPECT_THAT(iOut.str(), HasSubstr("Examples:\n  peripheralctl prepare --config"));
+    EXPECT_THAT(iOut.str(), HasSubstr("Examples:\n  peripheralctl ports\n  peripheralctl prepare --config"));
     EXPECT_THAT(iOut.str(), HasSubstr("   8  no result in time\n"));
   }
 }
@@ -103,8 +111,8 @@ TEST_F(CommandLine, VersionIsOneLine) {
 
 TEST_F(CommandLine, AWrongOneIsRefusedWithAHint) {
   const std::vector<std::pair<std::vector<const char*>, const char*>> wrong = {
-      {{}, "say what to do: update, prepare or trace."},
-      {{"upgrade"}, "say what to do: update, prepare or trace, not 'upgrade'."},
+      {{}, "say what to do: update, prepare, ports or trace."},
+      {{"upgrade"}, "say what to do: update, prepare, ports or trace, not 'upgrade'."},
       {{"update"}, "--config"},
       {{"update", "--config"}, "--config"},
       {{"update", "--config", "c", "--bogus"}, "--bogus"},

@@ -155,6 +155,29 @@ TEST_F(JsonOutputTest, EveryOutcomeHasItsName) {
   }
 }
 
+TEST_F(JsonOutputTest, APortIsToldWithAllThatIsKnown) {
+  using host::ModemManagerRisk;
+  const std::pair<ModemManagerRisk, const char*> risks[] = {{ModemManagerRisk::NotRunning, "not-running"},
+                                                            {ModemManagerRisk::KeptAway, "kept-away"},
+                                                            {ModemManagerRisk::Unlikely, "unlikely"},
+                                                            {ModemManagerRisk::Likely, "likely"}};
+  for (const auto& [risk, name] : risks) {
+    iOutput.OnPorts(
+        {{"/dev/ttyUSB0", {"/dev/serial/by-id/a"}, "an adapter", {{12, "minicom"}}, true, "dialout", risk}});
+    const json lines = Lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0], (json{{"event", "port"},
+                              {"device", "/dev/ttyUSB0"},
+                              {"stable_names", {"/dev/serial/by-id/a"}},
+                              {"adapter", "an adapter"},
+                              {"holders", {{{"pid", 12}, {"name", "minicom"}}}},
+                              {"access", true},
+                              {"group", "dialout"},
+                              {"modem_manager", name}}));
+    EXPECT_EQ(lines[1]["outcome"], "succeeded");
+  }
+}
+
 TEST_F(JsonOutputTest, AWarningChangesNothing) {
   iOutput.OnWarning("the log is incomplete");
   EXPECT_EQ(Line(), (json{{"event", "warning"}, {"text", "the log is incomplete"}}));

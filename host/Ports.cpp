@@ -1,0 +1,235 @@
+#include "Ports.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <charconv>
+#include <filesystem>
+#include <fstream>
+#include <system_error>
+
+#include "Groups.h"
+#include "Logging.h"
+
+namespace host {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kModemManager = "ModemManager";
+// What the kernel says of a UART that is not there.
+constexpr const char* kUnknownType = "0";
+
+std::vector<fs::path> EntriesOf(const fs::path& folder) {
+  std::error_code error;
+  std::vector<fs::path> entries;
+  for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
+    entries.push_back(it->path());
+  }
+  std::sort(entries.begin(), entries.end());
+  return entries;
+}
+
+std::string FirstLine(const fs::path& path) {
+  std::ifstream file(path);
+  std::string line;
+  std::getline(file, line);
+  return logging::Printable(line);
+}
+
+std::string TargetOf(const fs::path& link) {
+  std::error_code error;
+  return fs::read_symlink(link, error).string();
+}
+
+int ProcessId(const fs::path& folder) {
+  const std::string name = folder.filename().string();
+  int pid = 0;
+  const auto result = std::from_chars(name.data(), name.data() + name.size(), pid);
+  return result.ec == std::errc() && result.ptr == name.data() + name.size() ? pid : 0;
+}
+
+// Looks at one machine's folders.
+class Machine {
+ public:
+  explicit Machine(std::string root) : iRoot(std::move(root)), iModemManagerRuns(Runs(kModemManager)) {}
+
+  std::vector<Port> Ports() const {
+    std::vector<Port> ports;
+    for (const fs::path& entry : EntriesOf(iRoot + "/sys/class/tty")) {
+      if (IsPort(entry)) {
+        ports.push_back(Look(entry));
+      }
+    }
+    return ports;
+  }
+
+ private:
+  static bool IsPort(const fs::path& entry) {
+    std::error_code error;
+    return fs::exists(entry / "device", error) && FirstLine(entry / "type") != kUnknownType;
+  }
+
+  Port Look(const fs::path& entry) const {
+    const std::string device = "/dev/" + entry.filename().string();
+    const fs::path usb = UsbDevice(entry / "device");
+    Port port;
+    port.device = device;
+    port.stableNames = StableNames(device);
+    port.adapter = usb.empty() ? "driver " + Driver(entry) : Adapter(usb);
+    port.holders = Holders(device);
+    port.mayBeOpened = faccessat(AT_FDCWD, (iRoot + device).c_str(), R_OK | W_OK, AT_EACCESS) == 0;
+    port.group = Group(device);
+    port.modemManager = Risk(entry, !usb.empty());
+    return port;
+  }
+
+  static std::string Driver(const fs::path& entry) {
+    const std::string target = TargetOf(entry / "device/driver");
+    return target.empty() ? "unknown" : fs::path(target).filename().string();
+  }
+
+  // The nearest folder above with a vendor; empty when the port is on no USB.
+  fs::path UsbDevice(const fs::path& device) const {
+    std::error_code error;
+    fs::path folder = fs::canonical(device, error);
+    while (!error && folder.has_relative_path()) {
+      if (fs::exists(folder / "idVendor", error)) {
+        return folder;
+      }
+      folder = folder.parent_path();
+    }
+    return {};
+  }
+
+  static std::string Adapter(const fs::path& usb) {
+    std::vector<std::string> words;
+    for (const char* name : {"manufacturer", "product"}) {
+      if (const std::string word = FirstLine(usb / name); !word.empty()) {
+        words.push_back(word);
+      }
+    }
+    const std::string serial = FirstLine(usb / "serial");
+    words.push_back(fmt::format("({}:{}{})", FirstLine(usb / "idVendor"), FirstLine(usb / "idProduct"),
+                                serial.empty() ? "" : ", serial number " + serial));
+    return fmt::format("{}", fmt::join(words, " "));
+  }
+
+  std::vector<std::string> StableNames(const std::string& device) const {
+    std::vector<std::string> names;
+    for (const char* folder : {"/dev/serial/by-id", "/dev/serial/by-path"}) {
+      for (const fs::path& link : EntriesOf(iRoot + folder)) {
+        const std::string name = std::string(folder) + "/" + link.filename().string();
+        if ((fs::path(folder) / TargetOf(link)).lexically_normal() == device) {
+          names.push_back(name);
+        }
+      }
+    }
+    return names;
+  }
+
+  std::vector<PortHolder> Holders(const std::string& device) const {
+    std::vector<PortHolder> holders;
+    for (const fs::path& process : EntriesOf(iRoot + "/proc")) {
+      const int pid = ProcessId(process);
+      if (pid == 0) {
+        continue;
+      }
+      const std::vector<fs::path> files = EntriesOf(process / "fd");
+      if (std::any_of(files.begin(), files.end(),
+                      [&device](const fs::path& file) { return TargetOf(file) == device; })) {
+        holders.push_back({pid, FirstLine(process / "comm")});
+      }
+    }
+    return holders;
+  }
+
+  bool Runs(const std::string& program) const {
+    const std::vector<fs::path> processes = EntriesOf(iRoot + "/proc");
+    return std::any_of(processes.begin(), processes.end(), [&program](const fs::path& process) {
+      return ProcessId(process) != 0 && FirstLine(process / "comm") == program;
+    });
+  }
+
+  std::string Group(const std::string& device) const {
+    struct stat status = {};
+    return stat((iRoot + device).c_str(), &status) == 0 ? GroupName(status.st_gid) : "";
+  }
+
+  ModemManagerRisk Risk(const fs::path& entry, bool onUsb) const {
+    if (!iModemManagerRuns) {
+      return ModemManagerRisk::NotRunning;
+    }
+    if (IsExempt(FirstLine(entry / "dev"))) {
+      return ModemManagerRisk::KeptAway;
+    }
+    return onUsb ? ModemManagerRisk::Likely : ModemManagerRisk::Unlikely;
+  }
+
+  bool IsExempt(const std::string& number) const {
+    std::ifstream data(iRoot + "/run/udev/data/c" + number);
+    for (std::string line; std::getline(data, line);) {
+      if (line == "E:ID_MM_PORT_IGNORE=1" || line == "E:ID_MM_DEVICE_IGNORE=1") {
+        return true;
+      }
+    }
+    return false;
+  }
+
+  const std::string iRoot;
+  const bool iModemManagerRuns;
+};
+
+std::string Describe(const std::vector<PortHolder>& holders) {
+  std::vector<std::string> texts;
+  for (const PortHolder& holder : holders) {
+    texts.push_back(fmt::format("{} (process {})", holder.name, holder.pid));
+  }
+  return texts.empty() ? "nobody that you may see" : fmt::format("{}", fmt::join(texts, ", "));
+}
+
+const char* Describe(ModemManagerRisk risk) {
+  switch (risk) {
+    case ModemManagerRisk::NotRunning:
+      return "does not run";
+    case ModemManagerRisk::KeptAway:
+      return "kept away by a udev rule";
+    case ModemManagerRisk::Unlikely:
+      return "runs, but hardly looks at such a port";
+    case ModemManagerRisk::Likely:
+      return "runs and may talk to the device: install the udev rule of packaging/";
+  }
+  return "";
+}
+
+}  // namespace
+
+std::vector<Port> FindPorts(const std::string& root) {
+  return Machine(root).Ports();
+}
+
+std::string DescribePorts(const std::vector<Port>& ports) {
+  if (ports.empty()) {
+    return "There is no serial port. Is the adapter plugged in?\n";
+  }
+  std::string text;
+  for (const Port& port : ports) {
+    text += port.device + "\n";
+    for (const std::string& name : port.stableNames) {
+      text += fmt::format("  stable name    {}\n", name);
+    }
+    text += fmt::format("  adapter        {}\n", port.adapter);
+    text += fmt::format("  held by        {}\n", Describe(port.holders));
+    text += port.mayBeOpened
+                ? "  access         yes\n"
+                : fmt::format("  access         no: have your user added to the group {}\n", port.group);
+    text += fmt::format("  modem manager  {}\n", Describe(port.modemManager));
+  }
+  return text;
+}
+
+}  // namespace host

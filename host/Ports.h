@@ -1,0 +1,39 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace host {
+
+/// A process that has a port open.
+struct PortHolder {
+  int pid;
+  std::string name;
+};
+
+/// Whether a modem manager, which talks to ports on its own account, may disturb an update.
+enum class ModemManagerRisk {
+  NotRunning,
+  KeptAway,  ///< a udev rule exempts the port
+  Unlikely,  ///< the port is on no bus on which modems come and go
+  Likely,
+};
+
+/// A serial port of this machine, as far as it can be known without opening it.
+struct Port {
+  std::string device;                    ///< such as /dev/ttyUSB0
+  std::vector<std::string> stableNames;  ///< links to it that stay the same when adapters are plugged anew
+  std::string adapter;                   ///< for people: what it is, and its driver if nothing else is known
+  std::vector<PortHolder> holders;       ///< those that the user may see
+  bool mayBeOpened;                      ///< by the user, as far as permissions go
+  std::string group;                     ///< whom the device belongs to
+  ModemManagerRisk modemManager;
+};
+
+/// The serial ports of this machine, by name. `root` stands before every path that is looked at.
+std::vector<Port> FindPorts(const std::string& root = "");
+
+/// The ports for people, with a line break at the end.
+std::string DescribePorts(const std::vector<Port>& ports);
+
+}  // namespace host

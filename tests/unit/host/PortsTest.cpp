@@ -1,0 +1,179 @@
+// Goal: people see which ports there are, what hangs on them, and what stands in their way, without a port
+// being opened. Method: a machine's folders, made up in a folder of the test's own.
+#include "Ports.h"
+
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <sstream>
+
+#include "TemporaryFolder.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using host::FindPorts;
+using host::ModemManagerRisk;
+using host::Port;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+constexpr const char* kUsb = "sys/devices/usb1/1-2";
+
+class Ports : public testing::Test {
+ protected:
+  Ports() {
+    fs::permissions(iFolder.Path(""), fs::perms::owner_all | fs::perms::group_exec | fs::perms::others_exec);
+    Write(std::string(kUsb) + "/idVendor", "0403\n");
+    Write(std::string(kUsb) + "/idProduct", "6001\n");
+    Write(std::string(kUsb) + "/manufacturer", "FTDI\n");
+    Write(std::string(kUsb) + "/product", "FT232R USB UART\n");
+    Write(std::string(kUsb) + "/serial", "A1\n");
+    AddPort("ttyUSB0", std::string(kUsb) + "/1-2:1.0/ttyUSB0", "188:0");
+  }
+
+  void Write(const std::string& path, const std::string& content) const {
+    fs::create_directories(fs::path(iFolder.Path(path)).parent_path());
+    iFolder.File(path, content);
+  }
+
+  void Link(const std::string& path, const std::string& target) const {
+    fs::create_directories(fs::path(iFolder.Path(path)).parent_path());
+    fs::create_symlink(target, iFolder.Path(path));
+  }
+
+  void AddPort(const std::string& name, const std::string& device, const std::string& number) const {
+    fs::create_directories(iFolder.Path(device));
+    Link("sys/class/tty/" + name + "/device", iFolder.Path(device));
+    Write("sys/class/tty/" + name + "/dev", number + "\n");
+    Write("dev/" + name, "");
+  }
+
+  void AddProcess(const std::string& pid, const std::string& name,
+                  const std::string& file = "/dev/null") const {
+    Write("proc/" + pid + "/comm", name + "\n");
+    Link("proc/" + pid + "/fd/0", "/dev/null");
+    Link("proc/" + pid + "/fd/3", file);
+  }
+
+  std::vector<Port> Find() const { return FindPorts(fs::path(iFolder.Path("")).parent_path().string()); }
+
+  Port FindOne() const {
+    const std::vector<Port> ports = Find();
+    EXPECT_EQ(ports.size(), 1u);
+    return ports.empty() ? Port() : ports.front();
+  }
+
+  TemporaryFolder iFolder;
+};
+
+TEST_F(Ports, AnAdapterIsNamedByWhatItSaysOfItself) {
+  EXPECT_EQ(FindOne().device, "/dev/ttyUSB0");
+  EXPECT_EQ(FindOne().adapter, "FTDI FT232R USB UART (0403:6001, serial number A1)");
+  fs::remove(iFolder.Path(std::string(kUsb) + "/serial"));
+  fs::remove(iFolder.Path(std::string(kUsb) + "/manufacturer"));
+  EXPECT_EQ(FindOne().adapter, "FT232R USB UART (0403:6001)");
+}
+
+TEST_F(Ports, WhatIsOnNoBusIsNamedByItsDriverAndWhatIsNotThereIsLeftOut) {
+  AddPort("ttyS0", "sys/devices/pnp0/00:04", "4:64");
+  Link("sys/devices/pnp0/00:04/driver", "../../../bus/pnp/drivers/serial");
+  AddPort("ttyS1", "sys/devices/platform/serial8250", "4:65");
+  Write("sys/class/tty/ttyS1/type", "0\n");
+  Write("sys/class/tty/tty0/dev", "4:0\n");
+  const std::vector<Port> ports = Find();
+  ASSERT_EQ(ports.size(), 2u);
+  EXPECT_EQ(ports[0].device, "/dev/ttyS0");
+  EXPECT_EQ(ports[0].adapter, "driver serial");
+  EXPECT_EQ(ports[1].device, "/dev/ttyUSB0");
+}
+
+TEST_F(Ports, StableNamesAreTheLinksThatLeadThere) {
+  Link("dev/serial/by-id/usb-FTDI-A1", "../../ttyUSB0");
+  Link("dev/serial/by-id/usb-other", "../../ttyUSB1");
+  Link("dev/serial/by-path/pci-1", "../../ttyUSB0");
+  EXPECT_THAT(FindOne().stableNames,
+              ElementsAre("/dev/serial/by-id/usb-FTDI-A1", "/dev/serial/by-path/pci-1"));
+}
+
+TEST_F(Ports, HoldersAreTheProcessesThatHaveItOpen) {
+  AddProcess("12", "minicom", "/dev/ttyUSB0");
+  AddProcess("13", "other");
+  AddProcess("notapid", "x", "/dev/ttyUSB0");
+  const Port port = FindOne();
+  ASSERT_EQ(port.holders.size(), 1u);
+  EXPECT_EQ(port.holders[0].pid, 12);
+  EXPECT_EQ(port.holders[0].name, "minicom");
+}
+
+TEST_F(Ports, AccessIsWhatPermissionsSayToTheUser) {
+  EXPECT_TRUE(FindOne().mayBeOpened);
+  ASSERT_EQ(chmod(iFolder.Path("dev/ttyUSB0").c_str(), 0), 0);
+  const bool root = geteuid() == 0;
+  ASSERT_EQ(root ? seteuid(65534) : 0, 0);
+  const std::vector<Port> ports = Find();
+  ASSERT_EQ(root ? seteuid(0) : 0, 0);
+  ASSERT_EQ(ports.size(), 1u);
+  EXPECT_FALSE(ports[0].mayBeOpened);
+}
+
+TEST_F(Ports, AModemManagerIsARiskUnlessARuleKeepsItAway) {
+  AddPort("ttyS0", "sys/devices/pnp0/00:04", "4:64");
+  EXPECT_EQ(Find()[1].modemManager, ModemManagerRisk::NotRunning);
+  AddProcess("99", "ModemManager");
+  EXPECT_EQ(Find()[0].modemManager, ModemManagerRisk::Unlikely);
+  EXPECT_EQ(Find()[1].modemManager, ModemManagerRisk::Likely);
+  Write("run/udev/data/c188:0", "E:ID_BUS=usb\n");
+  EXPECT_EQ(Find()[1].modemManager, ModemManagerRisk::Likely);
+  Write("run/udev/data/c188:0", "E:ID_BUS=usb\nE:ID_MM_PORT_IGNORE=1\n");
+  EXPECT_EQ(Find()[1].modemManager, ModemManagerRisk::KeptAway);
+}
+
+TEST_F(Ports, TheShippedRuleSetsWhatIsLookedFor) {
+  std::ifstream rules(UDEV_RULES);
+  int exempted = 0;
+  for (std::string line; std::getline(rules, line);) {
+    const bool names = line.rfind("ATTRS{idVendor}==\"", 0) == 0;
+    exempted += names ? 1 : 0;
+    EXPECT_TRUE(!names || line.find(", ENV{ID_MM_PORT_IGNORE}=\"1\"") != std::string::npos) << line;
+  }
+  EXPECT_EQ(exempted, 8);
+}
+
+TEST_F(Ports, PeopleGetThemOneBelowTheOther) {
+  EXPECT_EQ(host::DescribePorts({}), "There is no serial port. Is the adapter plugged in?\n");
+  EXPECT_EQ(
+      host::DescribePorts({{"/dev/ttyUSB0",
+                            {"/dev/serial/by-id/a"},
+                            "an adapter",
+                            {{12, "minicom"}, {13, "cat"}},
+                            false,
+                            "dialout",
+                            ModemManagerRisk::KeptAway},
+                           {"/dev/ttyUSB1", {}, "another", {}, true, "root", ModemManagerRisk::Likely}}),
+      "/dev/ttyUSB0\n"
+      "  stable name    /dev/serial/by-id/a\n"
+      "  adapter        an adapter\n"
+      "  held by        minicom (process 12), cat (process 13)\n"
+      "  access         no: have your user added to the group dialout\n"
+      "  modem manager  kept away by a udev rule\n"
+      "/dev/ttyUSB1\n"
+      "  adapter        another\n"
+      "  held by        nobody that you may see\n"
+      "  access         yes\n"
+      "  modem manager  runs and may talk to the device: install the udev rule of packaging/\n");
+  EXPECT_THAT(host::DescribePorts({{"/dev/x", {}, "", {}, true, "", ModemManagerRisk::NotRunning}}),
+              HasSubstr("does not run"));
+  EXPECT_THAT(host::DescribePorts({{"/dev/x", {}, "", {}, true, "", ModemManagerRisk::Unlikely}}),
+              HasSubstr("hardly looks"));
+}
+
+TEST_F(Ports, AMachineWithoutAnyHasNone) {
+  const TemporaryFolder empty;
+  EXPECT_THAT(FindPorts(empty.Path("")), IsEmpty());
+}
+
+}  // namespace
