@@ -21,14 +21,14 @@ constexpr std::size_t KFeatureIdFieldSize = 64;
 
 /// A result, in the processor's byte order.
 struct __attribute__((packed)) TFeatureResultPayload {
-  char featureId[KFeatureIdFieldSize];
-  TBool flag;  ///< ETrue for success
+  char featureId[KFeatureIdFieldSize];  ///< who says it
+  TBool flag;                           ///< ETrue for success
 };
 static_assert(sizeof(TFeatureResultPayload) == 68);
 
 /// How far an installation is over all its peripherals.
 struct __attribute__((packed)) TFeatureProgressPayload {
-  char featureId[KFeatureIdFieldSize];
-  TUint8 percent;
+  char featureId[KFeatureIdFieldSize];  ///< who says it
+  TUint8 percent;                       ///< 0 to 100; 101 behind a Sanyo device's last step
 };
 static_assert(sizeof(TFeatureProgressPayload) == 65);

@@ -17,18 +17,19 @@ enum TLevel : TUint32 { EInterface, EInfo, EWarning, EError, EAlways };
 
 /// One line of the log; everything it points at lives until Write returns.
 struct TLine {
-  TLevel level;
-  TModule module;
-  const char* signature;
-  const char* file;
-  TInt32 line;
-  std::string_view message;
+  TLevel level;              ///< what the line is for
+  TModule module;            ///< who writes it
+  const char* signature;     ///< the function, as the compiler spells it
+  const char* file;          ///< its source file, as the repository names it
+  TInt32 line;               ///< in that file
+  std::string_view message;  ///< what it says, not yet printable
 };
 
 /// Where lines go. Write is never called by two threads at once and must not log itself.
 class ISink {
  public:
   virtual ~ISink() = default;
+  /// Takes one line, which lives until the return.
   virtual void Write(const TLine& line) = 0;
 };
 
@@ -59,19 +60,24 @@ void Write(const TLine& line);
 /// nothing.
 class CMessage {
  public:
+  /// Adds a text.
   CMessage& operator<<(std::string_view text) {
     iText.append(text);
     return *this;
   }
+  /// Adds a text, or nothing for null.
   CMessage& operator<<(const char* text) { return *this << std::string_view(text == nullptr ? "" : text); }
+  /// Adds a platform string, or nothing for null.
   CMessage& operator<<(const TChr* text) { return *this << AsChar(text); }
 
+  /// Adds a number.
   template <typename T, typename = std::enable_if_t<std::is_integral_v<T> || std::is_enum_v<T>>>
   CMessage& operator<<(T number) {
     iText.append(std::to_string(+number));
     return *this;
   }
 
+  /// What has been composed; valid until the next addition.
   std::string_view Text() const { return iText; }
 
  private:
