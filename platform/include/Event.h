@@ -1,4 +1,5 @@
-// The event record that the broker carries.
+/// @file
+/// The event record that the broker carries.
 #pragma once
 
 #include "Types.h"

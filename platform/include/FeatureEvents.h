@@ -1,10 +1,12 @@
-// The events between a software-update controller and a peripheral loader feature, all of type EUserEvent.
+/// @file
+/// The events between a software-update controller and a peripheral loader feature, all of type EUserEvent.
 #pragma once
 
 #include <cstddef>
 
 #include "Types.h"
 
+/// What is said, and who says it to whom: the payload stands behind the colon.
 enum TFeatureEventId : TUint32 {
   EFeatureAnnounce = 200,  ///< feature to controller, once: the feature id's characters
   EPrepareRequest = 201,   ///< controller to feature: the feature id's characters

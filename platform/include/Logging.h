@@ -1,4 +1,5 @@
-// The platform's log: lines with a level, a module, the place they come from and a message.
+/// @file
+/// The platform's log: lines with a level, a module, the place they come from and a message.
 #pragma once
 
 #include <string>
@@ -33,7 +34,9 @@ class ISink {
   virtual void Write(const TLine& line) = 0;
 };
 
+/// The level as a word, such as "Warning".
 const char* Name(TLevel level);
+/// The module as it is spelled above.
 const char* Name(TModule module);
 
 /// The text with its control characters, one byte or two in UTF-8, written as "\x0a" and the like: what a
@@ -46,7 +49,9 @@ std::string Format(const TLine& line);
 
 /// Lines below `lowest` are dropped before their message is composed. Warning at first.
 void SetLowestLevel(TLevel lowest);
+/// What was set last.
 TLevel LowestLevel();
+/// Lines of this level are written.
 bool IsOn(TLevel level);
 
 /// Puts `sink` in the place of the present one and returns that one, which is not used any more after the
@@ -101,8 +106,13 @@ class CMessage {
     }                                       \
   } while (false)
 
+/// Entry and exit of operations that others call.
 #define LOG_INTERFACE(module_, message_) LOG_AT(logging::EInterface, module_, message_)
+/// What happens.
 #define LOG_INFO(module_, message_) LOG_AT(logging::EInfo, module_, message_)
+/// What goes on all the same.
 #define LOG_WARNING(module_, message_) LOG_AT(logging::EWarning, module_, message_)
+/// What has failed.
 #define LOG_ERROR(module_, message_) LOG_AT(logging::EError, module_, message_)
+/// What is written whatever the lowest level is.
 #define LOG_ALWAYS(module_, message_) LOG_WRITE(logging::EAlways, module_, message_)
