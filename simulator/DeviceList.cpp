@@ -113,7 +113,10 @@ std::unique_ptr<DeviceList> MakeDevices(const std::vector<DevicePlan>& plans, bo
       return nullptr;
     }
   }
-  return devices.empty() ? nullptr : std::make_unique<DeviceList>(std::move(devices), once);
+  if (devices.empty()) {
+    return nullptr;
+  }
+  return std::make_unique<DeviceList>(std::move(devices), once);
 }
 
 std::unique_ptr<DeviceList> MakeDevices(const std::string& kinds, const Options& options) {

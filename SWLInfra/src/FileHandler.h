@@ -33,17 +33,24 @@ class __attribute__((visibility("default"))) IFileHandler {
   static constexpr TInt32 iKMaxDecimalDigitsUint32 = 10;  ///< decimal digits of the largest TUint32
   static constexpr TUint8 iKnumberRetriesMount = 3;       ///< attempts to mount or unmount
 
-  /// The C library's function of the same role, with its arguments and results.
+  /// The C library's `fopen`, with its arguments and results.
   static std::FILE* FOpen(const char* path, const char* mode);
+  /// The C library's `fread`, with its arguments and results.
   static std::size_t FRead(void* buffer, std::size_t size, std::size_t count, std::FILE* file);
+  /// The C library's `fwrite`, with its arguments and results.
   static std::size_t FWrite(const void* buffer, std::size_t size, std::size_t count, std::FILE* file);
+  /// The C library's `fgets`, with its arguments and results.
   static char* FGets(char* buffer, int size, std::FILE* file);
+  /// The C library's `fseek`, with its arguments and results.
   static int FSeek(std::FILE* file, long offset, int whence);
+  /// The C library's `feof`, with its arguments and results.
   static int FEof(std::FILE* file);
+  /// The C library's `fclose`, with its arguments and results.
   static int FClose(std::FILE* file);
 
-  /// EFileHndlOk when the file, or the folder, is there, else EFileHndlNotFound.
+  /// EFileHndlOk when the file is there, else EFileHndlNotFound.
   static TFileHndlError FileExists(const TChr* path);
+  /// The same for a folder.
   static TFileHndlError FolderExists(const TChr* path);
 
   /// EFileHndlOk when the path may be written, else EFileHndlNoWritePerm.
@@ -52,10 +59,12 @@ class __attribute__((visibility("default"))) IFileHandler {
   /// EFileHndlOk when the folder was made, else EFileHndlError.
   static TFileHndlError MakeFolder(const TChr* path);
 
-  /// These answer EFileHndlNotFound, and do nothing, when the source is not there; EFileHndlError when the
-  /// platform fails. The existence cache forgets every path that they make or unmake, also when they fail.
+  /// Removes a file. EFileHndlNotFound, with nothing done, when it is not there; EFileHndlError when the
+  /// platform fails. The existence cache forgets every path that is made or unmade, also by a failure.
   static TFileHndlError RemoveFile(const TChr* path);
+  /// Moves a file; the same for its source.
   static TFileHndlError MoveFile(const TChr* from, const TChr* to);
+  /// Copies a file; the same for its source.
   static TFileHndlError CopyFile(const TChr* from, const TChr* to);
 
   /// The file's size in bytes, or -1 when it does not exist, cannot be opened or is larger than the type can
@@ -76,7 +85,9 @@ class __attribute__((visibility("default"))) IFileHandler {
   /// `remount` changes the options of what is mounted there. EFileHndlOk or EFileHndlError.
   static TFileHndlError Mount(const TChr* device, const TChr* mountPoint, TBool remount,
                               TFileSystemFormat format);
+  /// Mount without `remount`.
   static TFileHndlError Mount(const TChr* device, const TChr* mountPoint, TFileSystemFormat format);
+  /// Mount with `remount`.
   static TFileHndlError ReMount(const TChr* device, const TChr* mountPoint, TFileSystemFormat format);
 
   /// Unmounts, makes a new file system on the device and mounts it. A loopback ext2 volume is made as FAT.

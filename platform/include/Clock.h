@@ -1,4 +1,5 @@
-// Time as the features see it.
+/// @file
+/// Time as the features see it.
 #pragma once
 
 #include "Types.h"

@@ -1,4 +1,5 @@
-// The event record that the broker carries.
+/// @file
+/// The event record that the broker carries.
 #pragma once
 
 #include "Types.h"
@@ -10,8 +11,8 @@ enum TEventType : TUint32 { ETimerEvent = 0, EUserEvent = 3 };
 /// points at `length` bytes that belong to the poster. In a timer's filter (type 0, id 0) `length` is the
 /// period in milliseconds and `data` is 1 for a timer that repeats.
 struct TEvent {
-  TUint32 type;
-  TUint32 id;
-  TUint32 length;
-  const void* data;
+  TUint32 type;      ///< of TEventType
+  TUint32 id;        ///< what it says, among the events of its type
+  TUint32 length;    ///< bytes at `data`; of a timer's filter its period in milliseconds
+  const void* data;  ///< belongs to the poster, or to the broker while an event is delivered
 };

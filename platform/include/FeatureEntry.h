@@ -1,4 +1,5 @@
-// What a host looks up in a feature's shared library.
+/// @file
+/// What a host looks up in a feature's shared library.
 #pragma once
 
 #include "IEventBroker.h"

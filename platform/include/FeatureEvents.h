@@ -1,10 +1,12 @@
-// The events between a software-update controller and a peripheral loader feature, all of type EUserEvent.
+/// @file
+/// The events between a software-update controller and a peripheral loader feature, all of type EUserEvent.
 #pragma once
 
 #include <cstddef>
 
 #include "Types.h"
 
+/// What is said, and who says it to whom: the payload stands behind the colon.
 enum TFeatureEventId : TUint32 {
   EFeatureAnnounce = 200,  ///< feature to controller, once: the feature id's characters
   EPrepareRequest = 201,   ///< controller to feature: the feature id's characters
@@ -21,14 +23,14 @@ constexpr std::size_t KFeatureIdFieldSize = 64;
 
 /// A result, in the processor's byte order.
 struct __attribute__((packed)) TFeatureResultPayload {
-  char featureId[KFeatureIdFieldSize];
-  TBool flag;  ///< ETrue for success
+  char featureId[KFeatureIdFieldSize];  ///< who says it
+  TBool flag;                           ///< ETrue for success
 };
 static_assert(sizeof(TFeatureResultPayload) == 68);
 
 /// How far an installation is over all its peripherals.
 struct __attribute__((packed)) TFeatureProgressPayload {
-  char featureId[KFeatureIdFieldSize];
-  TUint8 percent;
+  char featureId[KFeatureIdFieldSize];  ///< who says it
+  TUint8 percent;                       ///< 0 to 100; 101 behind a Sanyo device's last step
 };
 static_assert(sizeof(TFeatureProgressPayload) == 65);

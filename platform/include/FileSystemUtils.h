@@ -17,6 +17,7 @@ class FileSystemUtils {
 
   /// Makes one folder; its parent must be there.
   static TInt CreateDirectory(const Tdes& path);
+  /// Removes a file.
   static TInt InternalRemoveFile(const Tdes& path);
   /// Moves a file, also from one file system to another. An existing destination is replaced.
   static TInt InternalMoveFile(const Tdes& from, const Tdes& to);

@@ -21,6 +21,7 @@ class ISerialPort {
   /// driver has no room for is dropped. The same happens when the process ends by exit() or a return from
   /// main().
   static ISerialPort* Create(const TChr* name, TInt32 speed, TBool hardwareFlowControl, TBool lowLatency);
+  /// What Create is, for those who are given a way to make ports.
   using TCreate = ISerialPort* (*)(const TChr*, TInt32, TBool, TBool);
 
   /// Writes `count` bytes, waiting up to 5 s for room in the driver. `written` receives how many were

@@ -1,3 +1,5 @@
+/// @file
+/// Copies of text that stay within their bounds.
 #pragma once
 
 #include <cstddef>

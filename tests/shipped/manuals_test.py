@@ -61,13 +61,13 @@ class Manuals(unittest.TestCase):
     def test_name_every_property_and_key(self):
         properties = packaged("man/peripheralctl.toml.5").replace("\\-", "-")
         names = re.findall(r'\{"([\w-]+)", +ValueKind', (SOURCE / "host/Peripherals.cpp").read_text())
-        self.assertEqual(len(names), 6)
+        self.assertGreaterEqual(len(names), 6)
         for name in names + ["updatelist"]:
             self.assertIn(f".B {name}\n", properties)
         scenario = packaged("man/bootloader-scenario.5").replace("\\-", "-")
         document = (SOURCE / "docs/SCENARIOS.md").read_text()
         keys = re.findall(r'^ +\{"([\w-]+)",', (SOURCE / "simulator/Scenario.cpp").read_text(), re.M)
-        self.assertEqual(len(keys), 25)
+        self.assertGreaterEqual(len(keys), 25)
         for name in keys:
             self.assertRegex(scenario, rf"(?m)^\.B (?:[\w-]+, )?{name}(?:,|$)")
             self.assertIn(f"`{name}`", document)
