@@ -141,13 +141,12 @@ def update(baud, size, options=(), prefix=(), verb="update", memory=False):
         settings = {"updatelist": "xmodem", "xmodemsource-image": folder / "image",
                     "xmodemsource-loader": folder / "loader", "xmodemportname": folder / "port",
                     "xmodemspeed": baud or 3000000, "xmodemramaddress": "1000", "xmodemflashaddress": "8000"}
-        (folder / "empty.toml").write_text("[properties]\n")
         sets = [part for key, value in settings.items() for part in ("--set", f"{key}={value}")]
         with open(folder / "device", "w") as log:
             device = started([BIN / "bootloader-simulator", "--baud", baud, "--link", folder / "port", "--once",
                               "--dump-flash", folder / "flash"], folder / "port", log)
             try:
-                cost = Cost([*prefix, BIN / "peripheralctl", verb, "--config", folder / "empty.toml", *sets,
+                cost = Cost([*prefix, BIN / "peripheralctl", verb, *sets,
                              *[str(option).replace("FOLDER", name) for option in options]],
                             memory=memory)
                 if verb == "update":
