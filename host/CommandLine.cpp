@@ -6,6 +6,7 @@
 
 #include "ExitCode.h"
 #include "Version.h"
+#include "report/RunReport.h"
 
 namespace host {
 
@@ -76,6 +77,15 @@ void AddRecordingOptions(CLI::App& command, RawOptions& raw) {
           "Record every byte of both directions, with its time, and the log in this file; 'peripheralctl "
           "trace' shows and replays it")
       ->type_name("FILE");
+  command
+      .add_option("--report", raw.options.reportFile,
+                  "Write a report of the run to this file at its end: a page if its name ends in .html, JSON "
+                  "if in .json")
+      ->type_name("FILE")
+      ->check([](const std::string& file) {
+        report::Format format = {};
+        return report::FormatOf(file, format) ? "" : "the name must end in .html or .json";
+      });
 }
 
 void AddRetries(CLI::App& update, RawOptions& raw) {

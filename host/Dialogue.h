@@ -60,8 +60,10 @@ class Dialogue {
   /// Takes the next line, of whatever level. Any thread, but one at a time.
   void Take(const logging::TLine& line);
 
-  /// Why the present attempt has failed, if it has and if the log tells. Any thread.
+  /// Why the latest attempt has failed, or the given one, counted from 1: if it has, and if the log tells.
+  /// Any thread.
   std::optional<Cause> WhyFailed();
+  std::optional<Cause> WhyFailed(std::size_t attempt);
 
  private:
   void StartOver();
@@ -79,7 +81,7 @@ class Dialogue {
   const StepHandler iOnStep;
   const TransferHandler iOnTransfer;
   std::mutex iMutex;
-  std::optional<Cause> iCause;
+  std::vector<std::optional<Cause>> iCauses = {std::nullopt};  ///< by attempt; the first is none
   std::string iStep;
   std::size_t iDevice = 0;
   std::int64_t iTotal = 0;

@@ -1,14 +1,37 @@
 #pragma once
 
-#include <memory>
-#include <ostream>
+#include <sys/types.h>
+
 #include <string>
+#include <string_view>
 
 namespace host {
 
-/// Opens a file to write to its end and creates it if there is none, for its owner to write and for nobody
-/// else. A link that somebody else than the user or root has planted is not followed. Null, and `fault` then
-/// tells people why, when it cannot be opened.
-std::unique_ptr<std::ostream> OpenForAppending(const std::string& path, std::string& fault);
+/// A file that a run leaves behind, written piece by piece without a buffer, so that killing the program
+/// loses nothing that was written. One thread at a time.
+class OutputFile {
+ public:
+  OutputFile() = default;
+  OutputFile(const OutputFile&) = delete;
+  OutputFile& operator=(const OutputFile&) = delete;
+  ~OutputFile();
+
+  /// Makes the file with these permissions, or empties the one that is there; a symbolic link is refused.
+  /// `what` it is called in faults. Returns a fault for people, empty when all is well.
+  std::string Open(const std::string& path, const std::string& what, mode_t mode);
+
+  /// Does nothing when the file was not opened, or has refused once: what would follow a gap is of no use.
+  void Write(std::string_view bytes);
+
+  /// Why the file is incomplete, for people; empty when it is not.
+  const std::string& Fault() const { return iFault; }
+
+ private:
+  void Close();
+
+  int iFile = -1;
+  std::string iName;
+  std::string iFault;
+};
 
 }  // namespace host

@@ -9,10 +9,13 @@
 #include "ExitCode.h"
 #include "Peripherals.h"
 #include "Version.h"
+#include "report/RunReport.h"
 
 namespace host {
 
 namespace {
+
+constexpr mode_t kReadableByAll = 0644;
 
 // Other properties may hold anything, since nobody has checked them.
 std::string ReadProperties(const PropertyMap& properties) {
@@ -50,7 +53,12 @@ RunRecording::RunRecording(Files files, const PropertyMap& properties)
     : iFiles(std::move(files)), iDescription(Describe(properties)) {}
 
 std::string RunRecording::Open() {
-  return iFiles.trace.empty() ? "" : iRecorder.OpenFile(iFiles.trace);
+  std::string fault = iFiles.trace.empty() ? "" : iRecorder.OpenFile(iFiles.trace);
+  if (fault.empty() && !iFiles.report.empty()) {
+    iRecorder.KeepContent();
+    fault = iReport.Open(iFiles.report, "report", kReadableByAll);
+  }
+  return fault;
 }
 
 void RunRecording::OnBegin(const std::function<void()>& /*abort*/) {
@@ -63,7 +71,14 @@ std::string RunRecording::OnEnd(const RunResult& result, bool moduleGone) {
     iRecorder.Stop();
   }
   iRecorder.End(static_cast<int>(ExitCodeOf(result.outcome)), FirstLine(ReportFor(result)));
-  return iRecorder.Fault();
+  if (!iFiles.report.empty()) {
+    const trace::Trace trace = trace::Decode(iRecorder.Content());
+    report::Format format = {};
+    report::FormatOf(iFiles.report, format);
+    iReport.Write(format == report::Format::Json ? report::JsonReport(trace) : report::HtmlReport(trace));
+  }
+  const std::string fault = iRecorder.Fault();
+  return fault.empty() ? iReport.Fault() : fault;
 }
 
 }  // namespace host

@@ -3,6 +3,7 @@
 #include <functional>
 #include <string>
 
+#include "OutputFile.h"
 #include "Report.h"
 #include "UpdateRun.h"
 #include "trace/Recorder.h"
@@ -32,6 +33,7 @@ class RunRecording final : public RunCompanion {
   const Files iFiles;
   const std::string iDescription;
   trace::Recorder iRecorder;
+  OutputFile iReport;
 };
 
 }  // namespace host

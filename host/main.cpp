@@ -15,7 +15,7 @@
 #include "Configuration.h"
 #include "FeatureModule.h"
 #include "JsonOutput.h"
-#include "OutputFile.h"
+#include "LogFile.h"
 #include "Peripherals.h"
 #include "Ports.h"
 #include "Preflight.h"

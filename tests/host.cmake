@@ -19,7 +19,7 @@ peripheral_test(host_tests LABEL unit TIMEOUT 120
     unit/host/EventBrokerTest.cpp
     unit/host/FeatureModuleTest.cpp
     unit/host/JsonOutputTest.cpp
-    unit/host/OutputFileTest.cpp
+    unit/host/LogFileTest.cpp
     unit/host/PeripheralctlTest.cpp
     unit/host/PortsTest.cpp
     unit/host/PreflightTest.cpp
@@ -31,6 +31,7 @@ peripheral_test(host_tests LABEL unit TIMEOUT 120
     unit/host/TransferRateTest.cpp
     unit/host/TrustTest.cpp
     unit/host/UpdateControllerTest.cpp
+    unit/host/report/RunReportTest.cpp
     unit/host/trace/DialogueTest.cpp
     unit/host/trace/RecordTest.cpp
     unit/host/trace/RecorderTest.cpp

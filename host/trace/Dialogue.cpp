@@ -187,6 +187,18 @@ void TakeEnd(Dialogue& dialogue, const std::string& text) {
 
 }  // namespace
 
+const char* Name(Transfer::Result result) {
+  switch (result) {
+    case Transfer::Result::Complete:
+      return "complete";
+    case Transfer::Result::Cancelled:
+      return "cancelled";
+    case Transfer::Result::Unfinished:
+      return "unfinished";
+  }
+  return "";
+}
+
 std::string Transfer::Name() const {
   const std::string said = logging::Printable(text);
   switch (purpose) {

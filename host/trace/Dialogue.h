@@ -31,6 +31,9 @@ struct Transfer {
   std::string Name() const;
 };
 
+/// "complete", "cancelled" or "unfinished".
+const char* Name(Transfer::Result result);
+
 /// What a frame is in its transfer.
 struct Place {
   std::size_t transfer = 0;

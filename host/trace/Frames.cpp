@@ -1,5 +1,6 @@
 #include "trace/Frames.h"
 
+#include <algorithm>
 #include <array>
 #include <numeric>
 #include <optional>
@@ -252,11 +253,16 @@ std::vector<Frame> FramesOf(const Trace& trace) {
   return Decoder().Decode(trace);
 }
 
-std::string_view MessageOf(const Frame& log) {
-  const std::size_t level = log.text.find(' ');
-  const std::size_t module = level == std::string::npos ? level : log.text.find(' ', level + 1);
-  return module == std::string::npos ? std::string_view(log.text)
-                                     : std::string_view(log.text).substr(module + 1);
+LogLine LogLineOf(const Frame& frame) {
+  std::string_view text = frame.text;
+  const auto takeWord = [&text] {
+    const std::string_view word = text.substr(0, text.find(' '));
+    text.remove_prefix(std::min(word.size() + 1, text.size()));
+    return word;
+  };
+  const std::string_view level = takeWord();
+  const std::string_view module = takeWord();
+  return {level, module, text};
 }
 
 }  // namespace host::trace

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "trace/Record.h"
@@ -55,7 +56,14 @@ struct Frame {
 /// the host receives. What the host does not wait for any more is not its rest.
 std::vector<Frame> FramesOf(const Trace& trace);
 
-/// Where the text of a frame that is a log line begins: behind its level and its module.
-std::string_view MessageOf(const Frame& log);
+/// A line of the log; its parts point into the frame.
+struct LogLine {
+  std::string_view level;
+  std::string_view module;
+  std::string_view message;
+};
+
+/// The parts of a frame that is a line of the log.
+LogLine LogLineOf(const Frame& frame);
 
 }  // namespace host::trace

@@ -1,12 +1,8 @@
 #include "trace/Recorder.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <system_error>
 
 namespace host::trace {
 
@@ -20,21 +16,9 @@ std::string Text(const TUint8* bytes, std::size_t count) {
 
 }  // namespace
 
-Recorder::~Recorder() {
-  if (iFile >= 0) {
-    close(iFile);
-  }
-}
-
 std::string Recorder::OpenFile(const std::string& path) {
   const std::lock_guard<std::mutex> lock(iMutex);
-  iFile = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, kOwnerOnly);
-  if (iFile < 0) {
-    return fmt::format("cannot write the trace '{}': {}. Choose another file after --trace.", path,
-                       errno == ELOOP ? "it is a symbolic link" : std::generic_category().message(errno));
-  }
-  iPath = path;
-  return {};
+  return iFile.Open(path, "trace", kOwnerOnly);
 }
 
 void Recorder::Start(const std::string& description) {
@@ -63,7 +47,7 @@ std::string Recorder::Content() {
 
 std::string Recorder::Fault() {
   const std::lock_guard<std::mutex> lock(iMutex);
-  return iFault;
+  return iFile.Fault();
 }
 
 void Recorder::OnOpened(const std::string& name, TUint32 speed) {
@@ -104,22 +88,11 @@ void Recorder::Append(Kind kind, std::string payload) {
   Put(Encode({kind, static_cast<std::uint64_t>(time_us), std::move(payload)}));
 }
 
-// A file that refuses once gets nothing more: what would follow a gap is of no use.
 void Recorder::Put(const std::string& bytes) {
   if (iKeepsContent) {
     iContent += bytes;
   }
-  for (std::size_t put = 0; iFile >= 0 && put < bytes.size();) {
-    const ssize_t count = write(iFile, bytes.data() + put, bytes.size() - put);
-    if (count >= 0) {
-      put += static_cast<std::size_t>(count);
-    } else if (errno != EINTR) {
-      iFault = fmt::format("the trace '{}' is incomplete: {}. Is the disk full?", iPath,
-                           std::generic_category().message(errno));
-      close(iFile);
-      iFile = -1;
-    }
-  }
+  iFile.Write(bytes);
 }
 
 }  // namespace host::trace

@@ -6,6 +6,7 @@
 
 #include "LineObserver.h"
 #include "Logging.h"
+#include "OutputFile.h"
 #include "trace/Record.h"
 
 namespace host::trace {
@@ -17,7 +18,6 @@ class Recorder final : public platform::ILineObserver, public logging::ISink {
   Recorder() = default;
   Recorder(const Recorder&) = delete;
   Recorder& operator=(const Recorder&) = delete;
-  ~Recorder() override;
 
   /// Writes to that file from now on, which only its owner may read, since it holds the firmware; one that is
   /// there is replaced, a symbolic link is refused. Returns a fault for people, empty when all is well.
@@ -54,9 +54,7 @@ class Recorder final : public platform::ILineObserver, public logging::ISink {
 
   const std::chrono::steady_clock::time_point iBegin = std::chrono::steady_clock::now();
   std::mutex iMutex;
-  int iFile = -1;
-  std::string iPath;
-  std::string iFault;
+  OutputFile iFile;
   bool iKeepsContent = false;
   std::string iContent;
   logging::ISink* iFormerSink = nullptr;

@@ -14,18 +14,6 @@ namespace {
 constexpr std::size_t kBytesInALine = 16;
 constexpr int kTimeWidth = 12;
 
-const char* Name(Transfer::Result result) {
-  switch (result) {
-    case Transfer::Result::Complete:
-      return "complete";
-    case Transfer::Result::Cancelled:
-      return "cancelled";
-    case Transfer::Result::Unfinished:
-      return "unfinished";
-  }
-  return "";
-}
-
 std::string DescriptionOf(const Dialogue& dialogue) {
   std::string text;
   for (const auto& [key, value] : dialogue.description) {

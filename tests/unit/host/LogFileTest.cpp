@@ -1,6 +1,6 @@
 // Goal: what peripheralctl writes is its owner's to write, and goes nowhere that somebody else has laid out.
 // Method: files and links in a folder of the test's own; other people's links need root.
-#include "OutputFile.h"
+#include "LogFile.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -21,10 +21,10 @@ std::string ContentOf(const std::string& path) {
   return text.str();
 }
 
-class OutputFile : public testing::Test {
+class LogFile : public testing::Test {
  protected:
-  OutputFile() : iMask(umask(0)) {}
-  ~OutputFile() override { umask(iMask); }
+  LogFile() : iMask(umask(0)) {}
+  ~LogFile() override { umask(iMask); }
 
   bool Write(const std::string& path, const std::string& text) {
     const auto file = OpenForAppending(path, iFault);
@@ -36,7 +36,7 @@ class OutputFile : public testing::Test {
   std::string iFault;
 };
 
-TEST_F(OutputFile, IsCreatedForItsOwnerAloneToWriteAndAddedTo) {
+TEST_F(LogFile, IsCreatedForItsOwnerAloneToWriteAndAddedTo) {
   const std::string path = iFolder.Path("log");
   EXPECT_TRUE(Write(path, "one\n"));
   EXPECT_TRUE(Write(path, "two\n"));
@@ -46,13 +46,13 @@ TEST_F(OutputFile, IsCreatedForItsOwnerAloneToWriteAndAddedTo) {
   EXPECT_EQ(status.st_mode & 07777u, 0644u);
 }
 
-TEST_F(OutputFile, OnesOwnLinkIsFollowed) {
+TEST_F(LogFile, OnesOwnLinkIsFollowed) {
   ASSERT_EQ(symlink(iFolder.Path("target").c_str(), iFolder.Path("link").c_str()), 0);
   EXPECT_TRUE(Write(iFolder.Path("link"), "x"));
   EXPECT_EQ(ContentOf(iFolder.Path("target")), "x");
 }
 
-TEST_F(OutputFile, APlantedLinkIsNotFollowed) {
+TEST_F(LogFile, APlantedLinkIsNotFollowed) {
   if (geteuid() != 0) {
     GTEST_SKIP() << "only root can make another user's link";
   }
@@ -64,12 +64,12 @@ TEST_F(OutputFile, APlantedLinkIsNotFollowed) {
   EXPECT_NE(access(iFolder.Path("target").c_str(), F_OK), 0);
 }
 
-TEST_F(OutputFile, WhatCannotBeOpenedHasItsReason) {
+TEST_F(LogFile, WhatCannotBeOpenedHasItsReason) {
   EXPECT_FALSE(Write("/nowhere/log", "x"));
   EXPECT_EQ(iFault, "No such file or directory");
 }
 
-TEST_F(OutputFile, AFullDiskShows) {
+TEST_F(LogFile, AFullDiskShows) {
   EXPECT_FALSE(Write("/dev/full", "x"));
 }
 
