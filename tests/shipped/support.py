@@ -3,8 +3,8 @@ import os
 import pathlib
 import subprocess
 
-SOURCE = pathlib.Path(os.environ["SOURCE"])
-BUILD = pathlib.Path(os.environ["BUILD"])
+SOURCE = pathlib.Path(os.environ["SOURCE"]).resolve()
+BUILD = pathlib.Path(os.environ["BUILD"]).resolve()
 CXX = os.environ["CXX"]
 BIN = BUILD / "bin"
 PROGRAMS = ["peripheralctl", "bootloader-simulator"]
