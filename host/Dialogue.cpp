@@ -104,7 +104,7 @@ std::vector<PlannedDevice> PlanOf(const PropertyMap& properties) {
 }
 
 Dialogue::Dialogue(std::vector<PlannedDevice> plan, StepHandler onStep, TransferHandler onTransfer)
-    : iPlan(std::move(plan)), iOnStep(std::move(onStep)), iOnTransfer(std::move(onTransfer)) {
+    : iPlan(std::move(plan)), iOnStep(std::move(onStep)), iOnTransfer(std::move(onTransfer)), iCauses(1) {
   for (std::size_t device = 0; device < iPlan.size(); ++device) {
     iTotal += SizeOf(device);
   }
@@ -137,11 +137,16 @@ void Dialogue::Take(const logging::TLine& line) {
 
 std::optional<Cause> Dialogue::WhyFailed() {
   const std::lock_guard<std::mutex> lock(iMutex);
-  return iCause;
+  return iCauses.back();
+}
+
+std::optional<Cause> Dialogue::WhyFailed(std::size_t attempt) {
+  const std::lock_guard<std::mutex> lock(iMutex);
+  return attempt < iCauses.size() ? iCauses[attempt] : std::nullopt;
 }
 
 void Dialogue::StartOver() {
-  iCause.reset();
+  iCauses.emplace_back();
   iStep.clear();
   iDevice = 0;
   iBefore = iFilesBefore = iFileSize = iFileSent = 0;
@@ -156,7 +161,7 @@ void Dialogue::NextDevice() {
 
 void Dialogue::Step(const std::string& text, const std::string& file) {
   EndFile();
-  iCause.reset();
+  iCauses.back().reset();
   iStep = file.empty() ? text : fmt::format("{}, {}", text, FileName(file));
   iOnStep({iDevice, iStep});
 }
@@ -194,12 +199,13 @@ void Dialogue::BlameFor(const logging::TLine& line) {
 }
 
 void Dialogue::Blame(ErrorCode code, const std::string& what) {
-  if (iCause && Outweighs(iCause->code, code)) {
+  std::optional<Cause>& cause = iCauses.back();
+  if (cause && Outweighs(cause->code, code)) {
     return;
   }
   const char* device = iDevice < iPlan.size() ? iPlan[iDevice].name.c_str() : "device";
-  iCause = Cause{code, iStep.empty() ? fmt::format("{}, before the first step: {}", device, what)
-                                     : fmt::format("{}, {}: {}", device, iStep, what)};
+  cause = Cause{code, iStep.empty() ? fmt::format("{}, before the first step: {}", device, what)
+                                    : fmt::format("{}, {}: {}", device, iStep, what)};
 }
 
 void Dialogue::TellTransfer() {

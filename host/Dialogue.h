@@ -60,6 +60,9 @@ class Dialogue {
   /// Why the present attempt has failed, if it has and if the log tells. Any thread.
   std::optional<Cause> WhyFailed();
 
+  /// The same for any attempt so far, from 1.
+  std::optional<Cause> WhyFailed(std::size_t attempt);
+
  private:
   void StartOver();
   void NextDevice();
@@ -76,7 +79,7 @@ class Dialogue {
   const StepHandler iOnStep;
   const TransferHandler iOnTransfer;
   std::mutex iMutex;
-  std::optional<Cause> iCause;
+  std::vector<std::optional<Cause>> iCauses;  ///< by attempt; the first is for what is logged before all
   std::string iStep;
   std::size_t iDevice = 0;
   std::int64_t iTotal = 0;

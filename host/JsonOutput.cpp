@@ -117,7 +117,7 @@ void JsonOutput::OnMilestone(const std::string& text) {
 }
 
 void JsonOutput::OnRetry(int attempt, const Retries& retries) {
-  if (const std::optional<Cause> cause = Why()) {
+  if (const std::optional<Cause> cause = Why(attempt - 1)) {
     Write(iOut, "error", ErrorFields(cause->code, cause->detail));
   }
   Write(iOut, "retry",

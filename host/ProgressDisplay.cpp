@@ -88,7 +88,7 @@ void ProgressDisplay::OnRetry(int attempt, const Retries& retries) {
   iStep.clear();
   iTransfer.clear();
   iLastTenth = -1;
-  const std::optional<Cause> cause = Why();
+  const std::optional<Cause> cause = Why(attempt - 1);
   Line(fmt::format("The attempt failed{}; attempt {} of {} begins in {:.0f} s.",
                    cause ? " (" + cause->detail + ")" : "", attempt, retries.count + 1,
                    std::chrono::duration<double>(retries.pause).count()));

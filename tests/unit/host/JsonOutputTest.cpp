@@ -94,7 +94,10 @@ TEST_F(JsonOutputTest, TellsHowFarItIs) {
 TEST_F(JsonOutputTest, ARetryGivesItsCause) {
   iOutput.OnRetry(2, {2, 1500ms});
   EXPECT_EQ(Line(), (json{{"event", "retry"}, {"attempt", 2}, {"attempts", 3}, {"pause_ms", 1500}}));
-  iOutput.AskWhy([] { return host::Cause{ErrorCode::Stalled, "nothing moved"}; });
+  iOutput.AskWhy([](int attempt) {
+    EXPECT_EQ(attempt, 2);
+    return host::Cause{ErrorCode::Stalled, "nothing moved"};
+  });
   iOutput.OnRetry(3, {2, 1500ms});
   const json lines = Lines();
   ASSERT_EQ(lines.size(), 2u);

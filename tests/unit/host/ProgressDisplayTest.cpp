@@ -149,7 +149,10 @@ TEST(ProgressDisplay, TheBarHasAColourWhereThatIsWanted) {
 TEST(ProgressDisplay, ARetryGivesTheCauseAndBeginsAnew) {
   std::ostringstream out;
   ProgressDisplay display = Display(out, false, 80, {"CAN controller"});
-  display.AskWhy([] { return host::Cause{host::ErrorCode::Stalled, "nothing moved"}; });
+  display.AskWhy([](int attempt) {
+    EXPECT_EQ(attempt, 1);
+    return host::Cause{host::ErrorCode::Stalled, "nothing moved"};
+  });
   display.OnProgress(50);
   display.OnRetry(2, {2, 3s});
   display.OnProgress(0);
