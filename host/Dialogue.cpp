@@ -112,7 +112,7 @@ std::vector<std::string> NamesOf(const std::vector<PlannedDevice>& plan) {
 }
 
 Dialogue::Dialogue(std::vector<PlannedDevice> plan, StepHandler onStep, TransferHandler onTransfer)
-    : iPlan(std::move(plan)), iOnStep(std::move(onStep)), iOnTransfer(std::move(onTransfer)) {
+    : iPlan(std::move(plan)), iOnStep(std::move(onStep)), iOnTransfer(std::move(onTransfer)), iCauses(1) {
   for (std::size_t device = 0; device < iPlan.size(); ++device) {
     iTotal += SizeOf(device);
   }

@@ -60,9 +60,9 @@ class Dialogue {
   /// Takes the next line, of whatever level. Any thread, but one at a time.
   void Take(const logging::TLine& line);
 
-  /// Why the latest attempt has failed, or the given one, counted from 1: if it has, and if the log tells.
-  /// Any thread.
+  /// Why the latest attempt has failed, if it has and if the log tells. Any thread.
   std::optional<Cause> WhyFailed();
+  /// The same for any attempt so far, from 1.
   std::optional<Cause> WhyFailed(std::size_t attempt);
 
  private:
@@ -81,7 +81,7 @@ class Dialogue {
   const StepHandler iOnStep;
   const TransferHandler iOnTransfer;
   std::mutex iMutex;
-  std::vector<std::optional<Cause>> iCauses = {std::nullopt};  ///< by attempt; the first is none
+  std::vector<std::optional<Cause>> iCauses;  ///< by attempt; the first is for what is logged before all
   std::string iStep;
   std::size_t iDevice = 0;
   std::int64_t iTotal = 0;

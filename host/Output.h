@@ -38,16 +38,14 @@ class Output : public UpdateListener {
   /// How it ended: the last that is told.
   virtual void OnResult(const RunResult& result, ExitCode exitCode) = 0;
 
-  /// Has retries give the cause that `why` knows of the attempt before, counted from 1.
-  void AskWhy(std::function<std::optional<Cause>(std::size_t attempt)> why) { iWhy = std::move(why); }
+  /// Has retries give the cause that `why` knows for the attempt before, counted from 1.
+  void AskWhy(std::function<std::optional<Cause>(int)> why) { iWhy = std::move(why); }
 
  protected:
-  std::optional<Cause> Why(int attempt) const {
-    return iWhy ? iWhy(static_cast<std::size_t>(attempt)) : std::nullopt;
-  }
+  std::optional<Cause> Why(int attempt) const { return iWhy ? iWhy(attempt) : std::nullopt; }
 
  private:
-  std::function<std::optional<Cause>(std::size_t)> iWhy;
+  std::function<std::optional<Cause>(int)> iWhy;
 };
 
 }  // namespace host

@@ -114,7 +114,7 @@ class Listening {
               controller.Post([&output, text] { output.OnMilestone(text); });
             },
             [this](const logging::TLine& line) { iDialogue.Take(line); }) {
-    run.output.AskWhy([this](std::size_t attempt) { return iDialogue.WhyFailed(attempt); });
+    run.output.AskWhy([this](int attempt) { return iDialogue.WhyFailed(static_cast<std::size_t>(attempt)); });
   }
 
   RunLog& Log() { return iLog; }

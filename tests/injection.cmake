@@ -31,6 +31,7 @@ if(NOT PERIPHERAL_SANITIZE)
   target_link_libraries(preloaded_failure PRIVATE ${CMAKE_DL_LIBS})
   peripheral_test(failing_program_tests LABEL long TIMEOUT 120
     SOURCES
+      injection/KillTest.cpp
       injection/ProgramTest.cpp
       support/Process.cpp)
   target_include_directories(failing_program_tests PRIVATE support)

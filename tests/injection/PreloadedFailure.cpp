@@ -1,5 +1,6 @@
 // A library to preload into a program: one call of the program or its libraries fails. FAILING_CALL holds
-// its name, its number (from 1) and the error; when the call comes, the file FAILING_CALL_MARK appears.
+// its name, its number (from 1) and the error; when the call comes, the file FAILING_CALL_MARK appears. The
+// error -9 kills the program instead.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -11,6 +12,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -46,6 +48,9 @@ bool ShallFail(const char* call) {
     return false;
   }
   LeaveMark();
+  if (failure.error == -SIGKILL) {
+    syscall(SYS_kill, getpid(), SIGKILL);
+  }
   errno = failure.error;
   return true;
 }

@@ -15,7 +15,7 @@
 namespace {
 
 constexpr int kSuccess = 0;
-constexpr int kLastExitCode = 8;
+constexpr int kLastExitCode = 11;
 
 struct Failure {
   const char* call;

@@ -11,14 +11,15 @@
 #include <stdexcept>
 #include <string>
 
-/// A new empty folder that everybody may enter and write to as to /tmp, removed with its content at the end.
+/// A new empty folder that everybody may enter, removed with its content at the end.
 class TemporaryFolder {
  public:
   TemporaryFolder() : iPath((std::filesystem::temp_directory_path() / "peripheral-XXXXXX").string()) {
     if (mkdtemp(iPath.data()) == nullptr) {
       throw std::runtime_error("cannot make a folder like " + iPath);
     }
-    std::filesystem::permissions(iPath, std::filesystem::perms::all | std::filesystem::perms::sticky_bit);
+    constexpr auto kEverybodyMayEnter = std::filesystem::perms(0755);
+    std::filesystem::permissions(iPath, kEverybodyMayEnter);
   }
   ~TemporaryFolder() {
     std::error_code ignored;

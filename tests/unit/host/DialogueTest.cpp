@@ -85,6 +85,9 @@ TEST_F(DialogueTest, AnotherAttemptBeginsAnew) {
   Take("Left 900 of 1000", logging::EInterface);
   EXPECT_THAT(iTransfers, ElementsAre("0: 500/3000 500/5000", "0: 100/3000 100/5000"));
   EXPECT_EQ(Why(), "none");
+  EXPECT_EQ(iDialogue.WhyFailed(1)->code, host::ErrorCode::DeviceSilent);
+  EXPECT_FALSE(iDialogue.WhyFailed(2));
+  EXPECT_FALSE(iDialogue.WhyFailed(3));
 }
 
 TEST_F(DialogueTest, WhatIsNoPartOfItIsIgnored) {

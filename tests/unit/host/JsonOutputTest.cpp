@@ -94,8 +94,8 @@ TEST_F(JsonOutputTest, TellsHowFarItIs) {
 TEST_F(JsonOutputTest, ARetryGivesItsCause) {
   iOutput.OnRetry(2, {2, 1500ms});
   EXPECT_EQ(Line(), (json{{"event", "retry"}, {"attempt", 2}, {"attempts", 3}, {"pause_ms", 1500}}));
-  iOutput.AskWhy([](std::size_t attempt) {
-    EXPECT_EQ(attempt, 2U);
+  iOutput.AskWhy([](int attempt) {
+    EXPECT_EQ(attempt, 2);
     return host::Cause{ErrorCode::Stalled, "nothing moved"};
   });
   iOutput.OnRetry(3, {2, 1500ms});

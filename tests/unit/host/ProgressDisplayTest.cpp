@@ -149,8 +149,8 @@ TEST(ProgressDisplay, TheBarHasAColourWhereThatIsWanted) {
 TEST(ProgressDisplay, ARetryGivesTheCauseAndBeginsAnew) {
   std::ostringstream out;
   ProgressDisplay display = Display(out, false, 80, {"CAN controller"});
-  display.AskWhy([](std::size_t attempt) {
-    EXPECT_EQ(attempt, 1U);
+  display.AskWhy([](int attempt) {
+    EXPECT_EQ(attempt, 1);
     return host::Cause{host::ErrorCode::Stalled, "nothing moved"};
   });
   display.OnProgress(50);
