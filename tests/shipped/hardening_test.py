@@ -3,6 +3,7 @@
 Method: the built files are read with readelf. A build without PERIPHERAL_FORTIFY is not asked for checked calls.
 """
 import os
+import re
 import unittest
 
 from support import BIN, LIBRARIES, PROGRAMS, output_of
@@ -34,6 +35,13 @@ class Hardening(unittest.TestCase):
         for name in PROGRAMS + LIBRARIES:
             with self.subTest(name):
                 self.assertIn("__stack_chk_fail", readelf("--dyn-syms", name))
+
+    def test_libraries_are_searched_beside_a_file_and_nowhere_else(self):
+        for name in PROGRAMS + LIBRARIES:
+            for folders in re.findall(r"\((?:RPATH|RUNPATH)\).*\[(.*)\]", readelf("-d", name)):
+                for folder in folders.split(":"):
+                    with self.subTest(name):
+                        self.assertTrue(folder.startswith("$ORIGIN"), folders)
 
     @unittest.skipUnless("FORTIFIED" in os.environ, "SKIPPED: this build is not made with PERIPHERAL_FORTIFY")
     def test_calls_with_buffers_are_checked(self):

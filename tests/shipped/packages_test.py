@@ -58,7 +58,7 @@ class Packages(unittest.TestCase):
         self.assertEqual(len(files), 4)
         paths = [path for file in files
                  for path in re.findall(r"\((?:RPATH|RUNPATH)\).*\[(.*)\]", output_of("readelf", "-dW", file))]
-        self.assertEqual(sorted(paths), ["$ORIGIN", f"$ORIGIN/../{self.libraries.relative_to(self.root / 'usr')}"])
+        self.assertEqual(sorted(paths), ["$ORIGIN", f"$ORIGIN:$ORIGIN/../{self.libraries.relative_to(self.root / 'usr')}"])
 
     def test_a_user_finds_commands_pages_and_completions(self):
         for name in ("bin/peripheralctl", "bin/bootloader-simulator", "share/man/man1/peripheralctl.1",
