@@ -14,6 +14,20 @@ target_link_libraries(fuzzed_host PUBLIC platform_headers fmt::fmt-header-only)
 # that they are none. Only such a claim is not reported; what would come of it is.
 target_compile_options(fuzzed_host PRIVATE -fno-sanitize=unreachable)
 
+# What decodes and reports traces.
+add_library(fuzzed_trace STATIC
+  ${PROJECT_SOURCE_DIR}/host/report/Figures.cpp
+  ${PROJECT_SOURCE_DIR}/host/report/HtmlReport.cpp
+  ${PROJECT_SOURCE_DIR}/host/report/JsonReport.cpp
+  ${PROJECT_SOURCE_DIR}/host/trace/Chart.cpp
+  ${PROJECT_SOURCE_DIR}/host/trace/Dialogue.cpp
+  ${PROJECT_SOURCE_DIR}/host/trace/Frames.cpp
+  ${PROJECT_SOURCE_DIR}/host/trace/Record.cpp
+  ${PROJECT_SOURCE_DIR}/host/trace/Steps.cpp
+  ${PROJECT_SOURCE_DIR}/host/trace/TextView.cpp)
+target_include_directories(fuzzed_trace PUBLIC ${PROJECT_SOURCE_DIR}/host)
+target_link_libraries(fuzzed_trace PUBLIC platform_headers fmt::fmt-header-only)
+
 add_library(fuzz_support STATIC
   fuzz/Frames.cpp
   fuzz/LineScript.cpp
@@ -59,3 +73,4 @@ fuzz_target(properties PropertiesTarget LIBRARIES module_on_virtual_platform fuz
 fuzz_target(simulator SimulatorTarget LIBRARIES platform_common)
 fuzz_target(options OptionsTarget LIBRARIES platform_common)
 fuzz_target(configuration ConfigurationTarget LIBRARIES fuzzed_host platform_common)
+fuzz_target(trace TraceTarget LIBRARIES fuzzed_trace platform_common)

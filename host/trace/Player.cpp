@@ -58,9 +58,7 @@ Player::Player(const Trace& trace, bool keepPauses)
     : iTrace(trace), iDialogue(Understand(trace)), iKeepPauses(keepPauses) {}
 
 Player::~Player() {
-  if (iThread.joinable()) {
-    Finish(0);
-  }
+  Stop();
   Unplug();
 }
 
@@ -83,7 +81,10 @@ void Player::Start(std::function<void()> abort) {
   iThread = std::thread([this] { Play(); });
 }
 
-Player::Verdict Player::Finish(int exitCode) {
+void Player::Stop() {
+  if (!iThread.joinable()) {
+    return;
+  }
   platform::SetLineObserver(nullptr);
   {
     const std::lock_guard<std::mutex> lock(iMutex);
@@ -91,6 +92,10 @@ Player::Verdict Player::Finish(int exitCode) {
     iChanged.notify_all();
   }
   iThread.join();
+}
+
+Player::Verdict Player::Finish(int exitCode) {
+  Stop();
   if (iDeparture.empty()) {
     JudgeEnd(exitCode);
   }

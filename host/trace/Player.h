@@ -49,6 +49,7 @@ class Player final : public platform::ILineObserver {
   void OnClosed() override;
 
  private:
+  void Stop();
   void Play();
   bool PlayRecord(const Record& record);
   bool AwaitOpening();

@@ -6,7 +6,7 @@
 
 #include "LineObserver.h"
 #include "Logging.h"
-#include "OutputFile.h"
+#include "UnbufferedFile.h"
 #include "trace/Record.h"
 
 namespace host::trace {
@@ -54,7 +54,7 @@ class Recorder final : public platform::ILineObserver, public logging::ISink {
 
   const std::chrono::steady_clock::time_point iBegin = std::chrono::steady_clock::now();
   std::mutex iMutex;
-  OutputFile iFile;
+  UnbufferedFile iFile;
   bool iKeepsContent = false;
   std::string iContent;
   logging::ISink* iFormerSink = nullptr;

@@ -43,7 +43,7 @@ Script Exchange() {
   return script.Device("\x06").Host("\x04").Device("\x06");
 }
 
-TEST(Dialogue, ShowsEachFrameWithWhatItMeans) {
+TEST(TraceDialogue, ShowsEachFrameWithWhatItMeans) {
   EXPECT_THAT(Texts(Exchange().Device("C").Host(Block(1, "000", k000Crc)).Done()),
               ElementsAre("-- port opened (bit/s, name): 9600 port", "device C, asks for blocks with CRC",
                           "host block 1, 128 bytes, CRC 2c43 right: command \"wr 1000\"", "device ACK",
@@ -51,7 +51,7 @@ TEST(Dialogue, ShowsEachFrameWithWhatItMeans) {
                           "host block 1, 128 bytes, CRC f563 right: file for 1000, byte 0"));
 }
 
-TEST(Dialogue, TellsWhatIsWrongWithABlock) {
+TEST(TraceDialogue, TellsWhatIsWrongWithABlock) {
   std::string twoForms = Block(1, "wr 1000", kWr1000Crc);
   twoForms[2] = 0;
   EXPECT_THAT(
@@ -69,13 +69,13 @@ TEST(Dialogue, TellsWhatIsWrongWithABlock) {
                   "device CAN, 2 in a row"));
 }
 
-TEST(Dialogue, KnowsAChecksumByTheRequestForIt) {
+TEST(TraceDialogue, KnowsAChecksumByTheRequestForIt) {
   const auto texts = Texts(Script().Device("\x15").Host(Block(1, "AB", "\x83")).Device("\x06").Done());
   EXPECT_THAT(texts, ElementsAre("device NAK", "host block 1, 128 bytes, checksum 83 right: file, byte 0",
                                  "device ACK"));
 }
 
-TEST(Dialogue, NamesTheTransfersByTheirPlace) {
+TEST(TraceDialogue, NamesTheTransfersByTheirPlace) {
   EXPECT_THAT(Transfers(Script()
                             .Host("C")
                             .Device(Block(1, "000", k000Crc))
@@ -97,7 +97,7 @@ TEST(Dialogue, NamesTheTransfersByTheirPlace) {
                           "answer \"000\" unfinished"));
 }
 
-TEST(Dialogue, TellsWhereInAFileABlockStands) {
+TEST(TraceDialogue, TellsWhereInAFileABlockStands) {
   Script script = Exchange();
   script.Device("C");
   for (const int number : {1, 2, 2, 3}) {
@@ -116,7 +116,7 @@ TEST(Dialogue, TellsWhereInAFileABlockStands) {
               testing::Contains("host block 3, 1024 bytes, CRC 0000 right: file for 1000, byte 2048"));
 }
 
-TEST(Dialogue, GoesOnCountingWhenTheNumbersComeRound) {
+TEST(TraceDialogue, GoesOnCountingWhenTheNumbersComeRound) {
   Script script;
   script.Device("C");
   for (int block = 1; block <= 600; ++block) {
@@ -130,7 +130,7 @@ TEST(Dialogue, GoesOnCountingWhenTheNumbersComeRound) {
             "host 600 blocks, 1 to 88, each acknowledged: file, byte 0");
 }
 
-TEST(Dialogue, TakesABlockApartThatCrossedInPieces) {
+TEST(TraceDialogue, TakesABlockApartThatCrossedInPieces) {
   const std::string block = Block(1, "wr 1000", kWr1000Crc);
   const auto texts =
       Texts(Script().Device("C").Host(block.substr(0, 50)).Device("x").Host(block.substr(50)).Done());
@@ -139,7 +139,7 @@ TEST(Dialogue, TakesABlockApartThatCrossedInPieces) {
                                  "device 1 bytes that mean nothing here: 78"));
 }
 
-TEST(Dialogue, TakesADevicesBlockForCutOffOnceTheHostAnswers) {
+TEST(TraceDialogue, TakesADevicesBlockForCutOffOnceTheHostAnswers) {
   const std::string block = Block(1, "000", k000Crc);
   EXPECT_THAT(
       Texts(Script().Host("C").Device(block.substr(0, 9)).Host("\x15").Device(block).Done()),
@@ -147,7 +147,7 @@ TEST(Dialogue, TakesADevicesBlockForCutOffOnceTheHostAnswers) {
                   "host NAK", "device block 1, 128 bytes, CRC f563 right, sent again: version \"000\""));
 }
 
-TEST(Dialogue, TakesADevicesBlockForCutOffOnceTheHostHasLostItsPatience) {
+TEST(TraceDialogue, TakesADevicesBlockForCutOffOnceTheHostHasLostItsPatience) {
   const std::string block = Block(1, "000", k000Crc);
   Script script;
   script.Host("C").Device(block.substr(0, 132)).Wait_ms(5000).Device(block);
@@ -157,13 +157,13 @@ TEST(Dialogue, TakesADevicesBlockForCutOffOnceTheHostHasLostItsPatience) {
                           "device block 1, 128 bytes, CRC f563 right, sent again: version \"000\""));
 }
 
-TEST(Dialogue, TakesAStartByteForAStrayWhereTheDeviceDoesNotSend) {
+TEST(TraceDialogue, TakesAStartByteForAStrayWhereTheDeviceDoesNotSend) {
   EXPECT_THAT(Texts(Script().Device("C\x01").Host(Block(1, "wr 1000", kWr1000Crc)).Device("\x06").Done()),
               ElementsAre("device C, asks for blocks with CRC", "device 1 bytes that mean nothing here: 01",
                           "host block 1, 128 bytes, CRC 2c43 right: command \"wr 1000\"", "device ACK"));
 }
 
-TEST(Dialogue, ShowsPausesAndWhatHappensToThePort) {
+TEST(TraceDialogue, ShowsPausesAndWhatHappensToThePort) {
   EXPECT_THAT(Texts(Script()
                         .Add(Kind::Opened, "9600 a")
                         .Host("C")
@@ -181,7 +181,7 @@ TEST(Dialogue, ShowsPausesAndWhatHappensToThePort) {
                           "-- the run ended (exit code, outcome): 6 The update failed."));
 }
 
-TEST(Dialogue, BeginsAnewWhereThePortIsOpenedAnew) {
+TEST(TraceDialogue, BeginsAnewWhereThePortIsOpenedAnew) {
   const std::string half = Block(1, "wr 1000", kWr1000Crc).substr(0, 20);
   EXPECT_THAT(Transfers(Script()
                             .Device("C")
@@ -193,7 +193,7 @@ TEST(Dialogue, BeginsAnewWhereThePortIsOpenedAnew) {
               ElementsAre("command \"wr 1000\" unfinished", "file unfinished"));
 }
 
-TEST(Dialogue, KnowsTheRunByItsFirstAndLastRecord) {
+TEST(TraceDialogue, KnowsTheRunByItsFirstAndLastRecord) {
   const Dialogue dialogue =
       Understand(Script().Add(Kind::Start, "a=b=c\n\nd\ne=f").Add(Kind::End, "6 The update failed.").Done());
   EXPECT_EQ(dialogue.description, (std::map<std::string, std::string>{{"a", "b=c"}, {"e", "f"}}));

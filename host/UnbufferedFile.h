@@ -9,12 +9,12 @@ namespace host {
 
 /// A file that a run leaves behind, written piece by piece without a buffer, so that killing the program
 /// loses nothing that was written. One thread at a time.
-class OutputFile {
+class UnbufferedFile {
  public:
-  OutputFile() = default;
-  OutputFile(const OutputFile&) = delete;
-  OutputFile& operator=(const OutputFile&) = delete;
-  ~OutputFile();
+  UnbufferedFile() = default;
+  UnbufferedFile(const UnbufferedFile&) = delete;
+  UnbufferedFile& operator=(const UnbufferedFile&) = delete;
+  ~UnbufferedFile();
 
   /// Makes the file with these permissions, or empties the one that is there; a symbolic link is refused.
   /// `what` it is called in faults. Returns a fault for people, empty when all is well.

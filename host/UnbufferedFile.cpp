@@ -1,4 +1,4 @@
-#include "OutputFile.h"
+#include "UnbufferedFile.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -17,11 +17,11 @@ std::string Reason() {
 
 }  // namespace
 
-OutputFile::~OutputFile() {
+UnbufferedFile::~UnbufferedFile() {
   Close();
 }
 
-std::string OutputFile::Open(const std::string& path, const std::string& what, mode_t mode) {
+std::string UnbufferedFile::Open(const std::string& path, const std::string& what, mode_t mode) {
   iName = fmt::format("the {} '{}'", what, path);
   iFile = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, mode);
   return iFile >= 0
@@ -29,7 +29,7 @@ std::string OutputFile::Open(const std::string& path, const std::string& what, m
              : fmt::format("cannot write {}: {}. Choose another file after --{}.", iName, Reason(), what);
 }
 
-void OutputFile::Write(std::string_view bytes) {
+void UnbufferedFile::Write(std::string_view bytes) {
   while (iFile >= 0 && !bytes.empty()) {
     const ssize_t count = write(iFile, bytes.data(), bytes.size());
     if (count >= 0) {
@@ -41,7 +41,7 @@ void OutputFile::Write(std::string_view bytes) {
   }
 }
 
-void OutputFile::Close() {
+void UnbufferedFile::Close() {
   if (iFile >= 0) {
     close(iFile);
     iFile = -1;
