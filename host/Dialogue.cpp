@@ -105,6 +105,7 @@ std::vector<PlannedDevice> PlanOf(const PropertyMap& properties) {
 
 std::vector<std::string> NamesOf(const std::vector<PlannedDevice>& plan) {
   std::vector<std::string> names;
+  names.reserve(plan.size());
   for (const PlannedDevice& device : plan) {
     names.push_back(device.name);
   }
