@@ -4,15 +4,7 @@
 #include <utility>
 #include <vector>
 
-#if defined(__SANITIZE_ADDRESS__)
-#define FIBER_ADDRESS 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define FIBER_ADDRESS 1
-#endif
-#endif
-
-#ifdef FIBER_ADDRESS
+#ifdef UNDER_ADDRESS_SANITIZER
 #include <sanitizer/common_interface_defs.h>
 #endif
 
@@ -75,7 +67,7 @@ void Fiber::Enter(unsigned high, unsigned low) {
 }
 
 void Fiber::Run() {
-#ifdef FIBER_ADDRESS
+#ifdef UNDER_ADDRESS_SANITIZER
   __sanitizer_finish_switch_fiber(nullptr, &iResumerStack, &iResumerStackSize);
 #endif
   iBody();
@@ -84,22 +76,22 @@ void Fiber::Run() {
 }
 
 void Fiber::SwitchIn() {
-#ifdef FIBER_ADDRESS
+#ifdef UNDER_ADDRESS_SANITIZER
   __sanitizer_start_switch_fiber(&iResumerFakeStack, iStack.get(), kStackSize);
 #endif
   swapcontext(&iResumer, &iOwn);
-#ifdef FIBER_ADDRESS
+#ifdef UNDER_ADDRESS_SANITIZER
   __sanitizer_finish_switch_fiber(iResumerFakeStack, nullptr, nullptr);
 #endif
 }
 
 void Fiber::SwitchOut() {
-#ifdef FIBER_ADDRESS
+#ifdef UNDER_ADDRESS_SANITIZER
   // An ended fiber gives its fake stack back.
   __sanitizer_start_switch_fiber(iEnded ? nullptr : &iFakeStack, iResumerStack, iResumerStackSize);
 #endif
   swapcontext(&iOwn, &iResumer);
-#ifdef FIBER_ADDRESS
+#ifdef UNDER_ADDRESS_SANITIZER
   __sanitizer_finish_switch_fiber(iFakeStack, &iResumerStack, &iResumerStackSize);
 #endif
 }

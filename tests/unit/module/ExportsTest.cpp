@@ -56,7 +56,7 @@ constexpr char kPlatform[] = PLATFORM_LIBRARY_NAME;
 const Names kRuntime = {"libstdc++.so.6", "libgcc_s.so.1", "libc.so.6"};
 
 // In a build with sanitizers their runtimes come in addition, under names with a version behind.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(UNDER_ADDRESS_SANITIZER) || defined(UNDER_THREAD_SANITIZER)
 const Names kSanitizers = {"libasan.so", "libtsan.so", "libubsan.so"};
 #else
 const Names kSanitizers = {};

@@ -978,7 +978,7 @@ class Stepping : public Race {
     TBool finished;
   };
 
-#if defined(__x86_64__) && !defined(__SANITIZE_THREAD__)
+#if defined(__x86_64__) && !defined(UNDER_THREAD_SANITIZER)
   static constexpr bool kIsPossible = true;
   static constexpr unsigned long long kTrapFlag = 0x100;
 

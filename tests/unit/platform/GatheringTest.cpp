@@ -326,7 +326,7 @@ TEST_F(Gathering, WithoutAThreadToHaveNothingIsHeldBack) {
 }
 
 TEST_F(Gathering, AChildProcessGathersAndFlushesByItself) {
-#ifdef __SANITIZE_THREAD__
+#ifdef UNDER_THREAD_SANITIZER
   GTEST_SKIP() << "ThreadSanitizer does not let the child of a process with threads make one";
 #endif
   EXPECT_TRUE(Writes(*port, "parent"));
@@ -356,7 +356,7 @@ TEST_F(Gathering, AChildProcessDoesNotRepeatWhatItsParentHasGathered) {
 
 // Whatever moment of the flusher and of the port's user the process divides at.
 TEST_F(Gathering, AChildProcessGoesOnWithItsParentsPortButNotWithItsParentsBytes) {
-#ifdef __SANITIZE_THREAD__
+#ifdef UNDER_THREAD_SANITIZER
   GTEST_SKIP() << "ThreadSanitizer does not let the child of a process with threads make one";
 #endif
   for (int round = 0; round < 20; ++round) {
