@@ -186,6 +186,7 @@ class Machine {
 
 std::string Describe(const std::vector<PortHolder>& holders) {
   std::vector<std::string> texts;
+  texts.reserve(holders.size());
   for (const PortHolder& holder : holders) {
     texts.push_back(fmt::format("{} (process {})", holder.name, holder.pid));
   }
