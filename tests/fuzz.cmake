@@ -5,11 +5,13 @@ set(FUZZ_CORPORA ${CMAKE_CURRENT_SOURCE_DIR}/fuzz/corpus)
 # What the host's targets need of it, without its shared platform.
 add_library(fuzzed_host STATIC
   ${PROJECT_SOURCE_DIR}/host/Configuration.cpp
+  ${PROJECT_SOURCE_DIR}/host/Digest.cpp
+  ${PROJECT_SOURCE_DIR}/host/Groups.cpp
   ${PROJECT_SOURCE_DIR}/host/Peripherals.cpp
   ${PROJECT_SOURCE_DIR}/host/Preflight.cpp
   ${PROJECT_SOURCE_DIR}/host/PropertyStore.cpp)
 target_include_directories(fuzzed_host PUBLIC ${PROJECT_SOURCE_DIR}/host)
-target_link_libraries(fuzzed_host PUBLIC platform_headers fmt::fmt-header-only)
+target_link_libraries(fuzzed_host PUBLIC platform_headers fmt::fmt-header-only nettle::nettle)
 # The TOML parser (3.3) declares characters from U+FCC6 to U+FEFE unreachable where it looks for blanks, and then finds
 # that they are none. Only such a claim is not reported; what would come of it is.
 target_compile_options(fuzzed_host PRIVATE -fno-sanitize=unreachable)
