@@ -195,6 +195,8 @@ def emulated(mode, packets):
                 name = names.get(int(line.split("/", 2)[1], 16)) if line.startswith("Trace") else None
                 if name:
                     counts[name] = counts.get(name, 0) + 1
+    if not counts:
+        raise Broken("QEMU's log names none of the engine's functions")
     return counts
 
 

@@ -202,7 +202,7 @@ const char* Describe(ModemManagerRisk risk) {
     case ModemManagerRisk::Unlikely:
       return "runs, but hardly looks at such a port";
     case ModemManagerRisk::Likely:
-      return "runs and may talk to the device: install the udev rule of packaging/";
+      return "runs and may talk to the device: install the udev rule 78-peripheral-loader.rules";
   }
   return "";
 }

@@ -80,11 +80,17 @@ SentFiles FilesOf(const trace::Dialogue& dialogue) {
 }
 
 // The last block was filled up, and what was not sent is not known: the file has its size from elsewhere.
+// Without a size that a file may have there is none, which the checks before the run notice.
 void MakeFile(const std::string& path, const std::string& content, const std::string& size) {
-  std::ofstream(path, std::ios::binary) << content;
-  std::uintmax_t bytes = 0;
-  if (std::from_chars(size.data(), size.data() + size.size(), bytes).ec == std::errc()) {
-    fs::resize_file(path, bytes);
+  std::int32_t bytes = 0;
+  const auto read = std::from_chars(size.data(), size.data() + size.size(), bytes);
+  if (read.ec != std::errc() || bytes < 0 || !(std::ofstream(path, std::ios::binary) << content)) {
+    return;
+  }
+  std::error_code error;
+  fs::resize_file(path, static_cast<std::uintmax_t>(bytes), error);
+  if (error) {
+    fs::remove(path, error);
   }
 }
 
@@ -98,6 +104,8 @@ PropertyMap Rebuild(const trace::Dialogue& dialogue, const Scratch& scratch, con
   const SentFiles files = FilesOf(dialogue);
   for (const auto& [key, content] :
        {std::pair(kImageKey, files.image), std::pair(kLoaderKey, files.loader)}) {
+    // A file of this machine has nothing to do with the trace.
+    properties.erase(key);
     const auto size = dialogue.description.find(std::string("size.") + key);
     if (size != dialogue.description.end()) {
       MakeFile(scratch.File(key), content, size->second);

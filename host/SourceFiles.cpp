@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 #include "Peripherals.h"
 
 namespace host {
@@ -45,6 +47,13 @@ std::vector<std::string> SourceFiles::Changes() const {
     }
   }
   return changes;
+}
+
+bool SourceFiles::Holds(const std::string& path) const {
+  const struct stat status = StatusOf(path);
+  return std::any_of(iFiles.begin(), iFiles.end(), [&status](const File& file) {
+    return status.st_ino != 0 && file.status.st_dev == status.st_dev && file.status.st_ino == status.st_ino;
+  });
 }
 
 }  // namespace host

@@ -19,6 +19,9 @@ class SourceFiles {
   /// Messages for people, one for each file that is not what it was; none when all are.
   std::vector<std::string> Changes() const;
 
+  /// The path leads to one of these files, by whatever name.
+  bool Holds(const std::string& path) const;
+
  private:
   struct File {
     std::string key;

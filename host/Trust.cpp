@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <system_error>
+#include <vector>
 
 namespace host {
 
@@ -32,28 +33,65 @@ std::optional<std::string> WhyPlaceUntrusted(const std::string& place) {
   return std::nullopt;
 }
 
-std::optional<std::string> WhyWayUntrusted(const std::filesystem::path& path) {
-  std::filesystem::path place;
-  for (const std::filesystem::path& name : path) {
-    place /= name;
-    if (auto why = WhyPlaceUntrusted(place.string())) {
-      return why;
+// Goes the way to a file name by name, as the kernel does, through each link on it.
+class Walk {
+ public:
+  explicit Walk(const std::filesystem::path& path) { Append(path); }
+
+  std::optional<std::string> WhyUntrusted() {
+    auto why = WhyPlaceUntrusted(iPlace.string());
+    while (!why && !iNames.empty() && iLinks <= kMostLinks) {
+      why = Step();
+    }
+    return why;
+  }
+
+ private:
+  // The kernel follows no more; opening the file tells.
+  static constexpr int kMostLinks = 40;
+
+  std::optional<std::string> Step() {
+    const std::filesystem::path name = iNames.back();
+    iNames.pop_back();
+    if (name == "..") {
+      iPlace = iPlace.parent_path();
+      return std::nullopt;
+    }
+    if (name.empty() || name == ".") {
+      return std::nullopt;
+    }
+    const std::filesystem::path next = iPlace / name;
+    std::error_code error;
+    const std::filesystem::path target = std::filesystem::read_symlink(next, error);
+    if (error) {
+      iPlace = next;
+    } else {
+      ++iLinks;
+      Append(target);
+    }
+    return WhyPlaceUntrusted(next.string());
+  }
+
+  void Append(const std::filesystem::path& path) {
+    const std::filesystem::path relative = path.relative_path();
+    const std::vector<std::filesystem::path> names(relative.begin(), relative.end());
+    iNames.insert(iNames.end(), names.rbegin(), names.rend());
+    if (path.is_absolute()) {
+      iPlace = "/";
     }
   }
-  return std::nullopt;
-}
+
+  std::filesystem::path iPlace;
+  std::vector<std::filesystem::path> iNames;  ///< still to go; the next one is the last
+  int iLinks = 0;
+};
 
 }  // namespace
 
 std::optional<std::string> WhyUntrusted(const std::string& path) {
   std::error_code error;
-  const std::filesystem::path target = std::filesystem::canonical(path, error);
-  if (error) {
-    return std::nullopt;
-  }
-  // The way as it is written shows the links, the other one where they lead.
-  auto why = WhyWayUntrusted(std::filesystem::absolute(path, error).lexically_normal());
-  return why ? why : WhyWayUntrusted(target);
+  const std::filesystem::path absolute = std::filesystem::absolute(path, error);
+  return error || !std::filesystem::exists(absolute, error) ? std::nullopt : Walk(absolute).WhyUntrusted();
 }
 
 }  // namespace host

@@ -8,8 +8,10 @@
 #include <filesystem>
 #include <iostream>
 #include <memory>
+#include <set>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "CommandLine.h"
 #include "Configuration.h"
@@ -101,6 +103,25 @@ ExitCode ExecuteRecorded(UpdateRun& run, const Options& options) {
   return run.Execute();
 }
 
+// What is written must destroy neither what is sent nor each other.
+Faults CheckOutputs(const Options& options, const SourceFiles& files) {
+  Faults faults;
+  std::set<std::filesystem::path> paths;
+  for (const auto& [option, path] :
+       {std::pair("--log-file", &options.logFile), std::pair("--trace", &options.traceFile),
+        std::pair("--report", &options.reportFile)}) {
+    std::error_code error;
+    if (!path->empty() && files.Holds(*path)) {
+      faults.push_back({ErrorCode::BadUsage,
+                        fmt::format("'{}' is a file that is sent; choose another after {}.", *path, option)});
+    } else if (!path->empty() && !paths.insert(std::filesystem::weakly_canonical(*path, error)).second) {
+      faults.push_back({ErrorCode::BadUsage,
+                        fmt::format("'{}' is written already; choose another after {}.", *path, option)});
+    }
+  }
+  return faults;
+}
+
 // The module is asked to prepare even if faults are known, so that its log can be seen beside them.
 ExitCode Run(const Options& options, const Configuration& configuration, const SourceFiles& files,
              const Faults& faults, Output& output) {
@@ -151,17 +172,18 @@ ExitCode Execute(const Options& options) {
     output->OnResult({options.goal, Outcome::NothingToUpdate, false, {}}, ExitCode::Success);
     return ExitCode::Success;
   }
+  if (const Faults unfit = CheckOutputs(options, files); !unfit.empty()) {
+    return Refuse(*output, unfit, ExitCode::BadUsage);
+  }
   output->OnFaults(faults);
   return Run(options, configuration, files, faults, *output);
 }
 
-// A program that reads JSON is also told by JSON that it was not understood.
-void TellBadUsage(int argc, const char* const* argv, int exitCode) {
+// A program that reads JSON is also told by JSON what ends the program before or outside of a run.
+void TellPrograms(int argc, const char* const* argv, const Fault& fault, ExitCode exitCode) {
   const bool json = std::any_of(argv, argv + argc, [](std::string_view word) { return word == "--json"; });
-  if (json && exitCode == static_cast<int>(ExitCode::BadUsage)) {
-    const auto output = MakeOutput(true, {});
-    Refuse(*output, {{ErrorCode::BadUsage, "the command line was not understood; standard error says why"}},
-           ExitCode::BadUsage);
+  if (json) {
+    Refuse(*MakeOutput(true, {}), {fault}, exitCode);
   }
 }
 
@@ -176,10 +198,15 @@ int main(int argc, char** argv) {
     if (options) {
       return static_cast<int>(Execute(*options));
     }
-    TellBadUsage(argc, argv, exitCode);
+    if (exitCode != 0) {
+      TellPrograms(argc, argv,
+                   {ErrorCode::BadUsage, "the command line was not understood; standard error says why"},
+                   ExitCode::BadUsage);
+    }
     return exitCode;
   } catch (const std::exception& error) {
     std::cerr << "peripheralctl: internal error: " << error.what() << std::endl;
+    TellPrograms(argc, argv, {ErrorCode::Internal, error.what()}, ExitCode::Internal);
     return static_cast<int>(ExitCode::Internal);
   }
 }

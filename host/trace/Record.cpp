@@ -130,6 +130,7 @@ Trace Decode(std::string_view content) {
 
 Trace ReadTrace(const std::string& path) {
   std::ostringstream content;
+  errno = 0;
   std::ifstream file(path, std::ios::binary);
   content << file.rdbuf();
   if (!file || !content) {

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace host::trace {
 
@@ -22,6 +23,7 @@ std::string Recorder::OpenFile(const std::string& path) {
 }
 
 void Recorder::Start(const std::string& description) {
+  iStarted = true;
   Put(FileHeader());
   Append(Kind::Start, description);
   iFormerLevel = logging::LowestLevel();
@@ -31,6 +33,9 @@ void Recorder::Start(const std::string& description) {
 }
 
 void Recorder::Stop() {
+  if (!std::exchange(iStarted, false)) {
+    return;
+  }
   platform::SetLineObserver(nullptr);
   logging::SetSink(iFormerSink);
   logging::SetLowestLevel(iFormerLevel);

@@ -16,11 +16,14 @@ namespace host::trace {
 class Recorder final : public platform::ILineObserver, public logging::ISink {
  public:
   Recorder() = default;
+  /// Stops if it was started.
+  ~Recorder() override { Stop(); }
   Recorder(const Recorder&) = delete;
   Recorder& operator=(const Recorder&) = delete;
 
   /// Writes to that file from now on, which only its owner may read, since it holds the firmware; one that is
-  /// there is replaced, a symbolic link is refused. Returns a fault for people, empty when all is well.
+  /// there is emptied. Links, other users' files and what is no file are refused. Returns a fault for people,
+  /// empty when all is well.
   std::string OpenFile(const std::string& path);
 
   /// Has Content() hold everything, with a file or without.
@@ -29,7 +32,7 @@ class Recorder final : public platform::ILineObserver, public logging::ISink {
   /// Takes the log and the lines over, until Stop. Lines of the log go on to the sink that had them before.
   void Start(const std::string& description);
 
-  /// Gives the log and the lines back.
+  /// Gives the log and the lines back, if it has them.
   void Stop();
 
   /// Writes the record with which a trace ends.
@@ -56,6 +59,7 @@ class Recorder final : public platform::ILineObserver, public logging::ISink {
   std::mutex iMutex;
   UnbufferedFile iFile;
   bool iKeepsContent = false;
+  bool iStarted = false;
   std::string iContent;
   logging::ISink* iFormerSink = nullptr;
   logging::TLevel iFormerLevel = logging::EWarning;

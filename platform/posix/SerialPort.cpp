@@ -193,6 +193,7 @@ class CSerialPort : public ISerialPort, private IGatherer, private IPolled {
   const dev_t iDevice;
   // Set before iLock is taken: a user who polls without a pause would else take it again and again first.
   std::atomic<bool> iTakenOver{false};
+  std::atomic<int> iFlushersWaiting{0};
   CSeldomShared iLock;
   CDescriptor iLine;
   CBytes<KGathered_bytes> iGathered;
@@ -400,7 +401,7 @@ bool CSerialPort::Fetch() {
 
 // A line that ends its own wait, because it is broken, lets the next call tell of it.
 void CSerialPort::AwaitChange() {
-  if (iTakenOver || !iLastReadWasInVain) {
+  if (iTakenOver || iFlushersWaiting != 0 || !iLastReadWasInVain) {
     return;
   }
   const std::lock_guard<CSeldomShared> lock(iLock);
@@ -440,9 +441,11 @@ void CSerialPort::FlushAtExit() {
 }
 
 void CSerialPort::Flush() {
+  ++iFlushersWaiting;
   const std::lock_guard<CSeldomShared> lock(iLock);
-  if (iLine.IsOpen()) {
-    HandOver();
+  --iFlushersWaiting;
+  if (iLine.IsOpen() && !HandOver()) {
+    iFailed = true;
   }
 }
 

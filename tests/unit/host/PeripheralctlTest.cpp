@@ -365,6 +365,23 @@ TEST_F(Peripheralctl, BadUsageIsRefused) {
               HasSubstr("cannot write the log file '/nowhere/log': No such file or directory."));
 }
 
+TEST_F(Peripheralctl, NoOutputGoesIntoAFileThatIsSentNorTwoIntoOne) {
+  const std::string image = iFolder.File("sent.json", "content");
+  const std::string other = iFolder.Path("other");
+  for (const char* option : {"--log-file", "--trace", "--report"}) {
+    Process process(Command("update", "succeeds", {"--set", "xmodemsource-image=" + image, option, image}),
+                    ErrorFile());
+    EXPECT_EQ(process.Wait(), 2);
+    EXPECT_EQ(process.Err(), "peripheralctl: '" + image + "' is a file that is sent; choose another after " +
+                                 option + ".\n");
+    EXPECT_EQ(ContentOf(image), "content");
+  }
+  Process process(Command("update", "succeeds", {"--log-file", other, "--trace", other}), ErrorFile());
+  EXPECT_EQ(process.Wait(), 2);
+  EXPECT_EQ(process.Err(),
+            "peripheralctl: '" + other + "' is written already; choose another after --trace.\n");
+}
+
 TEST_F(Peripheralctl, ABadConfigurationIsRefused) {
   Process missing({"update", "--config", "/nowhere/c.toml"}, ErrorFile());
   EXPECT_EQ(missing.Wait(), 3);

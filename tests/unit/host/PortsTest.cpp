@@ -164,7 +164,7 @@ TEST_F(Ports, PeopleGetThemOneBelowTheOther) {
       "  adapter        another\n"
       "  held by        nobody that you may see\n"
       "  access         yes\n"
-      "  modem manager  runs and may talk to the device: install the udev rule of packaging/\n");
+      "  modem manager  runs and may talk to the device: install the udev rule 78-peripheral-loader.rules\n");
   EXPECT_THAT(host::DescribePorts({{"/dev/x", {}, "", {}, true, "", ModemManagerRisk::NotRunning}}),
               HasSubstr("does not run"));
   EXPECT_THAT(host::DescribePorts({{"/dev/x", {}, "", {}, true, "", ModemManagerRisk::Unlikely}}),

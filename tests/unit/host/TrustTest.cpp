@@ -71,6 +71,25 @@ TEST_F(Trust, ALinkIsNoWayRound) {
   EXPECT_THAT(WhyUntrusted(link), Optional(HasSubstr("/sub/file' belongs to another user")));
 }
 
+TEST_F(Trust, EachLinkOfAChainIsLookedAt) {
+  const std::string first = iFolder.Path("first");
+  const std::string second = iFolder.Path("second");
+  ASSERT_EQ(symlink("second", first.c_str()), 0);
+  ASSERT_EQ(symlink("sub/file", second.c_str()), 0);
+  EXPECT_EQ(WhyUntrusted(first), std::nullopt);
+  ASSERT_EQ(lchown(second.c_str(), kSomebody, 0), 0);
+  EXPECT_THAT(WhyUntrusted(first), Optional(HasSubstr("/second' belongs to another user")));
+}
+
+TEST_F(Trust, ALinkThatTheWayLeavesAgainIsLookedAt) {
+  const std::string link = iFolder.Path("link");
+  ASSERT_EQ(symlink("sub", link.c_str()), 0);
+  const std::string way = iFolder.Path("link/../sub/./file");
+  EXPECT_EQ(WhyUntrusted(way), std::nullopt);
+  ASSERT_EQ(lchown(link.c_str(), kSomebody, 0), 0);
+  EXPECT_THAT(WhyUntrusted(way), Optional(HasSubstr("/link' belongs to another user")));
+}
+
 TEST_F(Trust, WhatIsNotThereIsNotJudged) {
   EXPECT_EQ(WhyUntrusted(iFolder.Path("none")), std::nullopt);
 }

@@ -2,9 +2,12 @@
 // Method: the recorder on files of a temporary folder, told of bytes and lines directly.
 #include "trace/Recorder.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <filesystem>
 
 #include "../TemporaryFolder.h"
 
@@ -86,6 +89,33 @@ TEST(TraceRecorder, MakesAFileForItsOwnerAloneAndFollowsNoLink) {
   EXPECT_EQ(Recorder().OpenFile(folder.Path("link")),
             "cannot write the trace '" + folder.Path("link") +
                 "': it is a symbolic link. Choose another file after --trace.");
+}
+
+TEST(TraceRecorder, TakesFromAnOldFileItsContentAndItsReaders) {
+  const TemporaryFolder folder;
+  const std::string path = folder.File("trace", "old");
+  ASSERT_EQ(chmod(path.c_str(), 0666), 0);
+  EXPECT_EQ(Recorder().OpenFile(path), "");
+  struct stat status = {};
+  ASSERT_EQ(stat(path.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0600U);
+  EXPECT_EQ(status.st_size, 0);
+}
+
+TEST(TraceRecorder, WritesToNoPipeAndToNobodyElsesFile) {
+  const TemporaryFolder folder;
+  const std::string pipe = folder.Path("pipe");
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  const int reader = open(pipe.c_str(), O_RDONLY | O_NONBLOCK);
+  EXPECT_THAT(Recorder().OpenFile(pipe), testing::HasSubstr("': it is no regular file."));
+  close(reader);
+  EXPECT_THAT(Recorder().OpenFile("/dev/ptmx"), testing::HasSubstr("': it is no regular file."));
+  if (geteuid() == 0) {
+    const std::string path = folder.File("trace", "precious");
+    ASSERT_EQ(chown(path.c_str(), 65534, 0), 0);
+    EXPECT_THAT(Recorder().OpenFile(path), testing::HasSubstr("': it belongs to another user."));
+    EXPECT_EQ(std::filesystem::file_size(path), 8U);
+  }
 }
 
 TEST(TraceRecorder, TellsThatTheDiskIsFullAndGoesOn) {
