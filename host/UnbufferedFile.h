@@ -16,8 +16,8 @@ class UnbufferedFile {
   UnbufferedFile& operator=(const UnbufferedFile&) = delete;
   ~UnbufferedFile();
 
-  /// Makes the file with these permissions, or empties the one that is there and takes others from it. Refused
-  /// are symbolic links, other users' files, terminals, pipes and the like.
+  /// Makes the file with these permissions, or empties the one that is there and takes others from it.
+  /// Refused are symbolic links, other users' files, terminals, pipes and the like.
   /// `what` it is called in faults. Returns a fault for people, empty when all is well.
   std::string Open(const std::string& path, const std::string& what, mode_t mode);
 
