@@ -51,7 +51,7 @@ std::string ReadRecord(std::string_view content, std::size_t& place, Record& rec
   if (left < kHead_bytes + kCheck_bytes) {
     return "is cut off";
   }
-  const std::uint64_t length = NumberAt(content, place + 1, 4);
+  const auto length = static_cast<std::size_t>(NumberAt(content, place + 1, 4));
   if (length > kMaxPayload_bytes || kKinds.find(content[place]) == std::string_view::npos) {
     return "is none";
   }
