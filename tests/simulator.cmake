@@ -1,4 +1,5 @@
-peripheral_test(simulator_tests LABEL unit
+# NATIVE is what an emulator needs more time for than the program.
+peripheral_test(simulator_tests LABEL unit NATIVE "Program.IdlesWithoutUsingTheProcessor"
   SOURCES
     unit/simulator/DialogueTest.cpp
     unit/simulator/LineTest.cpp

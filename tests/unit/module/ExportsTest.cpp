@@ -53,7 +53,9 @@ const Names kExports = {
 
 // The libraries it may need: the platform it must, of the others as many as the linker finds use for.
 constexpr char kPlatform[] = PLATFORM_LIBRARY_NAME;
-const Names kRuntime = {"libstdc++.so.6", "libgcc_s.so.1", "libc.so.6"};
+const Names kRuntime = {"libstdc++.so.6", "libgcc_s.so.1", "libc.so.6",
+                        // Where the guard of the stack stands on some processors.
+                        "ld-linux-armhf.so.3", "ld-linux-aarch64.so.1", "ld64.so.1"};
 
 // In a build with sanitizers their runtimes come in addition, under names with a version behind.
 #if defined(UNDER_ADDRESS_SANITIZER) || defined(UNDER_THREAD_SANITIZER)
