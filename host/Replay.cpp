@@ -2,8 +2,10 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -116,6 +118,15 @@ PropertyMap Rebuild(const trace::Dialogue& dialogue, const Scratch& scratch, con
   return properties;
 }
 
+// How often the recorded run began an installation; the others were repetitions of a failed one.
+int AttemptsIn(const trace::Trace& trace) {
+  return static_cast<int>(
+      std::count_if(trace.records.begin(), trace.records.end(), [](const trace::Record& record) {
+        return record.kind == trace::Kind::Log &&
+               record.payload.find("SWL: Starting upload in PeripheralLoader") != std::string::npos;
+      }));
+}
+
 // Has the player accompany the run.
 class Replaying final : public RunCompanion {
  public:
@@ -160,7 +171,8 @@ ExitCode Replay(const std::string& name, const std::string& library, bool fast) 
   Replaying replaying(player);
   ProgressDisplay display(std::cout, std::cerr, LookOfStandardOutput(), NamesOf(PlanOf(properties)));
   const SourceFiles files(properties);
-  const ExitCode code = UpdateRun{Goal::Update, {},      {},        library, kFeatureId,   properties, files,
+  const Retries retries = {std::max(AttemptsIn(trace) - 1, 0), std::chrono::milliseconds(0)};
+  const ExitCode code = UpdateRun{Goal::Update, {},      retries,   library, kFeatureId,   properties, files,
                                   {},           display, std::cerr, "",      std::nullopt, &replaying}
                             .Execute();
   if (!replaying.Verdict()) {

@@ -38,6 +38,9 @@ bool Succeeded(const RunResult& result) {
 }
 
 std::string Reasons(const RunResult& result) {
+  if (result.reasons.empty() && result.cause) {
+    return "";
+  }
   if (result.reasons.empty()) {
     return result.faults.empty() ? "No reason was given; --log-level info shows what happened.\n"
                                  : "The module itself logs nothing about it.\n";

@@ -39,6 +39,7 @@ const UpdateController::Transition UpdateController::kTransitions[] = {
     {UpdateState::Installing,           Occurrence::InstallFailed, UpdateState::Ended,      &UpdateController::Conclude<Outcome::InstallFailed>},
     {UpdateState::Installing,           Occurrence::InstallToBeRetried, UpdateState::Pausing, &UpdateController::PlanRetry},
     {UpdateState::Pausing,              Occurrence::TimedOut,      UpdateState::Installing, &UpdateController::RequestInstall},
+    {UpdateState::Pausing,              Occurrence::InstallFailed, UpdateState::Ended,      &UpdateController::Conclude<Outcome::InstallFailed>},
     {UpdateState::Pausing,              Occurrence::AbortAsked,    UpdateState::Ended,      &UpdateController::Conclude<Outcome::Aborted>},
     {UpdateState::Installing,           Occurrence::AbortAsked,    UpdateState::Aborting,   &UpdateController::RequestAbort},
     {UpdateState::Installing,           Occurrence::TimedOut,      UpdateState::Ended,      &UpdateController::Conclude<Outcome::NoResult>},
@@ -76,7 +77,9 @@ Outcome UpdateController::Wait() {
     const steady_clock::time_point deadline = iDeadline;
     iChanged.wait_until(lock, deadline, [&] { return iState == UpdateState::Ended || iDeadline < deadline; });
     if (steady_clock::now() >= iDeadline) {
-      Happened(Occurrence::TimedOut);
+      const bool isInVain =
+          iState == UpdateState::Pausing && iRetries.isWorthwhile && !iRetries.isWorthwhile();
+      Happened(isInVain ? Occurrence::InstallFailed : Occurrence::TimedOut);
     }
   }
   return iOutcome;

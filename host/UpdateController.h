@@ -43,6 +43,8 @@ struct TimeLimits {
 struct Retries {
   int count = 0;
   std::chrono::milliseconds pause = std::chrono::seconds(3);
+  /// Asked at the end of each pause, by the thread that waits; false ends the update as failed. Empty: true.
+  std::function<bool()> isWorthwhile = nullptr;
 };
 
 /// Who follows an update. Called only from within UpdateController::Follow, on its caller's thread, so that a

@@ -137,10 +137,12 @@ RunResult Judge(const UpdateRun& run, UpdateController& controller, Listening& l
   if (result.outcome == Outcome::InstallFailed) {
     result.cause = listening.WhyFailed();
   }
-  if (run.goal == Goal::Update && result.outcome == Outcome::Succeeded) {
+  const bool isSent = result.outcome == Outcome::Succeeded || result.outcome == Outcome::InstallFailed;
+  if (run.goal == Goal::Update && isSent) {
     const std::vector<std::string> changes = run.files.Changes();
     if (!changes.empty()) {
       result.outcome = Outcome::SourceChanged;
+      result.cause.reset();
       result.reasons = changes;
     }
   }
@@ -154,7 +156,9 @@ ExitCode UpdateRun::Execute() const {
   store.Set(featureId, properties);
   NoInterfaces interfaces;
   EventBroker broker;
-  UpdateController controller(broker, featureId, goal, limits, output, retries);
+  // A file that has changed is another one than was checked.
+  const Retries whileUnchanged = {retries.count, retries.pause, [this] { return files.Changes().empty(); }};
+  UpdateController controller(broker, featureId, goal, limits, output, whileUnchanged);
   Listening listening(*this, controller);
   const auto result = [&] { return Judge(*this, controller, listening); };
 

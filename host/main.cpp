@@ -103,20 +103,33 @@ ExitCode ExecuteRecorded(UpdateRun& run, const Options& options) {
   return run.Execute();
 }
 
-// What is written must destroy neither what is sent nor each other.
-Faults CheckOutputs(const Options& options, const SourceFiles& files) {
+bool IsSameFile(const std::string& a, const std::string& b) {
+  std::error_code error;
+  return std::filesystem::equivalent(a, b, error) && !error;
+}
+
+// What is written must destroy neither what is sent or read nor each other.
+Faults CheckOutputs(const Options& options, const std::string& library, const SourceFiles& files) {
   Faults faults;
   std::set<std::filesystem::path> paths;
   for (const auto& [option, path] :
-       {std::pair("--log-file", &options.logFile), std::pair("--trace", &options.traceFile),
-        std::pair("--report", &options.reportFile)}) {
+       {std::pair("--log-file", options.logFile), std::pair("--trace", options.traceFile),
+        std::pair("--report", options.reportFile)}) {
     std::error_code error;
-    if (!path->empty() && files.Holds(*path)) {
-      faults.push_back({ErrorCode::BadUsage,
-                        fmt::format("'{}' is a file that is sent; choose another after {}.", *path, option)});
-    } else if (!path->empty() && !paths.insert(std::filesystem::weakly_canonical(*path, error)).second) {
-      faults.push_back({ErrorCode::BadUsage,
-                        fmt::format("'{}' is written already; choose another after {}.", *path, option)});
+    const char* use = nullptr;
+    if (path.empty()) {
+      continue;
+    }
+    if (files.Holds(path)) {
+      use = "is a file that is sent";
+    } else if (IsSameFile(path, options.configFile) || IsSameFile(path, library)) {
+      use = "is read by this run";
+    } else if (!paths.insert(std::filesystem::weakly_canonical(path, error)).second) {
+      use = "is written already";
+    }
+    if (use != nullptr) {
+      faults.push_back(
+          {ErrorCode::BadUsage, fmt::format("'{}' {}; choose another after {}.", path, use, option)});
     }
   }
   return faults;
@@ -172,7 +185,7 @@ ExitCode Execute(const Options& options) {
     output->OnResult({options.goal, Outcome::NothingToUpdate, false, {}}, ExitCode::Success);
     return ExitCode::Success;
   }
-  if (const Faults unfit = CheckOutputs(options, files); !unfit.empty()) {
+  if (const Faults unfit = CheckOutputs(options, Library(options, configuration), files); !unfit.empty()) {
     return Refuse(*output, unfit, ExitCode::BadUsage);
   }
   output->OnFaults(faults);

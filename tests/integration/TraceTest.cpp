@@ -45,7 +45,7 @@ class Tracing : public testing::Test {
   int Replay(const std::string& trace) { return Peripheralctl({"trace", "replay", "--fast", trace}); }
 
   // Records an update of a simulated device with those faults.
-  std::unique_ptr<Process> StartRecording(Arguments faults) {
+  std::unique_ptr<Process> StartRecording(Arguments faults, const Arguments& more = {}) {
     std::string image;
     for (int i = 0; i < 20'000; ++i) {
       image += static_cast<char>(i * i / 7);
@@ -61,12 +61,13 @@ class Tracing : public testing::Test {
         "[properties]\nupdatelist = \"xmodem\"\nxmodemsource-image = \"firmware.bin\"\n"
         "xmodemsource-loader = \"loader.bin\"\nxmodemspeed = 115200\nxmodemportname = \"" +
             iFolder.Path("port") + "\"\nxmodemramaddress = \"1000\"\nxmodemflashaddress = \"8000\"\n");
-    return std::make_unique<Process>(PERIPHERALCTL,
-                                     Arguments{"update", "--config", config, "--trace", iTrace});
+    Arguments arguments = {"update", "--config", config, "--trace", iTrace};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return std::make_unique<Process>(PERIPHERALCTL, arguments);
   }
 
-  int RecordRun(const Arguments& faults) {
-    const auto process = StartRecording(faults);
+  int RecordRun(const Arguments& faults, const Arguments& more = {}) {
+    const auto process = StartRecording(faults, more);
     const int status = process->WaitForEnd();
     iOutput = process->Output();
     return status;
@@ -188,6 +189,14 @@ TEST_F(Tracing, OfAnUnpluggedDeviceIsReplayedUntilItsLoss) {
   EXPECT_EQ(Peripheralctl({"trace", "show", "--log", iTrace}), kSuccess);
   EXPECT_THAT(iOutput,
               AllOf(HasSubstr("--      port lost: "), HasSubstr("log: Error Platform Serial port ")));
+}
+
+TEST_F(Tracing, OfARepeatedUpdateIsReplayedWithItsRepetition) {
+  const Arguments again = {"--retries", "1", "--retry-pause", "0"};
+  EXPECT_EQ(RecordRun({"--baud", "0", "--refuse", "ck"}, again), kSuccess) << iOutput;
+  Unplug();
+  EXPECT_EQ(Replay(iTrace), kSuccess) << iOutput;
+  EXPECT_THAT(iOutput, AllOf(HasSubstr("attempt 2 of 2 begins"), HasSubstr("The run went as recorded: ")));
 }
 
 TEST_F(Tracing, OfAnAbortedRunIsReplayedAsFarAsItGoes) {

@@ -242,6 +242,20 @@ TEST_F(Peripheralctl, AFileThatChangesDuringTheUpdateMakesItFail) {
                                    HasSubstr("Wait until the file is finished, then update with it.")));
 }
 
+TEST_F(Peripheralctl, AFileThatChangedIsNotSentAgain) {
+  const std::string log = iFolder.Path("log");
+  Process process(
+      Command("update", "fails-and-changes",
+              {"--retries", "3", "--retry-pause", "0", "--log-file", log, "--log-level", "always"}),
+      ErrorFile());
+  EXPECT_EQ(process.Wait(), 9);
+  EXPECT_THAT(process.Err(), HasSubstr("Wait until the file is finished, then update with it."));
+  const std::string content = ContentOf(log);
+  const std::size_t first = content.find("SWL: Starting upload in fake");
+  EXPECT_NE(first, std::string::npos);
+  EXPECT_EQ(content.find("SWL: Starting upload in fake", first + 1), std::string::npos) << content;
+}
+
 TEST_F(Peripheralctl, AFileThatChangesAfterAPreparationIsFine) {
   Process process(Command("prepare", "file-changes"), ErrorFile());
   EXPECT_EQ(process.Wait(), 0);
@@ -376,6 +390,11 @@ TEST_F(Peripheralctl, NoOutputGoesIntoAFileThatIsSentNorTwoIntoOne) {
                                  option + ".\n");
     EXPECT_EQ(ContentOf(image), "content");
   }
+  const std::string config = iFolder.Path("config.toml");
+  Process reading(Command("update", "succeeds", {"--trace", config}), ErrorFile());
+  EXPECT_EQ(reading.Wait(), 2);
+  EXPECT_EQ(reading.Err(),
+            "peripheralctl: '" + config + "' is read by this run; choose another after --trace.\n");
   Process process(Command("update", "succeeds", {"--log-file", other, "--trace", other}), ErrorFile());
   EXPECT_EQ(process.Wait(), 2);
   EXPECT_EQ(process.Err(),

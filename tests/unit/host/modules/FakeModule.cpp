@@ -76,6 +76,9 @@ class FakeModule final : public IFeatureModule2, public IEventObserver {
       iFailedOnce = true;
     } else if (iFeatureId == "cannot-start") {
       Result(EInstallResult, false);
+    } else if (iFeatureId == "fails-and-changes") {
+      ChangeImage();
+      Result(EInstallResult, false);
     } else if (iFeatureId == "install-fails") {
       Progress(10);
       LOG_ERROR(logging::PeripheralLoader, "The device answered 013");
