@@ -18,6 +18,7 @@ add_executable(proving-ground
   proving/main.cpp)
 target_link_libraries(proving-ground PRIVATE
   module_on_virtual_platform virtual_world simulator leak_suppressions CLI11::CLI11)
+add_dependencies(tests proving-ground)
 target_link_options(proving-ground PRIVATE
   -Wl,--wrap=malloc -Wl,--wrap=free -Wl,--wrap=fopen -Wl,--wrap=fopen64 -Wl,--wrap=fclose -Wl,--wrap=fread)
 # The world's own speed decides how much of it can be seen.
