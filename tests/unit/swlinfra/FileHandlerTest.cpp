@@ -4,7 +4,10 @@
 // point.
 #include "FileHandler.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <tdes>
 
 #include <array>
@@ -296,6 +299,14 @@ TEST_F(RealFiles, TheSizeIsTheNumberOfBytes) {
     EXPECT_EQ(iLog.Lines().front().function, "IFileHandler::FileSize");
     EXPECT_EQ(iLog.Lines().front().message, "File size : " + std::to_string(size));
   }
+}
+
+TEST_F(RealFiles, SizeOfWhatHasNoEndToGoToIsUnknown) {
+  const std::string pipe = iFolder.Path("pipe");
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  const int both_ends = open(pipe.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+  EXPECT_EQ(IFileHandler::FileSize(AsTChr(pipe)), -1);
+  close(both_ends);
 }
 
 TEST_F(RealFiles, WhatCannotBeOpenedHasNoSizeAndNoLine) {
