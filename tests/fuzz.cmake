@@ -11,7 +11,7 @@ add_library(fuzzed_host STATIC
   ${PROJECT_SOURCE_DIR}/host/Preflight.cpp
   ${PROJECT_SOURCE_DIR}/host/PropertyStore.cpp)
 target_include_directories(fuzzed_host PUBLIC ${PROJECT_SOURCE_DIR}/host)
-target_link_libraries(fuzzed_host PUBLIC platform_headers fmt::fmt-header-only nettle::nettle)
+target_link_libraries(fuzzed_host PUBLIC platform_headers fmt::fmt nettle::nettle)
 # The TOML parser (3.3) declares characters from U+FCC6 to U+FEFE unreachable where it looks for blanks, and then finds
 # that they are none. Only such a claim is not reported; what would come of it is.
 target_compile_options(fuzzed_host PRIVATE -fno-sanitize=unreachable)
@@ -28,7 +28,7 @@ add_library(fuzzed_trace STATIC
   ${PROJECT_SOURCE_DIR}/host/trace/Steps.cpp
   ${PROJECT_SOURCE_DIR}/host/trace/TextView.cpp)
 target_include_directories(fuzzed_trace PUBLIC ${PROJECT_SOURCE_DIR}/host)
-target_link_libraries(fuzzed_trace PUBLIC platform_headers fmt::fmt-header-only)
+target_link_libraries(fuzzed_trace PUBLIC platform_headers fmt::fmt)
 
 add_library(fuzz_support STATIC
   fuzz/Frames.cpp
