@@ -146,6 +146,12 @@ bool IsWrappedNumber(const Observation& seen, const Holding& holding) {
   return HasLostWholeRounds(seen, holding) || GoesOnWithSecondTransfer(seen, holding);
 }
 
+// The device makes the error when its image is whole, and only if it checks nothing can nobody be the wiser.
+bool HasUnnoticedError(const Holding& holding) {
+  return holding.flashError && holding.device == "sanyo" && !holding.flash.empty() &&
+         holding.flash[0] != holding.expected[0];
+}
+
 // Without the error in its first cell.
 Holding Repaired(Holding holding) {
   holding.flash[0] ^= 0x01;
@@ -157,8 +163,7 @@ Excuse ExcuseOf(const Observation& seen, const Holding& holding) {
   if (holding.erasedAgain) {
     return Excuse::kErasedAgain;
   }
-  // Only a device that checks nothing may have one and nobody the wiser.
-  if (holding.flashError && holding.device == "sanyo" && !holding.flash.empty()) {
+  if (HasUnnoticedError(holding)) {
     const Holding repaired = Repaired(holding);
     return repaired.flash == repaired.expected ? Excuse::kFlashError : ExcuseOf(seen, repaired);
   }

@@ -218,6 +218,15 @@ TEST(Excuses, AFlashErrorIsOneOfADeviceThatChecksNothing) {
   EXPECT_EQ(ExcuseOf(seen), Excuse::kNone);
 }
 
+TEST(Excuses, AFlashErrorThatIsStillToComeLeavesTheOthers) {
+  const Bytes image = Image(2);
+  Observation seen = FalseSuccess(FirstBlocks(image, 1), image);
+  seen.wrongHoldings[0].flashError = true;
+  EXPECT_EQ(ExcuseOf(seen), Excuse::kNone) << "a block is missing";
+  seen.transfers = {{0, 0, 1, 0}};
+  EXPECT_EQ(ExcuseOf(seen), Excuse::kForgedAck);
+}
+
 TEST(Excuses, OneWithoutSpoilsAll) {
   const Bytes image = Image(2);
   Observation seen = FalseSuccess(FirstBlocks(image, 1), image);
