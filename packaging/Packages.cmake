@@ -24,6 +24,9 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME peripheral-loader-tools)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION electronics)
+# The library cache is renewed once, after all that was asked for is unpacked. Scripts that do not exist take the place of
+# those by which CPack would call ldconfig itself, which it warns of: no package runs a script.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/triggers none/postinst none/postrm)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)

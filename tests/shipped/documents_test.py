@@ -16,6 +16,13 @@ def without_code(text):
     return re.sub(r"^```.*?^```$|`[^`\n]*`", "", text, flags=re.M | re.S)
 
 
+def links_of(document):
+    """The file that each link leads to, and the heading in it or nothing, with the link as it stands."""
+    for target in re.findall(r"\]\(([^)]+)\)", without_code(document.read_text())):
+        path, _, anchor = target.partition("#")
+        yield (document.parent / path).resolve() if path else document, anchor, target
+
+
 def anchors_of(document):
     """Headings as hosting sites turn them into anchors."""
     headings = re.findall(r"^#+ (.*)$", re.sub(r"^```.*?^```$", "", document.read_text(), flags=re.M | re.S), re.M)
@@ -35,10 +42,8 @@ class Links(unittest.TestCase):
     def test_lead_to_files_and_headings(self):
         count = 0
         for document in DOCUMENTS:
-            for target in re.findall(r"\]\(([^)]+)\)", without_code(document.read_text())):
+            for file, anchor, target in links_of(document):
                 with self.subTest(f"{document.relative_to(SOURCE)}: {target}"):
-                    path, _, anchor = target.partition("#")
-                    file = (document.parent / path).resolve() if path else document
                     self.assertTrue(file.exists())
                     self.assertTrue(SOURCE.resolve() in file.parents, "leads out of the tree")
                     if anchor:
@@ -47,8 +52,7 @@ class Links(unittest.TestCase):
         self.assertGreater(count, 30)
 
     def test_lead_to_every_document(self):
-        linked = {(document.parent / target.partition("#")[0]).resolve() for document in DOCUMENTS
-                  for target in re.findall(r"\]\(([^)]+)\)", without_code(document.read_text()))}
+        linked = {file for document in DOCUMENTS for file, _, _ in links_of(document)}
         for document in DOCUMENTS:
             if document.name != "README.md":
                 self.assertIn(document.resolve(), linked)

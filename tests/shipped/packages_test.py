@@ -1,7 +1,8 @@
 """Goal: who installs the packages has everything that a host of their own needs.
 
-Method: the packages are made and unpacked below an empty folder; a small host that knows nothing of this tree is built
-with what lies there, once by CMake and once by pkg-config, and updates a simulated device with it.
+Method: the packages are made and installed below an empty folder, by a package manager that knows of this machine's
+other packages; a small host that knows nothing of this tree is built with what lies there, once by CMake and once by
+pkg-config, and updates a simulated device with it.
 """
 import os
 import pathlib
@@ -11,10 +12,41 @@ import subprocess
 import tempfile
 import unittest
 
+from documents_test import links_of
 from support import BUILD, CXX, SOURCE, output_of
 
+DATABASE = pathlib.Path("var/lib/dpkg")
 FOREIGN = SOURCE / "tests" / "shipped" / "foreign"
 IMAGE = bytes(range(256)) * 20
+
+
+class Root:
+    """A folder that packages are installed below. Their dependencies are looked for among this machine's packages,
+    which are taken for installed, but for those that are tested."""
+
+    def __init__(self, place, ours):
+        self.place = place
+        (place / DATABASE / "info").mkdir(parents=True)
+        (place / DATABASE / "updates").mkdir()
+        packages = (pathlib.Path("/") / DATABASE / "status").read_text().split("\n\n")
+        (place / DATABASE / "status").write_text(
+            "\n\n".join(package for package in packages if package.split("\n")[0].split(" ")[-1] not in ours))
+        # No list of files would be taken for a broken database.
+        for name in ["format"] + [path.name for path in (pathlib.Path("/") / DATABASE / "info").glob("*.list")]:
+            (place / DATABASE / "info" / name).write_text("1\n" if name == "format" else "")
+
+    def dpkg(self, *words):
+        """Whether it goes well, and what it says. Everything is unpacked, whatever this machine leaves out."""
+        command = ["dpkg", f"--root={self.place}", "--force-not-root", "--force-unsafe-io", "--path-include=*",
+                   f"--log={self.place / DATABASE}/log", *(str(word) for word in words)]
+        done = subprocess.run(command, text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=240,
+                              env={**os.environ, "LC_ALL": "C", "PATH": f"{os.environ['PATH']}:/usr/sbin:/sbin"})
+        return done.returncode == 0, done.stdout
+
+    def files(self):
+        """All that does not belong to the package manager's own."""
+        return sorted(path.relative_to(self.place) for path in self.place.rglob("*")
+                      if path.relative_to(self.place).parts[0] != "var")
 
 
 class Packages(unittest.TestCase):
@@ -26,8 +58,8 @@ class Packages(unittest.TestCase):
                   "-D", f"CPACK_INSTALL_CMAKE_PROJECTS={BUILD};PeripheralLoader;ALL;/", cwd=cls.work)
         cls.packages = {path.name.split("_")[0]: path for path in (cls.work / "packages").glob("*.deb")}
         cls.root = cls.work / "root"
-        for package in cls.packages.values():
-            output_of("dpkg-deb", "-x", package, cls.root)
+        cls.installed, cls.said = Root(cls.root, cls.packages).dpkg("--install", *cls.packages.values())
+        assert cls.installed, cls.said
         cls.libraries = next(cls.root.rglob("libPeripheralPlatform.so")).parent
         # As every installation of the foreign host's target would have it.
         cls.environment = {**os.environ, "LD_LIBRARY_PATH": str(cls.libraries)}
@@ -47,11 +79,58 @@ class Packages(unittest.TestCase):
         self.assertEqual(self.field("libperipheral-loader-dev", "Depends"), f"libperipheral-loader (= {version})")
         self.assertIn(f"libperipheral-loader (= {version})", self.field("peripheral-loader-tools", "Depends"))
         self.assertIn("libstdc++6 (>=", self.field("peripheral-loader-tools", "Depends"))
+        self.assertIn("libfmt9 (>=", self.field("peripheral-loader-tools", "Depends"))
 
     def test_nothing_in_them_is_writable_by_others_or_foreign_to_root(self):
         for package in self.packages.values():
             for line in output_of("dpkg-deb", "-c", package).splitlines():
                 self.assertRegex(line, r"^[-d]r[w-][x-]r-[x-]r-[x-] root/root ")
+
+    def root_for(self, name):
+        return Root(self.work / name, self.packages)
+
+    def test_that_lean_on_one_that_is_not_there_are_refused(self):
+        for name in ("peripheral-loader-tools", "libperipheral-loader-dev"):
+            done, said = self.root_for(f"only-{name}").dpkg("--install", self.packages[name])
+            self.assertFalse(done, said)
+            self.assertIn(f"{name} depends on libperipheral-loader (= ", said)
+
+    def test_what_is_installed_is_what_was_packed(self):
+        root = self.root_for("compared")
+        self.assertEqual(root.dpkg("--install", *self.packages.values())[0], True)
+        self.assertEqual(root.dpkg("--verify", *self.packages), (True, ""))
+        files = [file for file in root.files() if (root.place / file).is_file()]
+        for file in files:
+            (root.place / file).write_text("other")
+        said = root.dpkg("--verify", *self.packages)[1]
+        self.assertEqual(sorted(line.split(" /")[1] for line in said.splitlines()), [str(file) for file in files])
+
+    def test_nothing_is_left_of_them_when_they_go(self):
+        root = self.root_for("purged")
+        self.assertTrue(root.dpkg("--install", *self.packages.values())[0])
+        self.assertGreater(len(root.files()), 40)
+        done, said = root.dpkg("--purge", "libperipheral-loader")
+        self.assertFalse(done, said)
+        self.assertIn("peripheral-loader-tools depends on libperipheral-loader", said)
+        self.assertTrue(root.dpkg("--purge", *self.packages)[0])
+        self.assertEqual(root.files(), [])
+
+    def test_libraries_are_told_to_the_loader_by_a_trigger_and_nothing_runs_a_script(self):
+        for name, package in self.packages.items():
+            folder = self.work / "control" / name
+            folder.parent.mkdir(exist_ok=True)
+            output_of("dpkg-deb", "-e", package, folder)
+            control = {file.name: file.read_text() for file in folder.iterdir()}
+            self.assertEqual(control.get("triggers"),
+                             "activate-noawait ldconfig\n" if name == "libperipheral-loader" else None)
+            self.assertEqual(set(control) - {"control", "md5sums", "triggers"}, set())
+
+    def test_documents_find_each_other(self):
+        documents = sorted((self.root / "usr/share/doc").rglob("*.md"))
+        self.assertGreater(len(documents), 10)
+        for document in documents:
+            for file, _, target in links_of(document):
+                self.assertTrue(file.exists(), f"{document.name}: {target}")
 
     def test_no_file_names_a_folder_to_search_libraries_in_by_an_absolute_path_or_none(self):
         files = list((self.root / "usr/bin").iterdir()) + list(self.libraries.glob("*.so"))
@@ -63,7 +142,7 @@ class Packages(unittest.TestCase):
     def test_a_user_finds_commands_pages_and_completions(self):
         for name in ("bin/peripheralctl", "bin/bootloader-simulator", "share/man/man1/peripheralctl.1",
                      "share/man/man5/bootloader-scenario.5", "share/bash-completion/completions/peripheralctl",
-                     "share/zsh/vendor-completions/_peripheralctl", "share/doc/peripheral-loader-tools/TUTORIAL.md"):
+                     "share/zsh/vendor-completions/_peripheralctl", "share/doc/peripheral-loader-tools/docs/TUTORIAL.md"):
             self.assertTrue((self.root / "usr" / name).exists(), name)
 
     def test_the_installed_command_finds_its_module(self):
