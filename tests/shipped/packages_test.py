@@ -164,6 +164,36 @@ class Packages(unittest.TestCase):
                               env=self.environment)
         self.assertEqual(done.returncode, 2, done.stderr)
 
+    def find_package(self, request):
+        """Whether a project that asks for the package so can be configured, and what CMake says, in one line."""
+        project = pathlib.Path(tempfile.mkdtemp(dir=self.work))
+        (project / "CMakeLists.txt").write_text("cmake_minimum_required(VERSION 3.25)\nproject(Asking LANGUAGES NONE)\n"
+                                                f"find_package(PeripheralLoader {request})\n"
+                                                'message("found: ${PeripheralLoader_FOUND}")\n')
+        done = subprocess.run(["cmake", "-S", project, "-B", project / "build", f"-DCMAKE_PREFIX_PATH={self.root}/usr"],
+                              text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=240)
+        return done.returncode == 0, " ".join(done.stdout.split())
+
+    def test_cmake_tells_who_asks_for_an_unknown_component_which_there_are(self):
+        done, said = self.find_package("REQUIRED COMPONENTS Platform Plattform")
+        self.assertFalse(done, said)
+        self.assertIn("There are the components Headers, Platform and Infrastructure. Asked for: Platform;Plattform.", said)
+        for request in ("REQUIRED", "REQUIRED COMPONENTS Headers Platform Infrastructure",
+                        "REQUIRED OPTIONAL_COMPONENTS Plattform"):
+            done, said = self.find_package(request)
+            self.assertTrue(done, said)
+            self.assertIn("found: 1", said)
+
+    def test_cmake_tells_who_asks_for_another_version_which_is_there(self):
+        version = self.field("libperipheral-loader", "Version")
+        major, minor, patch = (int(number) for number in version.split("."))
+        for wanted in ("0.0", f"{major}.{minor + 1}", f"{major + 1}.{minor}", f"{major}.{minor}.{patch + 1}", "9 EXACT"):
+            done, said = self.find_package(f"{wanted} REQUIRED")
+            self.assertFalse(done, said)
+            self.assertRegex(said, rf'requested (exact )?version "{wanted.split()[0]}"')
+            self.assertIn(f"version: {version}", said)
+        self.assertTrue(self.find_package(f"{major}.{minor} REQUIRED")[0])
+
     def test_a_foreign_host_by_pkg_config_updates_a_device(self):
         environment = {**os.environ, "PKG_CONFIG_LIBDIR": str(self.libraries / "pkgconfig")}
         flags = output_of("pkg-config", "--cflags", "--libs", "peripheral-loader", env=environment).split()
