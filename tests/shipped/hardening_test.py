@@ -1,12 +1,15 @@
 """Goal: what is shipped is built so that a fault in it is hard to use.
 
-Method: the built files are read with readelf. A build without PERIPHERAL_FORTIFY is not asked for checked calls.
+Method: the built files are read with readelf, and what leaves no trace there in the compiler's command lines. A build without PERIPHERAL_FORTIFY is not asked for checked calls.
 """
+import json
 import os
 import re
 import unittest
 
-from support import BIN, LIBRARIES, PROGRAMS, output_of
+from support import BIN, BUILD, LIBRARIES, PROGRAMS, output_of
+
+FORTIFIED = "FORTIFIED" in os.environ
 
 
 def readelf(option, name):
@@ -36,6 +39,15 @@ class Hardening(unittest.TestCase):
             with self.subTest(name):
                 self.assertIn("__stack_chk_fail", readelf("--dyn-syms", name))
 
+    def test_every_source_of_them_is_compiled_with_guards(self):
+        options = ["-fstack-protector-strong", "-fstack-clash-protection"] + ["-D_FORTIFY_SOURCE=2"] * FORTIFIED
+        commands = [entry["command"] for entry in json.loads((BUILD / "compile_commands.json").read_text())
+                    if not re.search(r" -o (tests|benchmarks)/", entry["command"])]
+        self.assertGreater(len(commands), 50)
+        for command in commands:
+            for option in options:
+                self.assertIn(f" {option} ", command)
+
     def test_libraries_are_searched_beside_a_file_and_nowhere_else(self):
         for name in PROGRAMS + LIBRARIES:
             for folders in re.findall(r"\((?:RPATH|RUNPATH)\).*\[(.*)\]", readelf("-d", name)):
@@ -43,7 +55,7 @@ class Hardening(unittest.TestCase):
                     with self.subTest(name):
                         self.assertTrue(folder.startswith("$ORIGIN"), folders)
 
-    @unittest.skipUnless("FORTIFIED" in os.environ, "SKIPPED: this build is not made with PERIPHERAL_FORTIFY")
+    @unittest.skipUnless(FORTIFIED, "SKIPPED: this build is not made with PERIPHERAL_FORTIFY")
     def test_calls_with_buffers_are_checked(self):
         for name in PROGRAMS + LIBRARIES:
             with self.subTest(name):

@@ -132,10 +132,17 @@ class Packages(unittest.TestCase):
             for file, _, target in links_of(document):
                 self.assertTrue(file.exists(), f"{document.name}: {target}")
 
-    def test_no_file_names_a_folder_to_search_libraries_in_by_an_absolute_path_or_none(self):
+    def binaries(self):
         files = list((self.root / "usr/bin").iterdir()) + list(self.libraries.glob("*.so"))
         self.assertEqual(len(files), 4)
-        paths = [path for file in files
+        return files
+
+    def test_no_binary_carries_what_only_a_debugger_reads(self):
+        for file in self.binaries():
+            self.assertNotRegex(output_of("readelf", "-SW", file), r"\.(symtab|debug_\w+)\b", file.name)
+
+    def test_no_file_names_a_folder_to_search_libraries_in_by_an_absolute_path_or_none(self):
+        paths = [path for file in self.binaries()
                  for path in re.findall(r"\((?:RPATH|RUNPATH)\).*\[(.*)\]", output_of("readelf", "-dW", file))]
         self.assertEqual(sorted(paths), ["$ORIGIN", f"$ORIGIN:$ORIGIN/../{self.libraries.relative_to(self.root / 'usr')}"])
 
