@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 
 #include "FeatureEntry.h"
 #include "FeatureEvents.h"
+#include "LineTime.h"
 
 extern "C" IFeatureModule2* FeatureCreate2(const TFeatureId& featureId, IInterfaceBroker& interfaceBroker,
                                            IEventBroker& eventBroker, const IFeatureProperties& properties);
@@ -15,14 +17,20 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr char kFeature[] = "peripherals";
-// Eighty of them without a change are a stall; threads must have had their turn until then.
-constexpr std::chrono::milliseconds kTickPeriod(10);
-constexpr std::chrono::seconds kBound(20);
+constexpr std::int64_t kTickPeriod_us = 500'000;
+constexpr std::chrono::milliseconds kTurn(5);
+constexpr std::chrono::seconds kLongestTurn(1);
+constexpr std::chrono::seconds kBound(60);
 constexpr int kTicksBehindResult = 3;
 constexpr TFeatureEventId kHeard[] = {EPrepareResult, EInstallResult, EInstallProgress};
 
 bool IsTick(const TEvent& filter) {
   return filter.type == ETimerEvent && filter.id == 0;
+}
+
+std::ptrdiff_t Threads() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/task"),
+                       std::filesystem::directory_iterator());
 }
 
 template <typename TPayload>
@@ -104,6 +112,7 @@ UpdatingHost::~UpdatingHost() = default;
 Told UpdatingHost::Update() {
   iTold = {};
   iPercent = 0;
+  iThreadsWithoutUpload = Threads();
   Request(EPrepareRequest);
   Drive([this] { return iTold.prepared.has_value(); });
   if (iTold.prepared == true) {
@@ -146,16 +155,22 @@ void UpdatingHost::Request(TUint32 id) {
   iBroker.Post({EUserEvent, id, sizeof kFeature - 1, kFeature});
 }
 
-// Delivers posts and ticks until it is enough; asked once for each tick.
+// Delivers posts and ticks until it is enough.
 template <typename TEnough>
 void UpdatingHost::Drive(TEnough enough) {
   const Clock::time_point end = Clock::now() + kBound;
-  for (Clock::time_point tick = Clock::now();; tick += kTickPeriod) {
-    iBroker.DeliverPosts();
-    if (enough() || Clock::now() > end) {
-      return;
-    }
-    std::this_thread::sleep_until(tick + kTickPeriod);
+  for (iBroker.DeliverPosts(); !enough() && Clock::now() < end; iBroker.DeliverPosts()) {
+    const std::int64_t last_us = line_time::Now_us();
+    const Clock::time_point latest = Clock::now() + kLongestTurn;
+    do {
+      std::this_thread::sleep_for(kTurn);
+    } while (!TickIsDue(last_us) && Clock::now() < latest);
     iBroker.Tick();
   }
+}
+
+// By the line's time, so that an upload on a loaded machine is not taken for one that stalls. Without an
+// upload there is nobody to wait for.
+bool UpdatingHost::TickIsDue(std::int64_t last_us) const {
+  return line_time::Now_us() - last_us >= kTickPeriod_us || Threads() <= iThreadsWithoutUpload;
 }

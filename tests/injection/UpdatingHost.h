@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <memory>
 #include <optional>
@@ -12,8 +14,7 @@
 #include "IFeatureProperties.h"
 #include "RecordingBroker.h"
 
-/// A broker without a thread: whoever holds it delivers what is due, with ticks that come faster than they
-/// were asked for.
+/// A broker without a thread: whoever holds it delivers what is due, with ticks when it likes.
 class PumpedBroker : public IEventBroker {
  public:
   void Subscribe(const TEvent& filter, IEventObserver& observer) override;
@@ -82,10 +83,12 @@ class UpdatingHost : private IEventObserver {
   void Request(TUint32 id);
   template <typename TEnough>
   void Drive(TEnough enough);
+  bool TickIsDue(std::int64_t last_us) const;
 
   PumpedBroker iBroker;
   FakeInterfaceBroker iInterfaces;
   std::unique_ptr<IFeatureModule2> iModule;
   Told iTold;
   int iPercent = 0;
+  std::ptrdiff_t iThreadsWithoutUpload = 0;
 };
