@@ -173,7 +173,7 @@ ExitCode Replay(const std::string& name, const std::string& library, bool fast) 
   const SourceFiles files(properties);
   const Retries retries = {std::max(AttemptsIn(trace) - 1, 0), std::chrono::milliseconds(0)};
   const ExitCode code = UpdateRun{Goal::Update, {},      retries,   library, kFeatureId,   properties, files,
-                                  {},           display, std::cerr, "",      std::nullopt, &replaying}
+                                  {},           display, std::cerr, nullptr, std::nullopt, &replaying}
                             .Execute();
   if (!replaying.Verdict()) {
     return code;

@@ -15,8 +15,6 @@ namespace host {
 
 namespace {
 
-constexpr mode_t kReadableByAll = 0644;
-
 // Other properties may hold anything, since nobody has checked them.
 std::string ReadProperties(const PropertyMap& properties) {
   PropertyMap read;
@@ -56,7 +54,7 @@ std::string RunRecording::Open() {
   std::string fault = iFiles.trace.empty() ? "" : iRecorder.OpenFile(iFiles.trace);
   if (fault.empty() && !iFiles.report.empty()) {
     iRecorder.KeepContent();
-    fault = iReport.Open(iFiles.report, "report", kReadableByAll);
+    fault = iReport.Open(iFiles.report, kReportFile);
   }
   return fault;
 }

@@ -3,8 +3,8 @@
 #include <functional>
 #include <string>
 
+#include "OutputFile.h"
 #include "Report.h"
-#include "UnbufferedFile.h"
 #include "UpdateRun.h"
 #include "trace/Recorder.h"
 
@@ -33,7 +33,7 @@ class RunRecording final : public RunCompanion {
   const Files iFiles;
   const std::string iDescription;
   trace::Recorder iRecorder;
-  UnbufferedFile iReport;
+  OutputFile iReport;
 };
 
 }  // namespace host

@@ -175,9 +175,8 @@ ExitCode UpdateRun::Execute() const {
   const ScopedDelivery delivery(broker);
   const bool stopped = Drive(controller, broker, module);
   const RunResult ended = result();
-  if (listening.Log().LinesLost() && !logFile.empty()) {
-    output.OnWarning("the log file '" + logFile +
-                     "' is incomplete: it could not be written. Is the disk full?");
+  if (listening.Log().LinesLost() && logFile != nullptr) {
+    output.OnWarning(logFile->Fault());
   }
   if (companion != nullptr) {
     fault = companion->OnEnd(ended, stopped);

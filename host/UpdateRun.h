@@ -8,6 +8,7 @@
 #include "ExitCode.h"
 #include "Logging.h"
 #include "Output.h"
+#include "OutputFile.h"
 #include "PropertyStore.h"
 #include "SourceFiles.h"
 #include "UpdateController.h"
@@ -42,7 +43,7 @@ struct UpdateRun {
   Faults faults;                            ///< found and told before; the preparation has failed with any
   Output& output;                           ///< told what happens
   std::ostream& log;                        ///< where log lines go
-  std::string logFile;                      ///< its name, empty when it is standard error
+  const OutputFile* logFile;                ///< behind `log`, null when that is standard error
   std::optional<logging::TLevel> logLevel;  ///< nothing: no log lines
   RunCompanion* companion = nullptr;        ///< null for nobody
 

@@ -17,7 +17,7 @@
 #include "Configuration.h"
 #include "FeatureModule.h"
 #include "JsonOutput.h"
-#include "LogFile.h"
+#include "OutputFile.h"
 #include "Peripherals.h"
 #include "Ports.h"
 #include "Preflight.h"
@@ -138,25 +138,26 @@ Faults CheckOutputs(const Options& options, const std::string& library, const So
 // The module is asked to prepare even if faults are known, so that its log can be seen beside them.
 ExitCode Run(const Options& options, const Configuration& configuration, const SourceFiles& files,
              const Faults& faults, Output& output) {
-  std::unique_ptr<std::ostream> logFile;
-  std::string fault;
-  if (!options.logFile.empty()) {
-    logFile = OpenForAppending(options.logFile, fault);
-    if (logFile == nullptr) {
-      const std::string text = fmt::format(
-          "cannot write the log file '{}': {}. Choose another after --log-file.", options.logFile, fault);
-      return Refuse(output, {{ErrorCode::BadUsage, text}}, ExitCode::BadUsage);
-    }
+  OutputFile logFile;
+  OutputStream lines(logFile);
+  const bool hasFile = !options.logFile.empty();
+  if (const std::string fault = hasFile ? logFile.Open(options.logFile, kLogFile) : ""; !fault.empty()) {
+    return Refuse(output, {{ErrorCode::BadUsage, fault}}, ExitCode::BadUsage);
   }
-  std::ostream& log = logFile == nullptr ? std::cerr : *logFile;
   const std::string featureId =
       options.featureId.value_or(configuration.featureId.value_or(kDefaultFeatureId));
-  UpdateRun run{options.goal,    options.limits,
-                options.retries, Library(options, configuration),
-                featureId,       configuration.properties,
-                files,           faults,
-                output,          log,
-                options.logFile, options.logLevel};
+  UpdateRun run{options.goal,
+                options.limits,
+                options.retries,
+                Library(options, configuration),
+                featureId,
+                configuration.properties,
+                files,
+                faults,
+                output,
+                hasFile ? lines : std::cerr,
+                hasFile ? &logFile : nullptr,
+                options.logLevel};
   const bool isRecorded = !options.traceFile.empty() || !options.reportFile.empty();
   return isRecorded ? ExecuteRecorded(run, options) : run.Execute();
 }

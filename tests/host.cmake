@@ -19,7 +19,7 @@ peripheral_test(host_tests LABEL unit TIMEOUT 120
     unit/host/EventBrokerTest.cpp
     unit/host/FeatureModuleTest.cpp
     unit/host/JsonOutputTest.cpp
-    unit/host/LogFileTest.cpp
+    unit/host/OutputFileTest.cpp
     unit/host/PeripheralctlTest.cpp
     unit/host/PortsTest.cpp
     unit/host/PreflightTest.cpp

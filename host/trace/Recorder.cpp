@@ -9,8 +9,6 @@ namespace host::trace {
 
 namespace {
 
-constexpr mode_t kOwnerOnly = 0600;
-
 std::string Text(const TUint8* bytes, std::size_t count) {
   return {reinterpret_cast<const char*>(bytes), count};
 }
@@ -19,7 +17,7 @@ std::string Text(const TUint8* bytes, std::size_t count) {
 
 std::string Recorder::OpenFile(const std::string& path) {
   const std::lock_guard<std::mutex> lock(iMutex);
-  return iFile.Open(path, "trace", kOwnerOnly);
+  return iFile.Open(path, kTraceFile);
 }
 
 void Recorder::Start(const std::string& description) {

@@ -6,7 +6,7 @@
 
 #include "LineObserver.h"
 #include "Logging.h"
-#include "UnbufferedFile.h"
+#include "OutputFile.h"
 #include "trace/Record.h"
 
 namespace host::trace {
@@ -57,7 +57,7 @@ class Recorder final : public platform::ILineObserver, public logging::ISink {
 
   const std::chrono::steady_clock::time_point iBegin = std::chrono::steady_clock::now();
   std::mutex iMutex;
-  UnbufferedFile iFile;
+  OutputFile iFile;
   bool iKeepsContent = false;
   bool iStarted = false;
   std::string iContent;

@@ -368,7 +368,7 @@ TEST_F(Peripheralctl, ALogFileThatCannotBeWrittenIsReportedOnce) {
   EXPECT_EQ(process.Wait(), 0);
   EXPECT_EQ(
       process.Err(),
-      "peripheralctl: the log file '/dev/full' is incomplete: it could not be written. Is the disk full?\n");
+      "peripheralctl: the log file '/dev/full' is incomplete: No space left on device. Is the disk full?\n");
 }
 
 TEST_F(Peripheralctl, BadUsageIsRefused) {

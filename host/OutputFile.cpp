@@ -1,4 +1,4 @@
-#include "UnbufferedFile.h"
+#include "OutputFile.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -16,8 +16,8 @@ std::string Reason() {
   return errno == ELOOP ? "it is a symbolic link" : std::generic_category().message(errno);
 }
 
-// Empties the file, which nobody may read whom the mode does not name. Returns why it is not fit for that.
-std::string Begin(int file, mode_t mode) {
+// Has the file as a run begins with it. Returns why it is not fit for that.
+std::string Begin(int file, const OutputKind& kind) {
   struct stat status = {};
   if (fstat(file, &status) != 0) {
     return Reason();
@@ -31,29 +31,31 @@ std::string Begin(int file, mode_t mode) {
   if (status.st_uid != geteuid()) {
     return "it belongs to another user";
   }
-  return fchmod(file, status.st_mode & mode) == 0 && ftruncate(file, 0) == 0 ? "" : Reason();
+  const bool isReady =
+      fchmod(file, status.st_mode & kind.mode) == 0 && (kind.isContinued || ftruncate(file, 0) == 0);
+  return isReady ? "" : Reason();
 }
 
 }  // namespace
 
-UnbufferedFile::~UnbufferedFile() {
+OutputFile::~OutputFile() {
   Close();
 }
 
-std::string UnbufferedFile::Open(const std::string& path, const std::string& what, mode_t mode) {
-  iName = fmt::format("the {} '{}'", what, path);
+std::string OutputFile::Open(const std::string& path, const OutputKind& kind) {
+  iName = fmt::format("the {} '{}'", kind.name, path);
   // Nothing is emptied, and no pipe or terminal waited for, before it is known what was opened.
-  constexpr int kFlags = O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK;
-  iFile = open(path.c_str(), kFlags, mode);
-  const std::string fault = iFile < 0 ? Reason() : Begin(iFile, mode);
-  if (fault.empty()) {
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK;
+  iFile = open(path.c_str(), kFlags, kind.mode);
+  const std::string why = iFile < 0 ? Reason() : Begin(iFile, kind);
+  if (why.empty()) {
     return "";
   }
   Close();
-  return fmt::format("cannot write {}: {}. Choose another file after --{}.", iName, fault, what);
+  return fmt::format("cannot write {}: {}. Choose another file after {}.", iName, why, kind.option);
 }
 
-void UnbufferedFile::Write(std::string_view bytes) {
+void OutputFile::Write(std::string_view bytes) {
   while (iFile >= 0 && !bytes.empty()) {
     const ssize_t count = write(iFile, bytes.data(), bytes.size());
     if (count >= 0) {
@@ -65,11 +67,17 @@ void UnbufferedFile::Write(std::string_view bytes) {
   }
 }
 
-void UnbufferedFile::Close() {
+void OutputFile::Close() {
   if (iFile >= 0) {
     close(iFile);
     iFile = -1;
   }
+}
+
+int OutputStream::sync() {
+  iFile.Write(str());
+  str("");
+  return iFile.Fault().empty() ? 0 : -1;
 }
 
 }  // namespace host

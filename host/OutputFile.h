@@ -1,0 +1,65 @@
+// Files that a run leaves behind. All of them are opened in the same way: for their owner to write and for
+// nobody else; refused are symbolic links, other users' files, terminals, pipes and the like.
+#pragma once
+
+#include <sys/types.h>
+
+#include <ostream>
+#include <sstream>
+#include <string>
+#include <string_view>
+
+namespace host {
+
+/// What such a file is.
+struct OutputKind {
+  const char* name;    ///< for people
+  const char* option;  ///< that names the file
+  mode_t mode;         ///< its permissions; a file that is there loses others
+  bool isContinued;    ///< what is there stays, and what is written follows it
+};
+
+constexpr OutputKind kLogFile = {"log file", "--log-file", 0644, true};
+/// Holds the firmware.
+constexpr OutputKind kTraceFile = {"trace", "--trace", 0600, false};
+constexpr OutputKind kReportFile = {"report", "--report", 0644, false};
+
+/// A file that is written piece by piece without a buffer, so that killing the program loses nothing that was
+/// written. One thread at a time.
+class OutputFile {
+ public:
+  OutputFile() = default;
+  OutputFile(const OutputFile&) = delete;
+  OutputFile& operator=(const OutputFile&) = delete;
+  ~OutputFile();
+
+  /// Makes the file, or takes the one that is there. Returns a fault for people, empty when all is well.
+  std::string Open(const std::string& path, const OutputKind& kind);
+
+  /// Does nothing when the file was not opened, or has refused once: what would follow a gap is of no use.
+  void Write(std::string_view bytes);
+
+  /// Why the file is incomplete, for people; empty when it is not.
+  const std::string& Fault() const { return iFault; }
+
+ private:
+  void Close();
+
+  int iFile = -1;
+  std::string iName;
+  std::string iFault;
+};
+
+/// A stream into a file, which gets what was written whenever the stream is flushed.
+class OutputStream final : private std::stringbuf, public std::ostream {
+ public:
+  /// `file` must outlive it.
+  explicit OutputStream(OutputFile& file) : std::ostream(this), iFile(file) {}
+
+ private:
+  int sync() override;
+
+  OutputFile& iFile;
+};
+
+}  // namespace host
