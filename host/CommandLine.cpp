@@ -162,15 +162,9 @@ std::string MissingCommand(int argc, const char* const* argv) {
   return "say what to do: update, prepare, ports or trace" + instead + ".";
 }
 
-int BadUsage(std::ostream& err, const std::string& what) {
-  err << "peripheralctl: " << what << "\nRun 'peripheralctl --help' for the usage.\n";
-  return static_cast<int>(ExitCode::BadUsage);
-}
-
 }  // namespace
 
-std::optional<Options> ParseCommandLine(int argc, const char* const* argv, std::ostream& out,
-                                        std::ostream& err, int& exitCode) {
+CommandLine ParseCommandLine(int argc, const char* const* argv, std::ostream& out) {
   RawOptions raw;
   CLI::App app("Updates the firmware of peripherals: loads the peripheral loader module and drives it.",
                "peripheralctl");
@@ -193,24 +187,21 @@ std::optional<Options> ParseCommandLine(int argc, const char* const* argv, std::
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& success) {
-    exitCode = app.exit(success, out, err);
-    return std::nullopt;
+    app.exit(success, out, out);
+    return {raw.options, true, ""};
   } catch (const CLI::RequiredError&) {
-    exitCode = BadUsage(err, MissingCommand(argc, argv));
-    return std::nullopt;
+    return {raw.options, false, MissingCommand(argc, argv)};
   } catch (const CLI::ParseError& error) {
-    exitCode = BadUsage(err, error.what());
-    return std::nullopt;
+    return {raw.options, false, error.what()};
   }
   if (raw.options.trace.action != trace::TraceOptions::Action::None) {
-    return raw.options;
+    return {raw.options, false, ""};
   }
   raw.options.listPorts = ports->parsed();
   if (!raw.options.listPorts && raw.options.configFile.empty() && raw.options.settings.empty()) {
-    exitCode = BadUsage(err, "name a configuration file with --config, or set the properties with --set.");
-    return std::nullopt;
+    return {raw.options, false, "name a configuration file with --config, or set the properties with --set."};
   }
-  return Finish(raw, prepare->parsed() ? Goal::Prepare : Goal::Update);
+  return {Finish(raw, prepare->parsed() ? Goal::Prepare : Goal::Update), false, ""};
 }
 
 }  // namespace host

@@ -32,9 +32,14 @@ struct Options {
   std::optional<std::string> featureId;
 };
 
-/// Reads the command line. Returns nothing when there is nothing left to do: help or the version was asked
-/// for and stands in `out`, or the usage was wrong and `err` says how; `exitCode` is then what to exit with.
-std::optional<Options> ParseCommandLine(int argc, const char* const* argv, std::ostream& out,
-                                        std::ostream& err, int& exitCode);
+/// What came of a command line.
+struct CommandLine {
+  Options options;          ///< if the usage was wrong, as much as was understood
+  bool isAnswered = false;  ///< help or the version was asked for and stands in `out`
+  std::string fault;        ///< for people, how the usage was wrong; empty when it was right
+};
+
+/// Reads the command line.
+CommandLine ParseCommandLine(int argc, const char* const* argv, std::ostream& out);
 
 }  // namespace host

@@ -86,13 +86,22 @@ Json ErrorFields(ErrorCode code, const std::string& message) {
           {"advice", description.advice}};
 }
 
-void WriteUntouched(std::ostream& out, const char* outcome, ExitCode exitCode) {
+// Of several faults the first one gives the code.
+Json CodeOf(const Faults& faults) {
+  return faults.empty() ? Json(nullptr) : Json(Describe(faults.front().code).name);
+}
+
+void WriteUntouched(std::ostream& out, const char* outcome, ExitCode exitCode, const Faults& faults) {
+  Json reasons = Json::array();
+  for (const Fault& fault : faults) {
+    reasons.push_back(fault.text);
+  }
   Write(out, "result",
         {{"outcome", outcome},
          {"exit_code", static_cast<int>(exitCode)},
-         {"code", nullptr},
+         {"code", CodeOf(faults)},
          {"device_touched", false},
-         {"reasons", Json::array()}});
+         {"reasons", reasons}});
 }
 
 Json WithDevice(std::size_t device, const std::vector<std::string>& devices) {
@@ -156,7 +165,7 @@ void JsonOutput::OnPorts(const std::vector<Port>& ports) {
            {"group", port.group},
            {"modem_manager", Name(port.modemManager)}});
   }
-  WriteUntouched(iOut, "succeeded", ExitCode::Success);
+  WriteUntouched(iOut, "succeeded", ExitCode::Success, {});
 }
 
 void JsonOutput::OnFaults(const Faults& faults) {
@@ -169,8 +178,8 @@ void JsonOutput::OnWarning(const std::string& text) {
   Write(iOut, "warning", {{"text", text}});
 }
 
-void JsonOutput::OnRefusal(ExitCode exitCode) {
-  WriteUntouched(iOut, "refused", exitCode);
+void JsonOutput::OnRefusal(const Faults& faults, ExitCode exitCode) {
+  WriteUntouched(iOut, "refused", exitCode, faults);
 }
 
 void JsonOutput::OnResult(const RunResult& result, ExitCode exitCode) {
@@ -181,7 +190,7 @@ void JsonOutput::OnResult(const RunResult& result, ExitCode exitCode) {
   Write(iOut, "result",
         {{"outcome", Name(result.outcome)},
          {"exit_code", static_cast<int>(exitCode)},
-         {"code", cause ? Json(Describe(cause->code).name) : Json(nullptr)},
+         {"code", cause ? Json(Describe(cause->code).name) : CodeOf(result.faults)},
          {"device_touched", result.uploadStarted},
          {"reasons", result.outcome == Outcome::Succeeded ? Json::array() : Json(result.reasons)}});
 }

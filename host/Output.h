@@ -33,8 +33,8 @@ class Output : public UpdateListener {
   virtual void OnFaults(const Faults& faults) = 0;
   /// What is wrong but changes nothing.
   virtual void OnWarning(const std::string& text) = 0;
-  /// The faults told before are the end of it: nothing was begun.
-  virtual void OnRefusal(ExitCode exitCode) = 0;
+  /// The faults, told before, are the end of it: nothing was begun.
+  virtual void OnRefusal(const Faults& faults, ExitCode exitCode) = 0;
   /// How it ended: the last that is told.
   virtual void OnResult(const RunResult& result, ExitCode exitCode) = 0;
 

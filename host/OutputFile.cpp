@@ -6,6 +6,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <random>
 #include <system_error>
 
 namespace host {
@@ -14,6 +18,17 @@ namespace {
 
 std::string Reason() {
   return errno == ELOOP ? "it is a symbolic link" : std::generic_category().message(errno);
+}
+
+// Why the run must not write there; empty when it may.
+std::string WhyUnfit(const struct stat& status) {
+  if (S_ISLNK(status.st_mode)) {
+    return "it is a symbolic link";
+  }
+  if (!S_ISREG(status.st_mode)) {
+    return "it is no regular file";
+  }
+  return status.st_uid == geteuid() ? "" : "it belongs to another user";
 }
 
 // Has the file as a run begins with it. Returns why it is not fit for that.
@@ -25,15 +40,56 @@ std::string Begin(int file, const OutputKind& kind) {
   if (S_ISCHR(status.st_mode) && isatty(file) == 0) {
     return "";
   }
-  if (!S_ISREG(status.st_mode)) {
-    return "it is no regular file";
-  }
-  if (status.st_uid != geteuid()) {
-    return "it belongs to another user";
+  if (const std::string why = WhyUnfit(status); !why.empty()) {
+    return why;
   }
   const bool isReady =
       fchmod(file, status.st_mode & kind.mode) == 0 && (kind.isContinued || ftruncate(file, 0) == 0);
   return isReady ? "" : Reason();
+}
+
+std::string CannotWrite(const std::string& path, const OutputKind& kind, const std::string& why) {
+  return why.empty() ? ""
+                     : fmt::format("cannot write the {} '{}': {}. Choose another file after {}.", kind.name,
+                                   path, why, kind.option);
+}
+
+// Returns why the file could not be made; the empty rest of it is then removed.
+std::string WriteNew(const std::string& path, mode_t mode, std::string_view content) {
+  const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode);
+  if (file < 0) {
+    return Reason();
+  }
+  std::string why;
+  while (why.empty() && !content.empty()) {
+    const ssize_t count = write(file, content.data(), content.size());
+    content.remove_prefix(count > 0 ? static_cast<std::size_t>(count) : 0);
+    why = count < 0 && errno != EINTR ? Reason() : "";
+  }
+  why = close(file) != 0 && why.empty() ? Reason() : why;
+  if (!why.empty()) {
+    unlink(path.c_str());
+  }
+  return why;
+}
+
+// A name that nothing else has.
+std::string Beside(const std::string& path) {
+  std::random_device random;
+  return fmt::format("{}.{:08x}", path, random());
+}
+
+std::string WhyNoRoom(const std::string& path, mode_t mode) {
+  struct stat status = {};
+  const bool isThere = lstat(path.c_str(), &status) == 0;
+  std::string why = isThere ? WhyUnfit(status) : "";
+  const std::string beside = Beside(path);
+  why = why.empty() ? WriteNew(beside, mode, "") : why;
+  if (!why.empty()) {
+    return why;
+  }
+  unlink(beside.c_str());
+  return isThere && unlink(path.c_str()) != 0 ? Reason() : "";
 }
 
 }  // namespace
@@ -43,16 +99,15 @@ OutputFile::~OutputFile() {
 }
 
 std::string OutputFile::Open(const std::string& path, const OutputKind& kind) {
-  iName = fmt::format("the {} '{}'", kind.name, path);
   // Nothing is emptied, and no pipe or terminal waited for, before it is known what was opened.
   constexpr int kFlags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK;
   iFile = open(path.c_str(), kFlags, kind.mode);
   const std::string why = iFile < 0 ? Reason() : Begin(iFile, kind);
-  if (why.empty()) {
-    return "";
+  if (!why.empty()) {
+    Close();
   }
-  Close();
-  return fmt::format("cannot write {}: {}. Choose another file after {}.", iName, why, kind.option);
+  iName = fmt::format("the {} '{}'", kind.name, path);
+  return CannotWrite(path, kind, why);
 }
 
 void OutputFile::Write(std::string_view bytes) {
@@ -72,6 +127,31 @@ void OutputFile::Close() {
     close(iFile);
     iFile = -1;
   }
+}
+
+std::string MakeRoom(const std::string& path, const OutputKind& kind) {
+  return CannotWrite(path, kind, WhyNoRoom(path, kind.mode));
+}
+
+std::string WriteWhole(const std::string& path, const OutputKind& kind, const std::string& content) {
+  const std::string beside = Beside(path);
+  std::string why = WriteNew(beside, kind.mode, content);
+  if (why.empty() && rename(beside.c_str(), path.c_str()) != 0) {
+    why = Reason();
+    unlink(beside.c_str());
+  }
+  return why.empty() ? "" : fmt::format("there is no {} '{}': {}. Is the disk full?", kind.name, path, why);
+}
+
+bool IsMissingOrBegins(const std::string& path, std::string_view beginning) {
+  std::error_code error;
+  if (!std::filesystem::is_regular_file(std::filesystem::symlink_status(path, error))) {
+    return true;
+  }
+  std::ifstream file(path, std::ios::binary);
+  std::string begun(beginning.size(), '\0');
+  file.read(begun.data(), static_cast<std::streamsize>(begun.size()));
+  return file.is_open() && !file.bad() && (file.gcount() == 0 || begun == beginning);
 }
 
 int OutputStream::sync() {

@@ -50,6 +50,18 @@ class OutputFile {
   std::string iFault;
 };
 
+/// Makes room for a file that comes as a whole: what is there, if it may be replaced, is removed, and it is
+/// tried whether another could be made. Returns a fault for people, empty when all is well.
+std::string MakeRoom(const std::string& path, const OutputKind& kind);
+
+/// Writes such a file: beside its place first, so that it is there with all of its content or not at all.
+/// Returns a fault for people, empty when all is well.
+std::string WriteWhole(const std::string& path, const OutputKind& kind, const std::string& content);
+
+/// Tells whether the file is missing, empty, no regular file, or begins like that: whether it is one that an
+/// earlier run has left behind, or has nothing to lose.
+bool IsMissingOrBegins(const std::string& path, std::string_view beginning);
+
 /// A stream into a file, which gets what was written whenever the stream is flushed.
 class OutputStream final : private std::stringbuf, public std::ostream {
  public:

@@ -127,7 +127,7 @@ void ProgressDisplay::OnWarning(const std::string& text) {
 }
 
 // The faults say it all.
-void ProgressDisplay::OnRefusal(ExitCode /*exitCode*/) {}
+void ProgressDisplay::OnRefusal(const Faults& /*faults*/, ExitCode /*exitCode*/) {}
 
 void ProgressDisplay::OnResult(const RunResult& result, ExitCode exitCode) {
   (exitCode == ExitCode::Success ? iOut : iErr) << ReportFor(result) << std::flush;

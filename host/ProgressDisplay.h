@@ -33,7 +33,7 @@ class ProgressDisplay final : public Output {
   void OnPorts(const std::vector<Port>& ports) override;
   void OnFaults(const Faults& faults) override;
   void OnWarning(const std::string& text) override;
-  void OnRefusal(ExitCode exitCode) override;
+  void OnRefusal(const Faults& faults, ExitCode exitCode) override;
   void OnResult(const RunResult& result, ExitCode exitCode) override;
 
  private:

@@ -11,28 +11,6 @@ namespace {
 constexpr const char* kIncomplete = "The device may hold an incomplete image: run the update again.";
 constexpr const char* kUntouched = "Nothing was sent to the device.";
 
-const char* Headline(const RunResult& result) {
-  switch (result.outcome) {
-    case Outcome::Succeeded:
-      return result.goal == Goal::Update
-                 ? "The update has succeeded."
-                 : "The preparation has succeeded: settings, files and port are in order.";
-    case Outcome::NothingToUpdate:
-      return "Nothing to update: the update list is empty.";
-    case Outcome::PrepareFailed:
-      return "The preparation failed.";
-    case Outcome::InstallFailed:
-      return "The update failed.";
-    case Outcome::Aborted:
-      return "Aborted.";
-    case Outcome::NoResult:
-      return "No result in time: the module gave no sign of life.";
-    case Outcome::SourceChanged:
-      return "The update failed: a file changed while it was being sent.";
-  }
-  return "";
-}
-
 bool Succeeded(const RunResult& result) {
   return result.outcome == Outcome::Succeeded || result.outcome == Outcome::NothingToUpdate;
 }
@@ -99,6 +77,28 @@ ErrorCode CodeOf(Outcome outcome) {
 }
 
 }  // namespace
+
+const char* Headline(const RunResult& result) {
+  switch (result.outcome) {
+    case Outcome::Succeeded:
+      return result.goal == Goal::Update
+                 ? "The update has succeeded."
+                 : "The preparation has succeeded: settings, files and port are in order.";
+    case Outcome::NothingToUpdate:
+      return "Nothing to update: the update list is empty.";
+    case Outcome::PrepareFailed:
+      return "The preparation failed.";
+    case Outcome::InstallFailed:
+      return "The update failed.";
+    case Outcome::Aborted:
+      return "Aborted.";
+    case Outcome::NoResult:
+      return "No result in time: the module gave no sign of life.";
+    case Outcome::SourceChanged:
+      return "The update failed: a file changed while it was being sent.";
+  }
+  return "";
+}
 
 std::optional<Cause> CauseOf(const RunResult& result) {
   if (Succeeded(result) || !result.faults.empty()) {

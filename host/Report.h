@@ -10,6 +10,9 @@
 
 namespace host {
 
+/// What is said of a run that was refused.
+constexpr const char* kRefused = "The run was refused; nothing was sent.";
+
 /// How a run ended, as far as people are told.
 struct RunResult {
   Goal goal;
@@ -23,6 +26,9 @@ struct RunResult {
 /// Why it did not succeed: what the log tells, or what the outcome says by itself. Nothing after a success,
 /// and when the faults have told.
 std::optional<Cause> CauseOf(const RunResult& result);
+
+/// How it ended, in a sentence.
+const char* Headline(const RunResult& result);
 
 /// What to tell a person at the end: the outcome, the reasons of a failure, and what to do next. Ends with a
 /// line break.

@@ -7,6 +7,7 @@
 #include <filesystem>
 
 #include "ExitCode.h"
+#include "OutputFile.h"
 #include "Peripherals.h"
 #include "Version.h"
 #include "report/RunReport.h"
@@ -41,8 +42,33 @@ std::string Describe(const PropertyMap& properties) {
          ReadProperties(properties);
 }
 
-std::string FirstLine(const std::string& text) {
-  return text.substr(0, text.find('\n'));
+Faults ErrorsOf(const RunResult& result) {
+  const std::optional<Cause> cause = CauseOf(result);
+  return cause ? Faults{{cause->code, cause->detail}} : result.faults;
+}
+
+std::string Sentence(const std::string& before, const std::string& text) {
+  return before.empty() || text.empty() ? text : " " + text;
+}
+
+std::string ReplaceTrace(const std::string& path, const std::string& content) {
+  if (!IsMissingOrBegins(path, trace::FileHeader())) {
+    return fmt::format("'{}' is no trace and is left as it is.", path);
+  }
+  OutputFile file;
+  const std::string fault = file.Open(path, kTraceFile);
+  file.Write(content);
+  return fault + file.Fault();
+}
+
+std::string ReplaceReport(const std::string& path, const std::string& content) {
+  report::Format format = {};
+  report::FormatOf(path, format);
+  if (!IsMissingOrBegins(path, report::BeginningOf(format))) {
+    return fmt::format("'{}' is no report and is left as it is.", path);
+  }
+  const std::string fault = MakeRoom(path, kReportFile);
+  return fault.empty() ? WriteWhole(path, kReportFile, content) : fault;
 }
 
 }  // namespace
@@ -54,7 +80,7 @@ std::string RunRecording::Open() {
   std::string fault = iFiles.trace.empty() ? "" : iRecorder.OpenFile(iFiles.trace);
   if (fault.empty() && !iFiles.report.empty()) {
     iRecorder.KeepContent();
-    fault = iReport.Open(iFiles.report, kReportFile);
+    fault = MakeRoom(iFiles.report, kReportFile);
   }
   return fault;
 }
@@ -68,15 +94,31 @@ std::string RunRecording::OnEnd(const RunResult& result, bool moduleGone) {
   if (moduleGone) {
     iRecorder.Stop();
   }
-  iRecorder.End(static_cast<int>(ExitCodeOf(result.outcome)), FirstLine(ReportFor(result)));
+  iRecorder.End(static_cast<int>(ExitCodeOf(result.outcome)), Headline(result));
+  std::string fault = iRecorder.Fault();
   if (!iFiles.report.empty()) {
-    const trace::Trace trace = trace::Decode(iRecorder.Content());
-    report::Format format = {};
-    report::FormatOf(iFiles.report, format);
-    iReport.Write(format == report::Format::Json ? report::JsonReport(trace) : report::HtmlReport(trace));
+    const std::string report =
+        report::ReportFor(iFiles.report, trace::Decode(iRecorder.Content()), ErrorsOf(result));
+    fault += Sentence(fault, WriteWhole(iFiles.report, kReportFile, report));
   }
-  const std::string fault = iRecorder.Fault();
-  return fault.empty() ? iReport.Fault() : fault;
+  return fault;
+}
+
+std::string RunRecording::OnRefusal(const Faults& faults, ExitCode exitCode) {
+  return RecordNoRun(iFiles, exitCode, kRefused, faults);
+}
+
+std::string RecordNoRun(const RunRecording::Files& files, ExitCode exitCode, const std::string& outcome,
+                        const Faults& faults) {
+  const std::string end =
+      trace::FileHeader() +
+      trace::Encode({trace::Kind::End, 0, fmt::format("{} {}", static_cast<int>(exitCode), outcome)});
+  std::string fault = files.trace.empty() ? "" : ReplaceTrace(files.trace, end);
+  if (!files.report.empty()) {
+    const std::string report = report::ReportFor(files.report, trace::Decode(end), faults);
+    fault += Sentence(fault, ReplaceReport(files.report, report));
+  }
+  return fault;
 }
 
 }  // namespace host

@@ -3,7 +3,6 @@
 #include <functional>
 #include <string>
 
-#include "OutputFile.h"
 #include "Report.h"
 #include "UpdateRun.h"
 #include "trace/Recorder.h"
@@ -22,18 +21,25 @@ class RunRecording final : public RunCompanion {
   /// `properties` are those of the run to come.
   RunRecording(Files files, const PropertyMap& properties);
 
-  /// Opens the files. Returns a fault for people, empty when all is well.
+  /// Opens the trace and makes room for the report: nothing is left there of an earlier run. Returns a fault
+  /// for people, empty when all is well.
   std::string Open();
 
   void OnBegin(const std::function<void()>& abort) override;
   /// Returns why what was recorded is incomplete.
   std::string OnEnd(const RunResult& result, bool moduleGone) override;
+  std::string OnRefusal(const Faults& faults, ExitCode exitCode) override;
 
  private:
   const Files iFiles;
   const std::string iDescription;
   trace::Recorder iRecorder;
-  OutputFile iReport;
 };
+
+/// Leaves behind what a run has to say that does not take place: a trace with nothing but its end, and a
+/// report that says why. Older ones make way, any other file stays. Returns what went wrong, for people;
+/// empty when nothing did.
+std::string RecordNoRun(const RunRecording::Files& files, ExitCode exitCode, const std::string& outcome,
+                        const Faults& faults);
 
 }  // namespace host

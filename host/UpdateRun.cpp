@@ -178,12 +178,7 @@ ExitCode UpdateRun::Execute() const {
   if (listening.Log().LinesLost() && logFile != nullptr) {
     output.OnWarning(logFile->Fault());
   }
-  if (companion != nullptr) {
-    fault = companion->OnEnd(ended, stopped);
-    if (!fault.empty()) {
-      output.OnWarning(fault);
-    }
-  }
+  WarnIf(companion != nullptr ? companion->OnEnd(ended, stopped) : "");
   output.OnResult(ended, ExitCodeOf(ended));
   if (!stopped) {
     ExitAtOnce(ExitCodeOf(ended));
@@ -194,9 +189,18 @@ ExitCode UpdateRun::Execute() const {
 // What was found wrong before decides the exit code.
 ExitCode UpdateRun::RefuseModule(const std::string& fault) const {
   const ExitCode exitCode = faults.empty() ? ExitCode::ModuleNotLoadable : host::ExitCodeOf(faults);
-  output.OnFaults({{ErrorCode::ModuleNotLoadable, fault}});
-  output.OnRefusal(exitCode);
+  Faults all = faults;
+  all.push_back({ErrorCode::ModuleNotLoadable, fault});
+  output.OnFaults({all.back()});
+  WarnIf(companion != nullptr ? companion->OnRefusal(all, exitCode) : "");
+  output.OnRefusal(all, exitCode);
   return exitCode;
+}
+
+void UpdateRun::WarnIf(const std::string& fault) const {
+  if (!fault.empty()) {
+    output.OnWarning(fault);
+  }
 }
 
 }  // namespace host

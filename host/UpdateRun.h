@@ -28,6 +28,8 @@ class RunCompanion {
   /// Not called when the process is ended in haste. Returns what went wrong with accompanying it, for people;
   /// empty when nothing did.
   virtual std::string OnEnd(const RunResult& result, bool moduleGone) = 0;
+  /// Instead of both: the module could not be had. Returns what OnEnd does.
+  virtual std::string OnRefusal(const Faults& /*faults*/, ExitCode /*exitCode*/) { return ""; }
 };
 
 /// One run of the module from loading to unloading: everything that peripheralctl does once it knows what
@@ -57,6 +59,7 @@ struct UpdateRun {
 
  private:
   ExitCode RefuseModule(const std::string& fault) const;
+  void WarnIf(const std::string& fault) const;
 };
 
 }  // namespace host

@@ -62,9 +62,21 @@ std::unique_ptr<Output> MakeOutput(bool json, const PropertyMap& properties) {
   return std::make_unique<ProgressDisplay>(std::cout, std::cerr, LookOfStandardOutput(), devices);
 }
 
-ExitCode Refuse(Output& output, const Faults& faults, ExitCode exitCode) {
+// No run leaves what an earlier one has left.
+void Record(const Options& options, Output& output, ExitCode exitCode, const std::string& outcome,
+            const Faults& faults) {
+  const std::string fault = RecordNoRun({options.traceFile, options.reportFile}, exitCode, outcome, faults);
+  const bool isTold =
+      std::any_of(faults.begin(), faults.end(), [&fault](const Fault& told) { return told.text == fault; });
+  if (!fault.empty() && !isTold) {
+    output.OnWarning(fault);
+  }
+}
+
+ExitCode Refuse(const Options& options, Output& output, const Faults& faults, ExitCode exitCode) {
   output.OnFaults(faults);
-  output.OnRefusal(exitCode);
+  Record(options, output, exitCode, kRefused, faults);
+  output.OnRefusal(faults, exitCode);
   return exitCode;
 }
 
@@ -97,7 +109,7 @@ ExitCode ExecuteTrace(const trace::TraceOptions& options) {
 ExitCode ExecuteRecorded(UpdateRun& run, const Options& options) {
   RunRecording recording({options.traceFile, options.reportFile}, run.properties);
   if (const std::string fault = recording.Open(); !fault.empty()) {
-    return Refuse(run.output, {{ErrorCode::BadUsage, fault}}, ExitCode::BadUsage);
+    return Refuse(options, run.output, {{ErrorCode::BadUsage, fault}}, ExitCode::BadUsage);
   }
   run.companion = &recording;
   return run.Execute();
@@ -108,28 +120,30 @@ bool IsSameFile(const std::string& a, const std::string& b) {
   return std::filesystem::equivalent(a, b, error) && !error;
 }
 
-// What is written must destroy neither what is sent or read nor each other.
-Faults CheckOutputs(const Options& options, const std::string& library, const SourceFiles& files) {
+// What is written must destroy neither what is sent or read nor each other. Takes out of the options what
+// would.
+Faults CheckOutputs(Options& options, const std::string& library, const SourceFiles& files) {
   Faults faults;
   std::set<std::filesystem::path> paths;
-  for (const auto& [option, path] :
-       {std::pair("--log-file", options.logFile), std::pair("--trace", options.traceFile),
-        std::pair("--report", options.reportFile)}) {
+  for (const auto& [kind, path] :
+       {std::pair(&kLogFile, &options.logFile), std::pair(&kTraceFile, &options.traceFile),
+        std::pair(&kReportFile, &options.reportFile)}) {
     std::error_code error;
     const char* use = nullptr;
-    if (path.empty()) {
+    if (path->empty()) {
       continue;
     }
-    if (files.Holds(path)) {
+    if (files.Holds(*path)) {
       use = "is a file that is sent";
-    } else if (IsSameFile(path, options.configFile) || IsSameFile(path, library)) {
+    } else if (IsSameFile(*path, options.configFile) || IsSameFile(*path, library)) {
       use = "is read by this run";
-    } else if (!paths.insert(std::filesystem::weakly_canonical(path, error)).second) {
+    } else if (!paths.insert(std::filesystem::weakly_canonical(*path, error)).second) {
       use = "is written already";
     }
     if (use != nullptr) {
       faults.push_back(
-          {ErrorCode::BadUsage, fmt::format("'{}' {}; choose another after {}.", path, use, option)});
+          {ErrorCode::BadUsage, fmt::format("'{}' {}; choose another after {}.", *path, use, kind->option)});
+      path->clear();
     }
   }
   return faults;
@@ -142,7 +156,7 @@ ExitCode Run(const Options& options, const Configuration& configuration, const S
   OutputStream lines(logFile);
   const bool hasFile = !options.logFile.empty();
   if (const std::string fault = hasFile ? logFile.Open(options.logFile, kLogFile) : ""; !fault.empty()) {
-    return Refuse(output, {{ErrorCode::BadUsage, fault}}, ExitCode::BadUsage);
+    return Refuse(options, output, {{ErrorCode::BadUsage, fault}}, ExitCode::BadUsage);
   }
   const std::string featureId =
       options.featureId.value_or(configuration.featureId.value_or(kDefaultFeatureId));
@@ -162,7 +176,7 @@ ExitCode Run(const Options& options, const Configuration& configuration, const S
   return isRecorded ? ExecuteRecorded(run, options) : run.Execute();
 }
 
-ExitCode Execute(const Options& options) {
+ExitCode Execute(Options options) {
   if (options.trace.action != trace::TraceOptions::Action::None) {
     return ExecuteTrace(options.trace);
   }
@@ -174,31 +188,45 @@ ExitCode Execute(const Options& options) {
   const Configuration configuration = Gather(options, faults);
   const PropertyMap& properties = configuration.properties;
   const std::unique_ptr<Output> output = MakeOutput(options.json, properties);
-  if (!IsUnderstood(faults)) {
-    return Refuse(*output, faults, ExitCodeOf(faults));
-  }
   const SourceFiles files(properties);
+  const Faults unfit = CheckOutputs(options, Library(options, configuration), files);
+  if (!IsUnderstood(faults)) {
+    return Refuse(options, *output, faults, ExitCodeOf(faults));
+  }
   faults = CheckProperties(properties, {configuration.digests, options.requireDigest});
   if (!faults.empty() && options.goal == Goal::Update) {
-    return Refuse(*output, faults, ExitCodeOf(faults));
+    return Refuse(options, *output, faults, ExitCodeOf(faults));
+  }
+  if (!unfit.empty()) {
+    return Refuse(options, *output, unfit, ExitCode::BadUsage);
   }
   if (faults.empty() && properties.at(kUpdateListKey).empty()) {
-    output->OnResult({options.goal, Outcome::NothingToUpdate, false, {}}, ExitCode::Success);
+    const RunResult result = {options.goal, Outcome::NothingToUpdate, false, {}};
+    Record(options, *output, ExitCode::Success, Headline(result), {});
+    output->OnResult(result, ExitCode::Success);
     return ExitCode::Success;
-  }
-  if (const Faults unfit = CheckOutputs(options, Library(options, configuration), files); !unfit.empty()) {
-    return Refuse(*output, unfit, ExitCode::BadUsage);
   }
   output->OnFaults(faults);
   return Run(options, configuration, files, faults, *output);
 }
 
 // A program that reads JSON is also told by JSON what ends the program before or outside of a run.
-void TellPrograms(int argc, const char* const* argv, const Fault& fault, ExitCode exitCode) {
-  const bool json = std::any_of(argv, argv + argc, [](std::string_view word) { return word == "--json"; });
-  if (json) {
-    Refuse(*MakeOutput(true, {}), {fault}, exitCode);
+bool IsForPrograms(int argc, const char* const* argv) {
+  return std::any_of(argv, argv + argc, [](std::string_view word) { return word == "--json"; });
+}
+
+ExitCode Main(int argc, const char* const* argv) {
+  const CommandLine line = ParseCommandLine(argc, argv, std::cout);
+  if (line.isAnswered) {
+    return ExitCode::Success;
   }
+  if (line.fault.empty()) {
+    return Execute(line.options);
+  }
+  const std::unique_ptr<Output> output = MakeOutput(IsForPrograms(argc, argv), {});
+  Refuse(line.options, *output, {{ErrorCode::BadUsage, line.fault}}, ExitCode::BadUsage);
+  std::cerr << "Run 'peripheralctl --help' for the usage.\n";
+  return ExitCode::BadUsage;
 }
 
 }  // namespace
@@ -207,20 +235,12 @@ int main(int argc, char** argv) {
   // A reader of our output that goes away must not end an update half-way.
   std::signal(SIGPIPE, SIG_IGN);
   try {
-    int exitCode = 0;
-    const std::optional<Options> options = ParseCommandLine(argc, argv, std::cout, std::cerr, exitCode);
-    if (options) {
-      return static_cast<int>(Execute(*options));
-    }
-    if (exitCode != 0) {
-      TellPrograms(argc, argv,
-                   {ErrorCode::BadUsage, "the command line was not understood; standard error says why"},
-                   ExitCode::BadUsage);
-    }
-    return exitCode;
+    return static_cast<int>(Main(argc, argv));
   } catch (const std::exception& error) {
     std::cerr << "peripheralctl: internal error: " << error.what() << std::endl;
-    TellPrograms(argc, argv, {ErrorCode::Internal, error.what()}, ExitCode::Internal);
+    if (IsForPrograms(argc, argv)) {
+      Refuse({}, *MakeOutput(true, {}), {{ErrorCode::Internal, error.what()}}, ExitCode::Internal);
+    }
     return static_cast<int>(ExitCode::Internal);
   }
 }

@@ -18,9 +18,11 @@ target_compile_options(fuzzed_host PRIVATE -fno-sanitize=unreachable)
 
 # What decodes and reports traces.
 add_library(fuzzed_trace STATIC
+  ${PROJECT_SOURCE_DIR}/host/ErrorCode.cpp
   ${PROJECT_SOURCE_DIR}/host/report/Figures.cpp
   ${PROJECT_SOURCE_DIR}/host/report/HtmlReport.cpp
   ${PROJECT_SOURCE_DIR}/host/report/JsonReport.cpp
+  ${PROJECT_SOURCE_DIR}/host/report/RunReport.cpp
   ${PROJECT_SOURCE_DIR}/host/trace/Chart.cpp
   ${PROJECT_SOURCE_DIR}/host/trace/Dialogue.cpp
   ${PROJECT_SOURCE_DIR}/host/trace/Frames.cpp

@@ -148,19 +148,30 @@ std::string RunTable(const Dialogue& dialogue) {
   return rows.empty() ? "<p>The trace does not tell.</p>\n" : "<table>\n" + rows + "</table>\n";
 }
 
+std::string ErrorTable(const Faults& errors) {
+  std::string rows;
+  for (const Fault& error : errors) {
+    const ErrorDescription& description = Describe(error.code);
+    rows += "<tr>" + Cell(description.name) + Cell(error.text) + Cell(description.cause) +
+            Cell(description.advice) + "</tr>\n";
+  }
+  return Table({"Code", "What", "Cause", "What to do"}, rows, "Nothing is known to have gone wrong.");
+}
+
 }  // namespace
 
-std::string HtmlReport(const trace::Trace& trace) {
+std::string HtmlReport(const trace::Trace& trace, const Faults& errors) {
   const Dialogue dialogue = Understand(trace);
   const Figures figures = Count(dialogue);
   const std::string outcome = Escaped(dialogue.exitCode ? dialogue.outcome : "The run was ended by force.");
   const bool good = dialogue.exitCode == 0;
   return fmt::format(
-             "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
+             "{3}<meta charset=\"utf-8\">\n"
              "<meta name=\"viewport\" "
              "content=\"width=device-width\">\n<title>{0}</title>\n<style>{1}</style>\n"
              "</head>\n<body>\n<h1 id=\"outcome\" class=\"{2}\">{0}</h1>\n",
-             outcome, kStyle, good ? "good" : "bad") +
+             outcome, kStyle, good ? "good" : "bad", BeginningOf(Format::Html)) +
+         (good ? "" : Section("errors", "What went wrong", ErrorTable(errors))) +
          Section("figures", "Figures", FigureTable(figures)) +
          Section("rate", "Rate over time", RateChart(figures.rate)) +
          Section("retransmissions", "Blocks that were sent again", RetransmissionTable(figures)) +

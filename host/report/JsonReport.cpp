@@ -104,9 +104,21 @@ ordered_json Numbers(const Figures& figures) {
           {"paused_s", Seconds(figures.paused_us)}};
 }
 
+ordered_json Errors(const Faults& faults) {
+  ordered_json errors = ordered_json::array();
+  for (const Fault& fault : faults) {
+    const ErrorDescription& description = Describe(fault.code);
+    errors.push_back({{"code", description.name},
+                      {"message", fault.text},
+                      {"cause", description.cause},
+                      {"advice", description.advice}});
+  }
+  return errors;
+}
+
 }  // namespace
 
-std::string JsonReport(const trace::Trace& trace) {
+std::string JsonReport(const trace::Trace& trace, const Faults& errors) {
   const Dialogue dialogue = Understand(trace);
   const Figures figures = Count(dialogue);
   const ordered_json report = {
@@ -115,6 +127,7 @@ std::string JsonReport(const trace::Trace& trace) {
       {"run", dialogue.description},
       {"exitCode", dialogue.exitCode ? ordered_json(*dialogue.exitCode) : ordered_json()},
       {"outcome", dialogue.outcome},
+      {"errors", Errors(errors)},
       {"figures", Numbers(figures)},
       {"rate", {{"step_s", Seconds(figures.rate.step_us)}, {"bytes", figures.rate.bytes}}},
       {"transfers", Transfers(dialogue)},

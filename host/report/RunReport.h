@@ -1,7 +1,9 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
+#include "Fault.h"
 #include "trace/Record.h"
 
 namespace host::report {
@@ -12,11 +14,17 @@ enum class Format { Json, Html };
 /// Which one a file's name asks for: .json, or .html and .htm. False for any other name.
 bool FormatOf(const std::string& file, Format& format);
 
-/// A run as a JSON object; docs/TRACES.md has its members.
-std::string JsonReport(const trace::Trace& trace);
+/// How every report of that format begins.
+std::string_view BeginningOf(Format format);
 
-/// A run as one HTML page that needs nothing else: how it ended, its figures, the rate over time, what was
-/// sent again, the dialogue as a chart, and the log.
-std::string HtmlReport(const trace::Trace& trace);
+/// A run in the format that the file's name asks for. `errors` are why it did not succeed.
+std::string ReportFor(const std::string& file, const trace::Trace& trace, const Faults& errors);
+
+/// A run as a JSON object; docs/TRACES.md has its members.
+std::string JsonReport(const trace::Trace& trace, const Faults& errors);
+
+/// A run as one HTML page that needs nothing else: how it ended and why, its figures, the rate over time,
+/// what was sent again, the dialogue as a chart, and the log.
+std::string HtmlReport(const trace::Trace& trace, const Faults& errors);
 
 }  // namespace host::report

@@ -83,8 +83,8 @@ void CheckViews(const Trace& trace, const Dialogue& dialogue) {
   const std::string chart = SequenceChart(dialogue);
   Promise(std::all_of(chart.begin(), chart.end(), [](char c) { return c == '\n' || (c >= ' ' && c <= '~'); }),
           "what no document can hold in the chart");
-  Promise(nlohmann::json::accept(host::report::JsonReport(trace)), "a report that is no JSON");
-  Promise(host::report::HtmlReport(trace).find("<script") == std::string::npos, "somebody else's markup");
+  Promise(nlohmann::json::accept(host::report::JsonReport(trace, {})), "a report that is no JSON");
+  Promise(host::report::HtmlReport(trace, {}).find("<script") == std::string::npos, "somebody else's markup");
 }
 
 void Check(const Trace& trace) {

@@ -107,8 +107,9 @@ TEST_F(JsonOutputTest, ARetryGivesItsCause) {
 }
 
 TEST_F(JsonOutputTest, FaultsAndARefusal) {
-  iOutput.OnFaults({{ErrorCode::PortBusy, "one"}, {ErrorCode::DigestWrong, "two"}});
-  iOutput.OnRefusal(host::ExitCode::BadConfiguration);
+  const host::Faults faults = {{ErrorCode::PortBusy, "one"}, {ErrorCode::DigestWrong, "two"}};
+  iOutput.OnFaults(faults);
+  iOutput.OnRefusal(faults, host::ExitCode::BadConfiguration);
   EXPECT_EQ(Lines(), (json{{{"event", "error"},
                             {"code", "port-busy"},
                             {"message", "one"},
@@ -122,9 +123,9 @@ TEST_F(JsonOutputTest, FaultsAndARefusal) {
                            {{"event", "result"},
                             {"outcome", "refused"},
                             {"exit_code", 3},
-                            {"code", nullptr},
+                            {"code", "port-busy"},
                             {"device_touched", false},
-                            {"reasons", json::array()}}}));
+                            {"reasons", {"one", "two"}}}}));
 }
 
 TEST_F(JsonOutputTest, AFailureEndsWithItsCodeAndItsReasons) {
@@ -143,6 +144,13 @@ TEST_F(JsonOutputTest, AFailureEndsWithItsCodeAndItsReasons) {
                             {"code", "command-refused"},
                             {"device_touched", true},
                             {"reasons", {"log text"}}}));
+}
+
+TEST_F(JsonOutputTest, AFailureThatFaultsHaveToldHasTheirCode) {
+  host::RunResult result = {Goal::Prepare, Outcome::PrepareFailed, false, {}};
+  result.faults = {{ErrorCode::PortBusy, "one"}};
+  iOutput.OnResult(result, host::ExitCode::BadConfiguration);
+  EXPECT_EQ(Line()["code"], "port-busy");
 }
 
 TEST_F(JsonOutputTest, EveryOutcomeHasItsName) {

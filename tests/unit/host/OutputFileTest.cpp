@@ -7,7 +7,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 #include "TemporaryFolder.h"
@@ -43,6 +45,11 @@ class OutputFile : public testing::Test {
     struct stat status = {};
     EXPECT_EQ(stat(path.c_str(), &status), 0);
     return status.st_mode & 07777u;
+  }
+
+  std::ptrdiff_t FilesInFolder() const {
+    const std::filesystem::path folder = std::filesystem::path(iFolder.Path("x")).parent_path();
+    return std::distance(std::filesystem::directory_iterator(folder), std::filesystem::directory_iterator());
   }
 
   const mode_t iMask;
@@ -101,6 +108,51 @@ TEST_F(OutputFile, OnAFullDiskIsIncompleteAndItsStreamShowsThat) {
   EXPECT_FALSE(stream << "x" << std::flush);
   EXPECT_EQ(file.Fault(),
             "the log file '/dev/full' is incomplete: No space left on device. Is the disk full?");
+}
+
+TEST_F(OutputFile, ThatComesAsAWholeReplacesTheOneBeforeAndLeavesNothingBeside) {
+  const std::string path = iFolder.File("report", "old");
+  EXPECT_EQ(host::MakeRoom(path, host::kReportFile), "");
+  EXPECT_FALSE(std::filesystem::exists(path));
+  EXPECT_EQ(host::WriteWhole(path, host::kReportFile, "new"), "");
+  EXPECT_EQ(ContentOf(path), "new");
+  EXPECT_EQ(ModeOf(path), 0644u);
+  EXPECT_EQ(FilesInFolder(), 1);
+}
+
+TEST_F(OutputFile, ThatComesAsAWholeTakesNoLinkNoFolderAndNobodyElsesPlace) {
+  const std::string target = iFolder.File("target", "precious");
+  const std::string link = iFolder.Path("link");
+  ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
+  EXPECT_EQ(
+      host::MakeRoom(link, host::kReportFile),
+      "cannot write the report '" + link + "': it is a symbolic link. Choose another file after --report.");
+  ASSERT_EQ(mkdir(iFolder.Path("folder").c_str(), 0700), 0);
+  EXPECT_THAT(host::MakeRoom(iFolder.Path("folder"), host::kReportFile), HasSubstr("it is no regular file"));
+  EXPECT_THAT(host::MakeRoom("/nowhere/report", host::kReportFile), HasSubstr("No such file or directory"));
+  if (geteuid() == 0) {
+    ASSERT_EQ(chown(target.c_str(), 65534, 0), 0);
+    EXPECT_THAT(host::MakeRoom(target, host::kReportFile), HasSubstr("it belongs to another user"));
+  }
+  EXPECT_EQ(ContentOf(target), "precious");
+  EXPECT_EQ(FilesInFolder(), 3);
+}
+
+TEST_F(OutputFile, ThatCannotComeAsAWholeIsNotThere) {
+  EXPECT_THAT(host::WriteWhole("/nowhere/report", host::kReportFile, "x"),
+              HasSubstr("there is no report '/nowhere/report': No such file or directory."));
+  const std::string folder = iFolder.Path("folder");
+  std::filesystem::create_directories(folder + "/more");
+  EXPECT_THAT(host::WriteWhole(folder, host::kReportFile, "x"), HasSubstr("there is no report"));
+  EXPECT_EQ(FilesInFolder(), 1);
+}
+
+TEST_F(OutputFile, OfAnEarlierRunIsKnownByItsBeginning) {
+  EXPECT_TRUE(host::IsMissingOrBegins(iFolder.Path("none"), "abc"));
+  EXPECT_TRUE(host::IsMissingOrBegins(iFolder.File("empty", ""), "abc"));
+  EXPECT_TRUE(host::IsMissingOrBegins(iFolder.File("own", "abcd"), "abc"));
+  EXPECT_FALSE(host::IsMissingOrBegins(iFolder.File("short", "ab"), "abc"));
+  EXPECT_FALSE(host::IsMissingOrBegins(iFolder.File("other", "abd"), "abc"));
 }
 
 TEST_F(OutputFile, GetsFromItsStreamWhatWasFlushed) {

@@ -12,6 +12,7 @@
 #include <optional>
 #include <sstream>
 #include <thread>
+#include <tuple>
 
 #include "JsonSchema.h"
 #include "PseudoTerminal.h"
@@ -496,6 +497,112 @@ TEST_F(Peripheralctl, ProgramsGetObjectsAndNothingElse) {
     EXPECT_EQ(last.value("event", ""), "result");
     EXPECT_EQ(last.value("exit_code", -1), exitCode);
   }
+}
+
+TEST_F(Peripheralctl, BadUsageIsToldToProgramsWithItsReason) {
+  Process process(Command("update", "succeeds", {"--json", "--bogus"}), ErrorFile());
+  EXPECT_EQ(process.Wait(), 2);
+  std::istringstream lines(process.Out());
+  std::string line;
+  ASSERT_TRUE(std::getline(lines, line));
+  EXPECT_THAT(nlohmann::json::parse(line).value("message", ""), HasSubstr("--bogus"));
+  ASSERT_TRUE(std::getline(lines, line));
+  const auto result = nlohmann::json::parse(line);
+  EXPECT_EQ(result.value("code", ""), "bad-usage");
+  EXPECT_THAT(result["reasons"].dump(), HasSubstr("--bogus"));
+}
+
+class WhatIsLeft : public Peripheralctl {
+ protected:
+  std::string Old(const std::string& name, const std::vector<std::string>& options) {
+    const std::string path = iFolder.Path(name);
+    std::vector<std::string> all = options;
+    all.push_back(path);
+    EXPECT_EQ(Process(Command("update", "succeeds", all), ErrorFile()).Wait(), 0);
+    EXPECT_THAT(ContentOf(path), HasSubstr("The update has succeeded."));
+    return path;
+  }
+
+  // Runs that go no further than their preparation here, each with its code and exit code.
+  std::vector<std::tuple<std::vector<std::string>, std::string, int>> Refusals() const {
+    return {{{"--bogus"}, "bad-usage", 2},
+            {{"--set", "xmodemspeed=x"}, "property-invalid", 3},
+            {{"--set", "bogus=1"}, "config-invalid", 3},
+            {{"--require-digest"}, "digest-missing", 10},
+            {{"--module", "/nowhere"}, "module-not-loadable", 4},
+            {{"--log-file", "/nowhere/log"}, "bad-usage", 2}};
+  }
+};
+
+TEST_F(WhatIsLeft, OfARefusedRunIsAReportThatSaysWhyAndNoOlderOne) {
+  for (const auto& [options, code, exitCode] : Refusals()) {
+    const std::string report = Old("report.json", {"--report"});
+    std::vector<std::string> all = options;
+    all.insert(all.begin(), {"--report", report});
+    EXPECT_EQ(Process(Command("update", "succeeds", all), ErrorFile()).Wait(), exitCode);
+    const auto content = nlohmann::json::parse(ContentOf(report));
+    EXPECT_EQ(content["exitCode"], exitCode);
+    EXPECT_EQ(content["outcome"], "The run was refused; nothing was sent.");
+    ASSERT_EQ(content["errors"].size(), 1u) << code;
+    EXPECT_EQ(content["errors"][0]["code"], code);
+    EXPECT_NE(content["errors"][0]["message"], "");
+    EXPECT_NE(content["errors"][0]["advice"], "");
+  }
+}
+
+TEST_F(WhatIsLeft, OfARefusedRunIsATraceThatHoldsItsEndAlone) {
+  for (const auto& [options, code, exitCode] : Refusals()) {
+    const std::string trace = Old("trace", {"--trace"});
+    std::vector<std::string> all = options;
+    all.insert(all.begin(), {"--trace", trace});
+    EXPECT_EQ(Process(Command("update", "succeeds", all), ErrorFile()).Wait(), exitCode);
+    EXPECT_THAT(ContentOf(trace), HasSubstr(std::to_string(exitCode) + " The run was refused"));
+    EXPECT_LT(ContentOf(trace).size(), 100u) << code;
+    EXPECT_EQ(Process({"trace", "show", trace}, ErrorFile()).Wait(), 0);
+  }
+}
+
+TEST_F(WhatIsLeft, OfARunWithNothingToDoIsAReportThatSaysSo) {
+  const std::string report = Old("report.html", {"--report"});
+  Process process(Command("update", "succeeds", {"--report", report, "--set", "updatelist="}), ErrorFile());
+  EXPECT_EQ(process.Wait(), 0);
+  EXPECT_THAT(ContentOf(report),
+              HasSubstr("class=\"good\">Nothing to update: the update list is empty.</h1>"));
+}
+
+TEST_F(WhatIsLeft, ARefusedRunTakesNothingFromOtherFiles) {
+  for (const char* option : {"--trace", "--report"}) {
+    const std::string other = iFolder.File("other.json", "{\"mine\": 1}");
+    Process process(Command("update", "succeeds", {option, other, "--set", "bogus=1"}), ErrorFile());
+    EXPECT_EQ(process.Wait(), 3);
+    EXPECT_THAT(process.Err(), HasSubstr("is left as it is."));
+    EXPECT_EQ(ContentOf(other), "{\"mine\": 1}");
+  }
+  const std::string sent = Old("sent.json", {"--report"});
+  const std::string before = ContentOf(sent);
+  EXPECT_EQ(
+      Process(Command("update", "succeeds",
+                      {"--set", "xmodemsource-image=" + sent, "--report", sent, "--set", "xmodemspeed=x"}),
+              ErrorFile())
+          .Wait(),
+      3);
+  EXPECT_EQ(ContentOf(sent), before);
+}
+
+TEST_F(WhatIsLeft, OfARunThatIsKilledIsNoReport) {
+  const std::string report = Old("report.json", {"--report"});
+  Process process(Command("update", "waits-for-abort", {"--report", report}), ErrorFile());
+  process.ReadUntil("Progress: 42 %");
+  EXPECT_FALSE(std::filesystem::exists(report));
+  process.Signal(SIGKILL);
+  EXPECT_EQ(process.Wait(), 1000 + SIGKILL);
+  EXPECT_FALSE(std::filesystem::exists(report));
+}
+
+TEST_F(WhatIsLeft, OfAFailureIsAReportWithItsError) {
+  const std::string report = iFolder.Path("report.json");
+  EXPECT_EQ(Process(Command("update", "install-fails", {"--report", report}), ErrorFile()).Wait(), 6);
+  EXPECT_EQ(nlohmann::json::parse(ContentOf(report))["errors"][0]["code"], "update-failed");
 }
 
 TEST_F(Peripheralctl, RootFollowsNoConfigurationThatOthersMayChangeUnlessToldSo) {

@@ -167,7 +167,7 @@ TEST(ProgressDisplay, FailuresGoToTheOtherStream) {
   ProgressDisplay display(out, err, {false, false, [] { return 80; }}, {});
   display.OnFaults({{host::ErrorCode::PortBusy, "one"}, {host::ErrorCode::PortMissing, "two"}});
   display.OnWarning("three");
-  display.OnRefusal(host::ExitCode::BadConfiguration);
+  display.OnRefusal({}, host::ExitCode::BadConfiguration);
   EXPECT_EQ(out.str(), "");
   EXPECT_EQ(err.str(), "peripheralctl: one\nperipheralctl: two\nperipheralctl: three\n");
 }

@@ -18,6 +18,7 @@ using testing::HasSubstr;
 using testing::Not;
 
 const std::string kZeroCrc(2, '\0');
+const host::Faults kErrors = {{host::ErrorCode::PortLost, "gone <b>"}};
 
 // A file of three blocks, of which the second is sent twice, with a pause before its last one.
 Trace FileInThreeBlocks() {
@@ -74,11 +75,16 @@ TEST(Figures, OfNothingAreZero) {
 }
 
 TEST(RunReport, AsJsonHoldsTheRun) {
-  const auto report = nlohmann::json::parse(JsonReport(FileInThreeBlocks()));
+  const auto report = nlohmann::json::parse(JsonReport(FileInThreeBlocks(), kErrors));
   EXPECT_EQ(report["report"], "peripheralctl");
   EXPECT_EQ(report["version"], 1);
   EXPECT_EQ(report["exitCode"], 6);
   EXPECT_EQ(report["outcome"], "The update failed.");
+  ASSERT_EQ(report["errors"].size(), 1U);
+  EXPECT_EQ(report["errors"][0]["code"], "port-lost");
+  EXPECT_EQ(report["errors"][0]["message"], "gone <b>");
+  EXPECT_EQ(report["errors"][0]["cause"], host::Describe(host::ErrorCode::PortLost).cause);
+  EXPECT_EQ(report["errors"][0]["advice"], host::Describe(host::ErrorCode::PortLost).advice);
   EXPECT_EQ(report["run"]["time"], "now");
   EXPECT_EQ(report["figures"], nlohmann::json::parse(
                                    R"({"duration_s": 2.09, "bytesSent": 533, "bytesReceived": 6,
@@ -105,12 +111,13 @@ TEST(RunReport, AsJsonHoldsTheRun) {
 }
 
 TEST(RunReport, AsJsonOfARunWithoutAnEndHasNoExitCode) {
-  EXPECT_TRUE(nlohmann::json::parse(JsonReport(Script().Host("C").Done()))["exitCode"].is_null());
+  EXPECT_TRUE(nlohmann::json::parse(JsonReport(Script().Host("C").Done(), {}))["exitCode"].is_null());
 }
 
 TEST(RunReport, AsAPageHoldsTheRunAndNothingFromElsewhere) {
-  const std::string page = HtmlReport(FileInThreeBlocks());
+  const std::string page = HtmlReport(FileInThreeBlocks(), kErrors);
   EXPECT_THAT(page, HasSubstr("<h1 id=\"outcome\" class=\"bad\">The update failed.</h1>"));
+  EXPECT_THAT(page, HasSubstr("<td>port-lost</td><td>gone &#60;b&#62;</td>"));
   EXPECT_THAT(page, HasSubstr("<tr><th>Of files acknowledged</th><td>384 bytes</td></tr>"));
   EXPECT_THAT(page, HasSubstr("<td class=\"number\">0.070000</td><td>host</td><td class=\"number\">2</td>"
                               "<td>file</td><td>NAK</td>"));
@@ -122,12 +129,26 @@ TEST(RunReport, AsAPageHoldsTheRunAndNothingFromElsewhere) {
 }
 
 TEST(RunReport, AsAPageOfARunThatDidNotGetFarSaysSo) {
-  const std::string page = HtmlReport(Script().Add(Kind::Opened, "9600 port").Done());
+  const std::string page = HtmlReport(Script().Add(Kind::Opened, "9600 port").Done(), {});
   EXPECT_THAT(page, HasSubstr("<h1 id=\"outcome\" class=\"bad\">The run was ended by force.</h1>"));
   for (const char* sentence : {"Nothing of a file has arrived.", "No block was sent again.",
                                "There was no transfer.", "The log is empty.", "The trace does not tell."}) {
     EXPECT_THAT(page, HasSubstr(sentence));
   }
+}
+
+TEST(RunReport, BeginsAsOtherFilesDoNot) {
+  for (const auto& [file, format] : {std::pair("r.json", Format::Json), std::pair("r.html", Format::Html)}) {
+    const std::string report = ReportFor(file, FileInThreeBlocks(), kErrors);
+    EXPECT_EQ(report.substr(0, BeginningOf(format).size()), BeginningOf(format));
+    EXPECT_THAT(report, HasSubstr("port-lost"));
+  }
+}
+
+TEST(RunReport, OfASuccessHasNoErrors) {
+  const Trace good = Script().Add(Kind::End, "0 x").Done();
+  EXPECT_THAT(HtmlReport(good, {}), Not(HasSubstr("What went wrong")));
+  EXPECT_EQ(nlohmann::json::parse(JsonReport(good, {}))["errors"], nlohmann::json::array());
 }
 
 TEST(RunReport, IsOfTheFormatThatTheFilesNameAsksFor) {
