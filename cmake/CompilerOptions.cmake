@@ -35,3 +35,10 @@ if(PERIPHERAL_SANITIZE)
   add_compile_options(-fsanitize=${PERIPHERAL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -g)
   add_link_options(-fsanitize=${PERIPHERAL_SANITIZE})
 endif()
+
+# unhurried(SOURCE ...): sources of the folder that are mostly other people's templates, for options, settings and
+# reports. Their own speed nobody feels, and optimised they take three times as long to compile, instrumented even more;
+# only what is shipped has them so.
+function(unhurried)
+  set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS $<$<NOT:$<CONFIG:Release>>:-O0>)
+endfunction()

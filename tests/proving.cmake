@@ -21,8 +21,9 @@ target_link_libraries(proving-ground PRIVATE
 add_dependencies(tests proving-ground)
 target_link_options(proving-ground PRIVATE
   -Wl,--wrap=malloc -Wl,--wrap=free -Wl,--wrap=fopen -Wl,--wrap=fopen64 -Wl,--wrap=fclose -Wl,--wrap=fread)
-# The world's own speed decides how much of it can be seen.
+# The world's own speed decides how much of it can be seen; its options are read once.
 target_compile_options(proving-ground PRIVATE -O2)
+set_source_files_properties(proving/main.cpp PROPERTIES COMPILE_OPTIONS -O0)
 
 # A sample for every day. Instrumented builds and emulated processors are some ten times slower and run fewer.
 set(proving_runs 20000)
