@@ -1,6 +1,7 @@
 """Goal: what is shipped is built so that a fault in it is hard to use.
 
-Method: the built files are read with readelf, and what leaves no trace there in the compiler's command lines. A build without PERIPHERAL_FORTIFY is not asked for checked calls.
+Method: the built files are read with readelf, and what leaves no trace there in the compiler's command lines. A build
+without PERIPHERAL_FORTIFY is not asked for checked calls.
 """
 import json
 import os
