@@ -19,6 +19,7 @@ shipped_test(manuals)
 shipped_test(documents)
 shipped_test(log_texts)
 shipped_test(doxygen)
+shipped_test(udev)
 # Sanitizers and coverage bring libraries and code of their own into the files.
 if(NOT measured_build)
   shipped_test(packages)
