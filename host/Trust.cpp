@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 
 #include <filesystem>
 #include <system_error>
@@ -11,12 +12,18 @@ namespace host {
 
 namespace {
 
+// With an access list the group's bits are those of its mask: who has them may be anybody that it names.
+bool MayBeWrittenByAGroup(const std::string& place, const struct stat& status) {
+  const bool hasList = lgetxattr(place.c_str(), "system.posix_acl_access", nullptr, 0) > 0;
+  return (status.st_mode & S_IWGRP) != 0 && (status.st_gid != 0 || hasList);
+}
+
 // In a folder with the sticky bit others may add names, but not take these away.
-bool MayBeWrittenByOthers(const struct stat& status) {
+bool MayBeWrittenByOthers(const std::string& place, const struct stat& status) {
   if (S_ISLNK(status.st_mode) || (S_ISDIR(status.st_mode) && (status.st_mode & S_ISVTX) != 0)) {
     return false;
   }
-  return (status.st_mode & S_IWOTH) != 0 || ((status.st_mode & S_IWGRP) != 0 && status.st_gid != 0);
+  return (status.st_mode & S_IWOTH) != 0 || MayBeWrittenByAGroup(place, status);
 }
 
 std::optional<std::string> WhyPlaceUntrusted(const std::string& place) {
@@ -27,7 +34,7 @@ std::optional<std::string> WhyPlaceUntrusted(const std::string& place) {
   if (status.st_uid != 0) {
     return fmt::format("'{}' belongs to another user than root", place);
   }
-  if (MayBeWrittenByOthers(status)) {
+  if (MayBeWrittenByOthers(place, status)) {
     return fmt::format("others than root may write '{}'", place);
   }
   return std::nullopt;

@@ -609,17 +609,35 @@ TEST_F(Peripheralctl, RootFollowsNoConfigurationThatOthersMayChangeUnlessToldSo)
   if (geteuid() != 0) {
     GTEST_SKIP() << "the rule is for root";
   }
-  const std::vector<std::string> arguments = Command("prepare", "succeeds");
-  std::filesystem::permissions(iFolder.Path("config.toml"), std::filesystem::perms::others_write,
-                               std::filesystem::perm_options::add);
-  Process refused(arguments, ErrorFile());
-  EXPECT_EQ(refused.Wait(), 11);
-  EXPECT_THAT(refused.Err(),
-              AllOf(HasSubstr("others than root may write '" + iFolder.Path("config.toml") + "'"),
-                    HasSubstr("--trust-config")));
-  std::vector<std::string> trusting = arguments;
-  trusting.emplace_back("--trust-config");
-  EXPECT_EQ(Process(trusting, ErrorFile()).Wait(), 0);
+  const std::string file = iFolder.Path("config.toml");
+  for (const std::string& place : {file, std::filesystem::path(file).parent_path().string()}) {
+    const std::vector<std::string> arguments = Command("update", "succeeds");
+    const std::filesystem::perms before = std::filesystem::status(place).permissions();
+    std::filesystem::permissions(place, before | std::filesystem::perms::others_write);
+    Process refused(arguments, ErrorFile());
+    EXPECT_EQ(refused.Wait(), 11);
+    EXPECT_THAT(refused.Err(),
+                AllOf(HasSubstr("others than root may write '" + place + "'"), HasSubstr("--trust-config")));
+    std::vector<std::string> trusting = arguments;
+    trusting.emplace_back("--trust-config");
+    EXPECT_EQ(Process(trusting, ErrorFile()).Wait(), 0);
+    std::filesystem::permissions(place, before);
+    EXPECT_EQ(Process(arguments, ErrorFile()).Wait(), 0);
+  }
+}
+
+TEST_F(Peripheralctl, WritesThroughNoPlantedLink) {
+  for (const std::string option : {"--log-file", "--trace", "--report"}) {
+    const std::string target = iFolder.File("target", "precious");
+    const std::string link = iFolder.Path(option + ".html");
+    std::filesystem::create_symlink(target, link);
+    Process process(Command("update", "succeeds", {option, link}), ErrorFile());
+    EXPECT_EQ(process.Wait(), 2) << option;
+    EXPECT_THAT(process.Err(),
+                HasSubstr("'" + link + "': it is a symbolic link. Choose another file after " + option));
+    EXPECT_EQ(ContentOf(target), "precious");
+    EXPECT_TRUE(std::filesystem::is_symlink(link));
+  }
 }
 
 }  // namespace

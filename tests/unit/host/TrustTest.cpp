@@ -4,8 +4,12 @@
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
+#include <array>
+#include <cerrno>
+#include <cstdint>
 #include <filesystem>
 
 #include "TemporaryFolder.h"
@@ -46,6 +50,28 @@ TEST_F(Trust, AGroupCountsUnlessItIsRootsOwn) {
   EXPECT_EQ(WhyUntrusted(iFile), std::nullopt);
   ASSERT_EQ(chown(iFile.c_str(), 0, kSomebody), 0);
   EXPECT_EQ(WhyUntrusted(iFile), "others than root may write '" + iFile + "'");
+}
+
+// As "setfacl -m u:65534:rw" leaves it: the kernel keeps a version and records of tag, rights and id.
+TEST_F(Trust, AnAccessListThatLetsSomebodyWriteCountsAsOthers) {
+  struct Record {
+    std::uint16_t tag, rights;
+    std::uint32_t id;
+  };
+  struct List {
+    std::uint32_t version = 2;
+    std::array<Record, 5> records = {{{0x01, 6, 0xFFFFFFFF},
+                                      {0x02, 6, kSomebody},
+                                      {0x04, 4, 0xFFFFFFFF},
+                                      {0x10, 6, 0xFFFFFFFF},
+                                      {0x20, 4, 0xFFFFFFFF}}};
+  } const list;
+  if (setxattr(iFile.c_str(), "system.posix_acl_access", &list, sizeof(list), 0) != 0 && errno == ENOTSUP) {
+    GTEST_SKIP() << "this file system has no access lists";
+  }
+  EXPECT_EQ(WhyUntrusted(iFile), "others than root may write '" + iFile + "'");
+  ASSERT_EQ(chmod(iFile.c_str(), 0644), 0);
+  EXPECT_EQ(WhyUntrusted(iFile), std::nullopt);
 }
 
 TEST_F(Trust, AnotherUsersFileIsNot) {
