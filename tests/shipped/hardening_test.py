@@ -49,6 +49,19 @@ class Hardening(unittest.TestCase):
             for option in options:
                 self.assertIn(f" {option} ", command)
 
+    def test_only_the_infrastructure_starts_programs(self):
+        starters = r" U (system|popen|exec\w*|v?fork|clone|posix_spawnp?)\b"
+        for name in PROGRAMS + LIBRARIES:
+            with self.subTest(name):
+                expected = ["system"] if name == "libPeripheralLoader.so" else []
+                self.assertEqual(re.findall(starters, output_of("nm", "-D", "-u", BIN / name)), expected)
+        objects = list((BUILD / "features").rglob("*.o"))
+        self.assertGreater(len(objects), 5)
+        needed = output_of("nm", "-u", "-C", *objects)
+        self.assertEqual(re.findall(starters, needed), [])
+        self.assertEqual(set(re.findall(r"\bI(?:File|Cmd)Handler::(\w+)", needed)),
+                         {"FileExists", "FileSize", "FOpen", "FClose", "FRead", "FWrite"})
+
     def test_libraries_are_searched_beside_a_file_and_nowhere_else(self):
         for name in PROGRAMS + LIBRARIES:
             for folders in re.findall(r"\((?:RPATH|RUNPATH)\).*\[(.*)\]", readelf("-d", name)):
