@@ -86,6 +86,9 @@ class Manuals(unittest.TestCase):
             said = subprocess.run(["man", "--warnings", "-E", "UTF-8", "-l", "-Tutf8", "-Z", page], text=True,
                                   stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, check=True).stderr
             self.assertEqual(said, "", page)
+            shown = subprocess.run(["man", "-E", "UTF-8", "-l", page], text=True, capture_output=True, check=True,
+                                   env={**os.environ, "MANWIDTH": "80"}).stdout
+            self.assertLessEqual(max(map(len, re.sub(".\b", "", shown).splitlines())), 80, page)
 
 
 def values_of(program, words):
