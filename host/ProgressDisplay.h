@@ -19,7 +19,7 @@ struct Look {
 /// Tells people: on a terminal by a progress bar that is redrawn in place, elsewhere by a line every 10 % and
 /// one for each step; milestones as lines of their own, failures on `err`. A stream that refuses to be
 /// written to is no reason to stop.
-class ProgressDisplay final : public Output {
+class ProgressDisplay : public Output {
  public:
   /// `devices` are the names of those that are updated, in their order.
   ProgressDisplay(std::ostream& out, std::ostream& err, Look look, std::vector<std::string> devices);

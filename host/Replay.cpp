@@ -127,7 +127,7 @@ int AttemptsIn(const trace::Trace& trace) {
       }));
 }
 
-// Has the player accompany the run.
+// Has the player accompany the run, and tells people how it compares.
 class Replaying final : public RunCompanion {
  public:
   explicit Replaying(trace::Player& player) : iPlayer(player) {}
@@ -138,12 +138,56 @@ class Replaying final : public RunCompanion {
     return "";
   }
 
+  // Nothing before the end of the run.
   const std::optional<trace::Player::Verdict>& Verdict() const { return iVerdict; }
 
  private:
   trace::Player& iPlayer;
   std::optional<trace::Player::Verdict> iVerdict;
 };
+
+// There is no device that could be looked after: what people can look at is the trace.
+class ReplayDisplay final : public ProgressDisplay {
+ public:
+  ReplayDisplay(const Replaying& replaying, const std::string& trace, std::vector<std::string> devices)
+      : ProgressDisplay(std::cout, std::cerr, LookOfStandardOutput(), std::move(devices)),
+        iReplaying(replaying),
+        iTrace(trace) {}
+
+  void OnState(UpdateState state) override {
+    if (state == UpdateState::Installing) {
+      OnMilestone("Updating as recorded. Ctrl-C ends the replay.");
+    } else if (state == UpdateState::Aborting) {
+      OnMilestone("Ending the run.");
+    } else {
+      ProgressDisplay::OnState(state);
+    }
+  }
+
+  void OnResult(const RunResult& result, ExitCode /*exitCode*/) override {
+    const trace::Player::Verdict& verdict = *iReplaying.Verdict();
+    std::cout << (verdict.endedByPlayer ? "" : AccountOf(result)) << verdict.text << "\n";
+    if (verdict.departs) {
+      std::cout << fmt::format(
+          "The module, or the trace, is another than it was: 'peripheralctl trace show --bytes {}' shows "
+          "what "
+          "was recorded up to there.\n",
+          iTrace);
+    }
+    std::cout << std::flush;
+  }
+
+ private:
+  const Replaying& iReplaying;
+  const std::string& iTrace;
+};
+
+ExitCode CodeFor(const trace::Player::Verdict& verdict, const trace::Trace& trace) {
+  if (verdict.departs) {
+    return ExitCode::ReplayDeparts;
+  }
+  return trace.soundness == trace::Soundness::Broken ? ExitCode::TraceBroken : ExitCode::Success;
+}
 
 }  // namespace
 
@@ -169,17 +213,13 @@ ExitCode Replay(const std::string& name, const std::string& library, bool fast) 
   }
   std::cout << "Replaying " << name << ": the device's side comes from the trace." << std::endl;
   Replaying replaying(player);
-  ProgressDisplay display(std::cout, std::cerr, LookOfStandardOutput(), NamesOf(PlanOf(properties)));
+  ReplayDisplay display(replaying, name, NamesOf(PlanOf(properties)));
   const SourceFiles files(properties);
   const Retries retries = {std::max(AttemptsIn(trace) - 1, 0), std::chrono::milliseconds(0)};
   const ExitCode code = UpdateRun{Goal::Update, {},      retries,   library, kFeatureId,   properties, files,
                                   {},           display, std::cerr, nullptr, std::nullopt, &replaying}
                             .Execute();
-  if (!replaying.Verdict()) {
-    return code;
-  }
-  std::cout << replaying.Verdict()->text << std::endl;
-  return replaying.Verdict()->departs ? ExitCode::ReplayDeparts : ExitCode::Success;
+  return replaying.Verdict() ? CodeFor(*replaying.Verdict(), trace) : code;
 }
 
 }  // namespace host

@@ -16,18 +16,20 @@ bool Succeeded(const RunResult& result) {
 }
 
 std::string Reasons(const RunResult& result) {
-  if (result.reasons.empty() && result.cause) {
-    return "";
-  }
-  if (result.reasons.empty()) {
-    return result.faults.empty() ? "No reason was given; --log-level info shows what happened.\n"
-                                 : "The module itself logs nothing about it.\n";
-  }
-  std::string text = "Reasons given, oldest first:\n";
+  std::string text = result.reasons.empty() ? "" : "Reasons given, oldest first:\n";
   for (const std::string& reason : result.reasons) {
     text += fmt::format("  - {}\n", reason);
   }
   return text;
+}
+
+// What stands in place of the reasons of a failure that has none.
+const char* WithoutReason(const RunResult& result) {
+  if (result.outcome == Outcome::Aborted || result.cause || !result.reasons.empty()) {
+    return "";
+  }
+  return result.faults.empty() ? "No reason was given; --log-level info shows what happened.\n"
+                               : "The module itself logs nothing about it.\n";
 }
 
 std::string Advice(const RunResult& result) {
@@ -107,7 +109,7 @@ std::optional<Cause> CauseOf(const RunResult& result) {
   return result.cause ? result.cause : Cause{CodeOf(result.outcome), Headline(result)};
 }
 
-std::string ReportFor(const RunResult& result) {
+std::string AccountOf(const RunResult& result) {
   std::string text = std::string(Headline(result)) + "\n";
   if (Succeeded(result)) {
     return text;
@@ -115,11 +117,14 @@ std::string ReportFor(const RunResult& result) {
   if (result.cause) {
     text += fmt::format("{} [{}]\n", result.cause->detail, Describe(result.cause->code).name);
   }
-  if (result.outcome != Outcome::Aborted) {
-    text += Reasons(result);
+  return result.outcome == Outcome::Aborted ? text : text + Reasons(result);
+}
+
+std::string ReportFor(const RunResult& result) {
+  if (Succeeded(result)) {
+    return AccountOf(result);
   }
-  text += Advice(result);
-  return text + DeviceState(result) + "\n";
+  return AccountOf(result) + WithoutReason(result) + Advice(result) + DeviceState(result) + "\n";
 }
 
 std::string HurriedReportFor(const RunResult& result) {

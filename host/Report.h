@@ -30,6 +30,9 @@ std::optional<Cause> CauseOf(const RunResult& result);
 /// How it ended, in a sentence.
 const char* Headline(const RunResult& result);
 
+/// What happened: the outcome, and the reasons of a failure as far as there are any. Ends with a line break.
+std::string AccountOf(const RunResult& result);
+
 /// What to tell a person at the end: the outcome, the reasons of a failure, and what to do next. Ends with a
 /// line break.
 std::string ReportFor(const RunResult& result);

@@ -98,14 +98,15 @@ void Player::Stop() {
 
 Player::Verdict Player::Finish(int exitCode) {
   Stop();
+  const bool endedByPlayer = !iDeparture.empty() || (iPlayedAll && EndsEarly());
   if (iDeparture.empty()) {
     JudgeEnd(exitCode);
   }
   const bool departs = !iDeparture.empty();
-  return {departs, departs
-                       ? iDeparture
-                       : fmt::format("The run went as recorded{}: {} bytes of the host and {} of the device.",
-                                     EndsEarly() ? ", as far as the record goes" : "", iCompared, iSaid)};
+  return {departs, endedByPlayer,
+          departs ? iDeparture
+                  : fmt::format("The run went as recorded{}: {} bytes of the host and {} of the device.",
+                                EndsEarly() ? ", as far as the record goes" : "", iCompared, iSaid)};
 }
 
 void Player::OnOpened(const std::string& /*name*/, TUint32 /*speed*/) {

@@ -19,7 +19,8 @@ class Player final : public platform::ILineObserver {
   /// How the replayed run compares with the recorded one.
   struct Verdict {
     bool departs = false;
-    std::string text;  ///< for people, sentences
+    bool endedByPlayer = false;  ///< so that what the host made of its end tells nothing
+    std::string text;            ///< for people, sentences
   };
 
   /// `trace` must outlive the player. `keepPauses`: the device takes the time that it took; else it answers

@@ -77,7 +77,10 @@ void Judge(Trace& trace, std::size_t place, const std::string& fault) {
     trace.soundness = Soundness::Broken;
     trace.fault = fmt::format(
         "The trace breaks at byte {}: the record there {}. What stands before it is sound.", place, fault);
-  } else if (trace.records.empty() || trace.records.back().kind != Kind::End) {
+  } else if (trace.records.empty()) {
+    trace.soundness = Soundness::Open;
+    trace.fault = "Nothing was recorded: the trace holds no record.";
+  } else if (trace.records.back().kind != Kind::End) {
     trace.soundness = Soundness::Open;
     trace.fault =
         "The trace has no end: the recording program was killed, or the machine lost its power. Everything "

@@ -41,6 +41,9 @@ std::string LineOf(const Dialogue& dialogue, const Step& step, const TextOptions
 }
 
 std::string TransfersOf(const Dialogue& dialogue) {
+  if (dialogue.transfers.empty()) {
+    return "\nNo transfer was recorded.\n";
+  }
   std::string text = "\nTransfers (begin and length in seconds):\n";
   for (const Transfer& transfer : dialogue.transfers) {
     text += fmt::format("{:>{}}  {:<6}  {}: {} bytes in {} blocks, {} sent again, {} s, {}\n",

@@ -45,7 +45,7 @@ void AddTraceCommand(CLI::App& app, TraceOptions& options) {
 
 ExitCode ShowTrace(const TraceOptions& options) {
   const Trace trace = ReadTrace(options.file);
-  if (trace.soundness != Soundness::Foreign) {
+  if (!trace.records.empty()) {
     const Dialogue dialogue = Understand(trace);
     std::cout << (options.format == "svg" ? SequenceChart(dialogue)
                                           : TextOf(dialogue, {options.bytes, options.log}))

@@ -73,6 +73,11 @@ class Tracing : public testing::Test {
     return status;
   }
 
+  // Nobody can look after a device that is not there.
+  void ExpectNoWordOfADevice() const {
+    EXPECT_THAT(iOutput, testing::Not(testing::ContainsRegex("cable|power|port-lost|run the update again")));
+  }
+
   void Unplug() { iSimulator.reset(); }
 
   // Writes the records as a trace.
@@ -120,12 +125,13 @@ class KeptTrace : public Tracing, public testing::WithParamInterface<Kept> {};
 TEST_P(KeptTrace, GoesAsItWasRecorded) {
   EXPECT_EQ(Replay(std::string(KEPT_TRACES) + GetParam().name + ".trace"), kSuccess) << iOutput;
   EXPECT_THAT(iOutput, AllOf(HasSubstr(GetParam().outcome), HasSubstr(GetParam().verdict)));
+  ExpectNoWordOfADevice();
 }
 
 const Kept kKept[] = {
     {"RejectedBlocks", "The update has succeeded.",
      "The run went as recorded: 5704 bytes of the host and 697 of the device."},
-    {"RefusedCheck", "The update failed.",
+    {"RefusedCheck", "The update failed.\nCAN controller, ck 8000: the device answered \"",
      "The run went as recorded: 4661 bytes of the host and 690 of the device."},
 };
 
@@ -137,9 +143,12 @@ TEST_F(Tracing, TellsAtWhichByteARunDeparts) {
   EXPECT_EQ(Replay(Changed("RejectedBlocks", Kind::Sent, 3 + 3 + 1)), kReplayDeparts) << iOutput;
   EXPECT_THAT(
       iOutput,
-      AllOf(HasSubstr("The run departs from the trace at byte 7 of the host: it was 73, and now is 72.\n"
-                      "  Recorded there: byte 4 of block 1, 128 bytes, CRC 2c43 WRONG"),
-            HasSubstr("\n  The device had said before: byte 0 of C, asks for blocks with CRC.\n")));
+      AllOf(
+          HasSubstr("The run departs from the trace at byte 7 of the host: it was 73, and now is 72.\n"
+                    "  Recorded there: byte 4 of block 1, 128 bytes, CRC 2c43 WRONG"),
+          HasSubstr("\n  The device had said before: byte 0 of C, asks for blocks with CRC.\n"),
+          HasSubstr("'peripheralctl trace show --bytes " + iFolder.Path("changed.trace") + "' shows what")));
+  ExpectNoWordOfADevice();
 }
 
 TEST_F(Tracing, TellsWhatTheDeviceHadSaidBeforeARunDeparts) {
@@ -230,7 +239,7 @@ TEST_F(Tracing, IsShownUpToItsBreak) {
   content.resize(content.size() - 100);
   EXPECT_EQ(Peripheralctl({"trace", "show", iFolder.Write("cut.trace", content)}), kTraceBroken);
   EXPECT_THAT(iOutput, AllOf(HasSubstr("command \"ck 8000\""), HasSubstr("The trace breaks at byte ")));
-  EXPECT_EQ(Replay(iFolder.Path("cut.trace")), kSuccess) << iOutput;
+  EXPECT_EQ(Replay(iFolder.Path("cut.trace")), kTraceBroken) << iOutput;
   EXPECT_THAT(iOutput, AllOf(HasSubstr("The trace breaks at byte "), HasSubstr("as far as the record goes")));
 }
 
@@ -240,6 +249,10 @@ TEST_F(Tracing, OfNothingIsRefused) {
     EXPECT_EQ(Peripheralctl({"trace", action, other}), kTraceBroken);
     EXPECT_EQ(iOutput, "peripheralctl: This is no trace of peripheralctl.\n");
   }
+  const std::string header = iFolder.Write("header.trace", host::trace::FileHeader());
+  EXPECT_EQ(Peripheralctl({"trace", "show", header}), kSuccess);
+  EXPECT_EQ(iOutput, "peripheralctl: Nothing was recorded: the trace holds no record.\n");
+  EXPECT_EQ(Replay(header), kTraceBroken);
   const std::string empty = iFolder.Write(
       "empty.trace", host::trace::FileHeader() + host::trace::Encode({Kind::End, 0, "0 Done."}));
   EXPECT_EQ(Replay(empty), kTraceBroken);

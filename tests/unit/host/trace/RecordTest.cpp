@@ -62,7 +62,7 @@ TEST(TraceRecord, IsReadAsItWasWritten) {
 
 TEST(TraceRecord, OfATraceCutAnywhereIsReadIfItIsComplete) {
   const std::string whole = Written();
-  for (std::size_t size = FileHeader().size(); size < whole.size(); ++size) {
+  for (std::size_t size = FileHeader().size() + 1; size < whole.size(); ++size) {
     const Trace trace = Decode(std::string_view(whole).substr(0, size));
     const std::size_t complete = CompleteAt(size);
     ExpectFirst(trace, complete);
@@ -73,6 +73,12 @@ TEST(TraceRecord, OfATraceCutAnywhereIsReadIfItIsComplete) {
                                   : "breaks at byte " + std::to_string(Written(complete).size()) +
                                         ": the record there is cut off."));
   }
+}
+
+TEST(TraceRecord, OfNothingIsSaidToBeMissing) {
+  const Trace trace = Decode(FileHeader());
+  EXPECT_EQ(trace.soundness, Soundness::Open);
+  EXPECT_EQ(trace.fault, "Nothing was recorded: the trace holds no record.");
 }
 
 TEST(TraceRecord, OfADamagedTraceIsReadUpToTheDamage) {
