@@ -133,18 +133,18 @@ void JsonOutput::OnRetry(int attempt, const Retries& retries) {
         {{"attempt", attempt}, {"attempts", retries.count + 1}, {"pause_ms", retries.pause.count()}});
 }
 
-void JsonOutput::OnStep(const DialogueStep& step) {
+void JsonOutput::OnStep(const DeviceStep& step) {
   Json fields = WithDevice(step.device, iDevices);
   fields["step"] = step.text;
   Write(iOut, "step", fields);
 }
 
-void JsonOutput::OnTransfer(const Transfer& transfer, const Pace& pace) {
-  Json fields = WithDevice(transfer.device, iDevices);
-  fields["device_bytes"] = transfer.deviceBytes;
-  fields["device_total"] = transfer.deviceTotal;
-  fields["bytes"] = transfer.bytes;
-  fields["total"] = transfer.total;
+void JsonOutput::OnSentBytes(const SentBytes& sent, const Pace& pace) {
+  Json fields = WithDevice(sent.device, iDevices);
+  fields["device_bytes"] = sent.deviceBytes;
+  fields["device_total"] = sent.deviceTotal;
+  fields["bytes"] = sent.bytes;
+  fields["total"] = sent.total;
   fields["rate_bytes_per_s"] = pace.rate_Bps ? Json(std::llround(*pace.rate_Bps)) : Json(nullptr);
   fields["left_s"] = pace.left ? Json(pace.left->count()) : Json(nullptr);
   Write(iOut, "transfer", fields);

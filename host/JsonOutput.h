@@ -18,8 +18,8 @@ class JsonOutput final : public Output {
   void OnProgress(int percent) override;
   void OnMilestone(const std::string& text) override;
   void OnRetry(int attempt, const Retries& retries) override;
-  void OnStep(const DialogueStep& step) override;
-  void OnTransfer(const Transfer& transfer, const Pace& pace) override;
+  void OnStep(const DeviceStep& step) override;
+  void OnSentBytes(const SentBytes& sent, const Pace& pace) override;
   void OnPorts(const std::vector<Port>& ports) override;
   void OnFaults(const Faults& faults) override;
   void OnWarning(const std::string& text) override;

@@ -7,9 +7,9 @@
 #include <utility>
 #include <vector>
 
-#include "Dialogue.h"
 #include "ExitCode.h"
 #include "Fault.h"
+#include "LogFollower.h"
 #include "Ports.h"
 #include "Report.h"
 #include "UpdateController.h"
@@ -25,8 +25,8 @@ struct Pace {
 /// What a run of peripheralctl tells its caller, be it a person or a program. One thread at a time.
 class Output : public UpdateListener {
  public:
-  virtual void OnStep(const DialogueStep& step) = 0;
-  virtual void OnTransfer(const Transfer& transfer, const Pace& pace) = 0;
+  virtual void OnStep(const DeviceStep& step) = 0;
+  virtual void OnSentBytes(const SentBytes& sent, const Pace& pace) = 0;
   /// The ports that there are: all that such a run tells.
   virtual void OnPorts(const std::vector<Port>& ports) = 0;
   /// What is wrong and keeps the update from being begun.

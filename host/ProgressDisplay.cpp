@@ -27,9 +27,9 @@ std::string Duration(std::chrono::seconds time) {
   return fmt::format("{}:{:02}", time.count() / 60, time.count() % 60);
 }
 
-std::string Describe(const Transfer& transfer, const Pace& pace) {
-  std::string text = fmt::format("{} of {}", Size(static_cast<double>(transfer.deviceBytes)),
-                                 Size(static_cast<double>(transfer.deviceTotal)));
+std::string Describe(const SentBytes& sent, const Pace& pace) {
+  std::string text = fmt::format("{} of {}", Size(static_cast<double>(sent.deviceBytes)),
+                                 Size(static_cast<double>(sent.deviceTotal)));
   if (pace.rate_Bps) {
     text += fmt::format(", {}/s", Size(*pace.rate_Bps));
   }
@@ -39,8 +39,8 @@ std::string Describe(const Transfer& transfer, const Pace& pace) {
   return text;
 }
 
-int PercentOfDevice(const Transfer& transfer) {
-  return transfer.deviceTotal > 0 ? static_cast<int>(transfer.deviceBytes * 100 / transfer.deviceTotal) : 0;
+int PercentOfDevice(const SentBytes& sent) {
+  return sent.deviceTotal > 0 ? static_cast<int>(sent.deviceBytes * 100 / sent.deviceTotal) : 0;
 }
 
 }  // namespace
@@ -75,7 +75,7 @@ void ProgressDisplay::OnProgress(int percent) {
     DrawBar();
   } else if (percent / 10 > iLastTenth || iLastTenth < 0) {
     iLastTenth = percent / 10;
-    Line(fmt::format("Progress: {} %{}", percent, iTransfer.empty() ? "" : " (" + iTransfer + ")"));
+    Line(fmt::format("Progress: {} %{}", percent, iSent.empty() ? "" : " (" + iSent + ")"));
   }
 }
 
@@ -86,7 +86,7 @@ void ProgressDisplay::OnMilestone(const std::string& text) {
 void ProgressDisplay::OnRetry(int attempt, const Retries& retries) {
   LeaveBar();
   iStep.clear();
-  iTransfer.clear();
+  iSent.clear();
   iLastTenth = -1;
   const std::optional<Cause> cause = Why(attempt - 1);
   Line(fmt::format("The attempt failed{}; attempt {} of {} begins in {:.0f} s.",
@@ -94,7 +94,7 @@ void ProgressDisplay::OnRetry(int attempt, const Retries& retries) {
                    std::chrono::duration<double>(retries.pause).count()));
 }
 
-void ProgressDisplay::OnStep(const DialogueStep& step) {
+void ProgressDisplay::OnStep(const DeviceStep& step) {
   iStep = fmt::format("{}: {}", Device(step.device), step.text);
   if (!iLook.terminal) {
     Line("  " + iStep);
@@ -103,10 +103,10 @@ void ProgressDisplay::OnStep(const DialogueStep& step) {
   }
 }
 
-void ProgressDisplay::OnTransfer(const Transfer& transfer, const Pace& pace) {
+void ProgressDisplay::OnSentBytes(const SentBytes& sent, const Pace& pace) {
   const std::string percent =
-      iDevices.size() > 1 ? fmt::format("{} {} %, ", Device(transfer.device), PercentOfDevice(transfer)) : "";
-  iTransfer = percent + Describe(transfer, pace);
+      iDevices.size() > 1 ? fmt::format("{} {} %, ", Device(sent.device), PercentOfDevice(sent)) : "";
+  iSent = percent + Describe(sent, pace);
   if (iLook.terminal && iPercent >= 0) {
     DrawBar();
   }
@@ -172,7 +172,7 @@ std::string ProgressDisplay::Device(std::size_t index) const {
 }
 
 std::string ProgressDisplay::Status() const {
-  return iStep.empty() || iTransfer.empty() ? iStep + iTransfer : iTransfer + "  " + iStep;
+  return iStep.empty() || iSent.empty() ? iStep + iSent : iSent + "  " + iStep;
 }
 
 }  // namespace host

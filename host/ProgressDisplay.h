@@ -28,8 +28,8 @@ class ProgressDisplay : public Output {
   void OnProgress(int percent) override;
   void OnMilestone(const std::string& text) override;
   void OnRetry(int attempt, const Retries& retries) override;
-  void OnStep(const DialogueStep& step) override;
-  void OnTransfer(const Transfer& transfer, const Pace& pace) override;
+  void OnStep(const DeviceStep& step) override;
+  void OnSentBytes(const SentBytes& sent, const Pace& pace) override;
   void OnPorts(const std::vector<Port>& ports) override;
   void OnFaults(const Faults& faults) override;
   void OnWarning(const std::string& text) override;
@@ -50,7 +50,7 @@ class ProgressDisplay : public Output {
   int iPercent = -1;    ///< what the bar shows; below 0 there is no bar
   int iLastTenth = -1;  ///< the last tenth that has a line
   std::string iStep;
-  std::string iTransfer;
+  std::string iSent;
 };
 
 }  // namespace host

@@ -14,7 +14,7 @@
 #include <system_error>
 #include <utility>
 
-#include "Dialogue.h"
+#include "LogFollower.h"
 #include "Peripherals.h"
 #include "Preflight.h"
 #include "ProgressDisplay.h"

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "Dialogue.h"
 #include "Fault.h"
+#include "LogFollower.h"
 #include "UpdateController.h"
 
 namespace host {

@@ -19,7 +19,7 @@ namespace {
 
 constexpr std::chrono::seconds kStopPatience(2);
 // More often is of no use to people, and programs need not keep up with a fast line.
-constexpr std::chrono::milliseconds kBetweenTransfers(200);
+constexpr std::chrono::milliseconds kBetweenTellings(200);
 
 class NoInterfaces final : public IInterfaceBroker {};
 
@@ -74,20 +74,20 @@ bool Drive(UpdateController& controller, EventBroker& broker, std::unique_ptr<Fe
   return stopped;
 }
 
-// Thins out what the dialogue tells of bytes, and adds their pace. Called on the thread that logs.
-class TransferFeed {
+// Thins out what the log tells of bytes, and adds their pace. Called on the thread that logs.
+class SentBytesFeed {
  public:
-  TransferFeed(UpdateController& controller, Output& output) : iController(controller), iOutput(output) {}
+  SentBytesFeed(UpdateController& controller, Output& output) : iController(controller), iOutput(output) {}
 
-  void Take(const Transfer& transfer) {
+  void Take(const SentBytes& sent) {
     const auto now = std::chrono::steady_clock::now();
-    iRate.Add(transfer.bytes, now);
-    if (now - iTold < kBetweenTransfers && transfer.deviceBytes < transfer.deviceTotal) {
+    iRate.Add(sent.bytes, now);
+    if (now - iTold < kBetweenTellings && sent.deviceBytes < sent.deviceTotal) {
       return;
     }
     iTold = now;
-    const Pace pace = {iRate.Rate_Bps(), iRate.TimeFor(transfer.total - transfer.bytes)};
-    iController.Post([&output = iOutput, transfer, pace] { output.OnTransfer(transfer, pace); });
+    const Pace pace = {iRate.Rate_Bps(), iRate.TimeFor(sent.total - sent.bytes)};
+    iController.Post([&output = iOutput, sent, pace] { output.OnSentBytes(sent, pace); });
   }
 
  private:
@@ -102,27 +102,27 @@ class Listening {
  public:
   Listening(const UpdateRun& run, UpdateController& controller)
       : iFeed(controller, run.output),
-        iDialogue(
+        iFollower(
             PlanOf(run.properties),
-            [&controller, &output = run.output](const DialogueStep& step) {
+            [&controller, &output = run.output](const DeviceStep& step) {
               controller.Post([&output, step] { output.OnStep(step); });
             },
-            [this](const Transfer& transfer) { iFeed.Take(transfer); }),
+            [this](const SentBytes& sent) { iFeed.Take(sent); }),
         iLog(
             run.log, run.logLevel,
             [&controller, &output = run.output](const std::string& text) {
               controller.Post([&output, text] { output.OnMilestone(text); });
             },
-            [this](const logging::TLine& line) { iDialogue.Take(line); }) {
-    run.output.AskWhy([this](int attempt) { return iDialogue.WhyFailed(static_cast<std::size_t>(attempt)); });
+            [this](const logging::TLine& line) { iFollower.Take(line); }) {
+    run.output.AskWhy([this](int attempt) { return iFollower.WhyFailed(static_cast<std::size_t>(attempt)); });
   }
 
   RunLog& Log() { return iLog; }
-  std::optional<Cause> WhyFailed() { return iDialogue.WhyFailed(); }
+  std::optional<Cause> WhyFailed() { return iFollower.WhyFailed(); }
 
  private:
-  TransferFeed iFeed;
-  Dialogue iDialogue;
+  SentBytesFeed iFeed;
+  LogFollower iFollower;
   RunLog iLog;
 };
 

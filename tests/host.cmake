@@ -14,7 +14,7 @@ peripheral_test(host_tests LABEL unit TIMEOUT 120
   SOURCES
     unit/host/CommandLineTest.cpp
     unit/host/ConfigurationTest.cpp
-    unit/host/DialogueTest.cpp
+    unit/host/LogFollowerTest.cpp
     unit/host/DigestTest.cpp
     unit/host/EventBrokerTest.cpp
     unit/host/FeatureModuleTest.cpp

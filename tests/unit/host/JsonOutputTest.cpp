@@ -74,7 +74,7 @@ TEST_F(JsonOutputTest, TellsHowFarItIs) {
   iOutput.OnStep({0, "gt 1000"});
   EXPECT_EQ(Line(),
             (json{{"event", "step"}, {"device", 1}, {"name", "CAN controller"}, {"step", "gt 1000"}}));
-  iOutput.OnTransfer({0, 1, 2, 3, 4}, {1234.5, 6s});
+  iOutput.OnSentBytes({0, 1, 2, 3, 4}, {1234.5, 6s});
   EXPECT_EQ(Line(), (json{{"event", "transfer"},
                           {"device", 1},
                           {"name", "CAN controller"},
@@ -84,7 +84,7 @@ TEST_F(JsonOutputTest, TellsHowFarItIs) {
                           {"total", 4},
                           {"rate_bytes_per_s", 1235},
                           {"left_s", 6}}));
-  iOutput.OnTransfer({7, 1, 2, 3, 4}, {});
+  iOutput.OnSentBytes({7, 1, 2, 3, 4}, {});
   const json unknown = Line();
   EXPECT_EQ(unknown["rate_bytes_per_s"], nullptr);
   EXPECT_EQ(unknown["left_s"], nullptr);

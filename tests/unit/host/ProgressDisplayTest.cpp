@@ -98,7 +98,7 @@ TEST(ProgressDisplay, AStreamThatRefusesIsNoReasonToStop) {
 
 using namespace std::chrono_literals;
 using host::Pace;
-using host::Transfer;
+using host::SentBytes;
 
 constexpr std::int64_t kKiB = 1024;
 
@@ -110,7 +110,7 @@ TEST(ProgressDisplay, TheStepAndTheBytesStandBehindTheBarAsFarAsThereIsRoom) {
     std::ostringstream out;
     ProgressDisplay display = Display(out, true, columns, {"CAN controller"});
     display.OnStep({0, "wr 8000, firmware.bin"});
-    display.OnTransfer({0, 64 * kKiB, 256 * kKiB, 64 * kKiB, 256 * kKiB}, {11.0 * 1024, 18s});
+    display.OnSentBytes({0, 64 * kKiB, 256 * kKiB, 64 * kKiB, 256 * kKiB}, {11.0 * 1024, 18s});
     EXPECT_EQ(out.str(), "");
     display.OnProgress(25);
     EXPECT_EQ(out.str(), std::string("\r\x1b[K[#####...............]   25 %") + status);
@@ -133,7 +133,7 @@ TEST(ProgressDisplay, OfSeveralDevicesEachHasItsShare) {
   std::ostringstream out;
   ProgressDisplay display = Display(out, false, 80, {"CAN controller", "Sanyo device"});
   display.OnStep({1, "image, firmware.bin"});
-  display.OnTransfer({1, 3 * kKiB * kKiB, 4 * kKiB * kKiB, 7, 8}, Pace());
+  display.OnSentBytes({1, 3 * kKiB * kKiB, 4 * kKiB * kKiB, 7, 8}, Pace());
   display.OnProgress(87);
   EXPECT_EQ(out.str(),
             "  Sanyo device: image, firmware.bin\n"

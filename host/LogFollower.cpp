@@ -1,4 +1,4 @@
-#include "Dialogue.h"
+#include "LogFollower.h"
 
 #include <fmt/format.h>
 
@@ -112,14 +112,14 @@ std::vector<std::string> NamesOf(const std::vector<PlannedDevice>& plan) {
   return names;
 }
 
-Dialogue::Dialogue(std::vector<PlannedDevice> plan, StepHandler onStep, TransferHandler onTransfer)
-    : iPlan(std::move(plan)), iOnStep(std::move(onStep)), iOnTransfer(std::move(onTransfer)), iCauses(1) {
+LogFollower::LogFollower(std::vector<PlannedDevice> plan, StepHandler onStep, SentBytesHandler onSentBytes)
+    : iPlan(std::move(plan)), iOnStep(std::move(onStep)), iOnSentBytes(std::move(onSentBytes)), iCauses(1) {
   for (std::size_t device = 0; device < iPlan.size(); ++device) {
     iTotal += SizeOf(device);
   }
 }
 
-void Dialogue::Take(const logging::TLine& line) {
+void LogFollower::Take(const logging::TLine& line) {
   const std::lock_guard<std::mutex> lock(iMutex);
   const std::string_view text = line.message;
   const auto rest = [&text](std::string_view head) { return logging::Printable(text.substr(head.size())); };
@@ -144,61 +144,61 @@ void Dialogue::Take(const logging::TLine& line) {
   }
 }
 
-std::optional<Cause> Dialogue::WhyFailed() {
+std::optional<Cause> LogFollower::WhyFailed() {
   const std::lock_guard<std::mutex> lock(iMutex);
   return iCauses.back();
 }
 
-std::optional<Cause> Dialogue::WhyFailed(std::size_t attempt) {
+std::optional<Cause> LogFollower::WhyFailed(std::size_t attempt) {
   const std::lock_guard<std::mutex> lock(iMutex);
   return attempt < iCauses.size() ? iCauses[attempt] : std::nullopt;
 }
 
-void Dialogue::StartOver() {
+void LogFollower::StartOver() {
   iCauses.emplace_back();
   iStep.clear();
   iDevice = 0;
   iBefore = iFilesBefore = iFileSize = iFileSent = 0;
 }
 
-void Dialogue::NextDevice() {
+void LogFollower::NextDevice() {
   iBefore += SizeOf(iDevice);
   ++iDevice;
   iStep.clear();
   iFilesBefore = iFileSize = iFileSent = 0;
 }
 
-void Dialogue::Step(const std::string& text, const std::string& file) {
+void LogFollower::Step(const std::string& text, const std::string& file) {
   EndFile();
   iCauses.back().reset();
   iStep = file.empty() ? text : fmt::format("{}, {}", text, FileName(file));
   iOnStep({iDevice, iStep});
 }
 
-void Dialogue::EndFile() {
+void LogFollower::EndFile() {
   iFilesBefore += iFileSize;
   iFileSize = iFileSent = 0;
 }
 
 // "Left 3 of 4"
-void Dialogue::TakeFileProgress(std::string_view text) {
+void LogFollower::TakeFileProgress(std::string_view text) {
   const std::size_t of = text.find(kOf);
   if (of == std::string_view::npos) {
     return;
   }
   iFileSize = Number(text.substr(of + kOf.size()));
   iFileSent = iFileSize - Number(text.substr(kLeft.size()));
-  TellTransfer();
+  TellSentBytes();
 }
 
-void Dialogue::TakeAnswer(const std::string& answer) {
+void LogFollower::TakeAnswer(const std::string& answer) {
   if (answer == kSuccess) {
     return;
   }
   Blame(ErrorCode::CommandRefused, fmt::format("the device answered \"{}\"", answer));
 }
 
-void Dialogue::BlameFor(const logging::TLine& line) {
+void LogFollower::BlameFor(const logging::TLine& line) {
   const auto* const symptom =
       std::find_if(std::begin(kSymptoms), std::end(kSymptoms),
                    [&line](const Symptom& known) { return StartsWith(line.message, known.text); });
@@ -207,7 +207,7 @@ void Dialogue::BlameFor(const logging::TLine& line) {
   }
 }
 
-void Dialogue::Blame(ErrorCode code, const std::string& what) {
+void LogFollower::Blame(ErrorCode code, const std::string& what) {
   std::optional<Cause>& cause = iCauses.back();
   if (cause && Outweighs(cause->code, code)) {
     return;
@@ -217,13 +217,13 @@ void Dialogue::Blame(ErrorCode code, const std::string& what) {
                                     : fmt::format("{}, {}: {}", device, iStep, what)};
 }
 
-void Dialogue::TellTransfer() {
+void LogFollower::TellSentBytes() {
   const std::int64_t size = SizeOf(iDevice);
   const std::int64_t sent = std::clamp<std::int64_t>(iFilesBefore + iFileSent, 0, size);
-  iOnTransfer({iDevice, sent, size, iBefore + sent, iTotal});
+  iOnSentBytes({iDevice, sent, size, iBefore + sent, iTotal});
 }
 
-std::int64_t Dialogue::SizeOf(std::size_t device) const {
+std::int64_t LogFollower::SizeOf(std::size_t device) const {
   return device < iPlan.size() ? iPlan[device].size_bytes : 0;
 }
 

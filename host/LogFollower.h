@@ -22,13 +22,13 @@ struct Cause {
 };
 
 /// A device begins with something.
-struct DialogueStep {
+struct DeviceStep {
   std::size_t device;  ///< position in the update list, from 0
   std::string text;    ///< such as "wr 1000, loader.bin"
 };
 
 /// How many bytes of the files were sent, and how many there are: to the present device, and to all.
-struct Transfer {
+struct SentBytes {
   std::size_t device;
   std::int64_t deviceBytes;
   std::int64_t deviceTotal;
@@ -49,13 +49,13 @@ std::vector<PlannedDevice> PlanOf(const PropertyMap& properties);
 std::vector<std::string> NamesOf(const std::vector<PlannedDevice>& plan);
 
 /// Follows an update through the lines that are logged.
-class Dialogue {
+class LogFollower {
  public:
-  using StepHandler = std::function<void(const DialogueStep&)>;
-  using TransferHandler = std::function<void(const Transfer&)>;
+  using StepHandler = std::function<void(const DeviceStep&)>;
+  using SentBytesHandler = std::function<void(const SentBytes&)>;
 
   /// The handlers are called from within Take; they must not log.
-  Dialogue(std::vector<PlannedDevice> plan, StepHandler onStep, TransferHandler onTransfer);
+  LogFollower(std::vector<PlannedDevice> plan, StepHandler onStep, SentBytesHandler onSentBytes);
 
   /// Takes the next line, of whatever level. Any thread, but one at a time.
   void Take(const logging::TLine& line);
@@ -74,12 +74,12 @@ class Dialogue {
   void TakeAnswer(const std::string& answer);
   void Blame(ErrorCode code, const std::string& what);
   void BlameFor(const logging::TLine& line);
-  void TellTransfer();
+  void TellSentBytes();
   std::int64_t SizeOf(std::size_t device) const;
 
   const std::vector<PlannedDevice> iPlan;
   const StepHandler iOnStep;
-  const TransferHandler iOnTransfer;
+  const SentBytesHandler iOnSentBytes;
   std::mutex iMutex;
   std::vector<std::optional<Cause>> iCauses;  ///< by attempt; the first is for what is logged before all
   std::string iStep;

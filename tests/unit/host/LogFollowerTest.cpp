@@ -1,6 +1,6 @@
 // Goal: steps, bytes and the cause of a failure are what the module's log tells.
 // Method: lines as the module logs them, one after the other.
-#include "Dialogue.h"
+#include "LogFollower.h"
 
 #include <gmock/gmock.h>
 
@@ -9,15 +9,15 @@
 namespace {
 
 using host::Describe;
-using host::Dialogue;
+using host::LogFollower;
 using host::PlannedDevice;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-class DialogueTest : public testing::Test {
+class LogFollowerTest : public testing::Test {
  protected:
   void Take(const std::string& text, logging::TLevel level = logging::EInfo) {
-    iDialogue.Take({level, logging::PeripheralLoader, "", "", 0, text});
+    iFollower.Take({level, logging::PeripheralLoader, "", "", 0, text});
   }
 
   void StartWriting() {
@@ -27,25 +27,25 @@ class DialogueTest : public testing::Test {
   }
 
   std::string Why() {
-    const auto cause = iDialogue.WhyFailed();
+    const auto cause = iFollower.WhyFailed();
     return cause ? std::string(Describe(cause->code).name) + " | " + cause->detail : "none";
   }
 
   std::vector<std::string> iSteps;
-  std::vector<std::string> iTransfers;
-  Dialogue iDialogue{
-      {{"CAN controller", 3000}, {"Sanyo device", 2000}},
-      [this](const host::DialogueStep& step) {
-        iSteps.push_back(std::to_string(step.device) + " " + step.text);
-      },
-      [this](const host::Transfer& transfer) {
-        iTransfers.push_back(std::to_string(transfer.device) + ": " + std::to_string(transfer.deviceBytes) +
-                             "/" + std::to_string(transfer.deviceTotal) + " " +
-                             std::to_string(transfer.bytes) + "/" + std::to_string(transfer.total));
-      }};
+  std::vector<std::string> iSent;
+  LogFollower iFollower{{{"CAN controller", 3000}, {"Sanyo device", 2000}},
+                        [this](const host::DeviceStep& step) {
+                          iSteps.push_back(std::to_string(step.device) + " " + step.text);
+                        },
+                        [this](const host::SentBytes& sent) {
+                          iSent.push_back(std::to_string(sent.device) + ": " +
+                                          std::to_string(sent.deviceBytes) + "/" +
+                                          std::to_string(sent.deviceTotal) + " " +
+                                          std::to_string(sent.bytes) + "/" + std::to_string(sent.total));
+                        }};
 };
 
-TEST_F(DialogueTest, TellsEachStepOfEachDevice) {
+TEST_F(LogFollowerTest, TellsEachStepOfEachDevice) {
   StartWriting();
   Take("Received answer 000");
   Take("Sending command gt 1000");
@@ -55,7 +55,7 @@ TEST_F(DialogueTest, TellsEachStepOfEachDevice) {
                                   "1 image, firmware.bin"));
 }
 
-TEST_F(DialogueTest, CountsTheBytesOfAllFiles) {
+TEST_F(LogFollowerTest, CountsTheBytesOfAllFiles) {
   StartWriting();
   Take("Left 0 of 1000", logging::EInterface);
   Take("Sending command wr 8000 and file firmware.bin");
@@ -63,34 +63,34 @@ TEST_F(DialogueTest, CountsTheBytesOfAllFiles) {
   Take("SWL: Finished uploading using CanXModem", logging::EAlways);
   Take("Sending file firmware.bin");
   Take("Left 0 of 2000", logging::EInterface);
-  EXPECT_THAT(iTransfers,
+  EXPECT_THAT(iSent,
               ElementsAre("0: 1000/3000 1000/5000", "0: 2024/3000 2024/5000", "1: 2000/2000 5000/5000"));
 }
 
-TEST_F(DialogueTest, NeverCountsMoreThanThereIs) {
+TEST_F(LogFollowerTest, NeverCountsMoreThanThereIs) {
   StartWriting();
   Take("Left 0 of 9000", logging::EInterface);
   Take("SWL: Finished uploading using CanXModem", logging::EAlways);
   Take("SWL: Finished uploading using SanyoXModem", logging::EAlways);
   Take("Left 0 of 9000", logging::EInterface);
   Take("Left nothing", logging::EInterface);
-  EXPECT_THAT(iTransfers, ElementsAre("0: 3000/3000 3000/5000", "2: 0/0 5000/5000"));
+  EXPECT_THAT(iSent, ElementsAre("0: 3000/3000 3000/5000", "2: 0/0 5000/5000"));
 }
 
-TEST_F(DialogueTest, AnotherAttemptBeginsAnew) {
+TEST_F(LogFollowerTest, AnotherAttemptBeginsAnew) {
   StartWriting();
   Take("Left 500 of 1000", logging::EInterface);
   Take("[Timeout] while processing the reply", logging::EWarning);
   StartWriting();
   Take("Left 900 of 1000", logging::EInterface);
-  EXPECT_THAT(iTransfers, ElementsAre("0: 500/3000 500/5000", "0: 100/3000 100/5000"));
+  EXPECT_THAT(iSent, ElementsAre("0: 500/3000 500/5000", "0: 100/3000 100/5000"));
   EXPECT_EQ(Why(), "none");
-  EXPECT_EQ(iDialogue.WhyFailed(1)->code, host::ErrorCode::DeviceSilent);
-  EXPECT_FALSE(iDialogue.WhyFailed(2));
-  EXPECT_FALSE(iDialogue.WhyFailed(3));
+  EXPECT_EQ(iFollower.WhyFailed(1)->code, host::ErrorCode::DeviceSilent);
+  EXPECT_FALSE(iFollower.WhyFailed(2));
+  EXPECT_FALSE(iFollower.WhyFailed(3));
 }
 
-TEST_F(DialogueTest, WhatIsNoPartOfItIsIgnored) {
+TEST_F(LogFollowerTest, WhatIsNoPartOfItIsIgnored) {
   Take("Wait for reply");
   Take("Left 1 of 2 is no line of the engine's, but numbers are read as far as they go", logging::EInfo);
   Take("Not all required properties found!", logging::EError);
@@ -98,13 +98,13 @@ TEST_F(DialogueTest, WhatIsNoPartOfItIsIgnored) {
   EXPECT_EQ(Why(), "none");
 }
 
-TEST_F(DialogueTest, ARefusedCommandIsNamedWithTheAnswer) {
+TEST_F(LogFollowerTest, ARefusedCommandIsNamedWithTheAnswer) {
   StartWriting();
   Take("Received answer 013");
   EXPECT_EQ(Why(), "command-refused | CAN controller, wr 1000, loader.bin: the device answered \"013\"");
 }
 
-TEST_F(DialogueTest, ASilentDeviceIsNamedBeforeTheFirstStep) {
+TEST_F(LogFollowerTest, ASilentDeviceIsNamedBeforeTheFirstStep) {
   Take("SWL: Starting upload in PeripheralLoader", logging::EAlways);
   Take("[Timeout] arrived while processing the first byte", logging::EWarning);
   Take("Error: 3", logging::EError);
@@ -146,7 +146,7 @@ constexpr Failure kFailures[] = {
     {"The packet must be re-sent", logging::EWarning, "none"},
 };
 
-TEST_F(DialogueTest, EachEndOfATransferHasItsCode) {
+TEST_F(LogFollowerTest, EachEndOfATransferHasItsCode) {
   for (const Failure& failure : kFailures) {
     StartWriting();
     Take(failure.line, failure.level);
@@ -154,7 +154,7 @@ TEST_F(DialogueTest, EachEndOfATransferHasItsCode) {
   }
 }
 
-TEST_F(DialogueTest, WhatAFailureDragsAlongDoesNotHideIt) {
+TEST_F(LogFollowerTest, WhatAFailureDragsAlongDoesNotHideIt) {
   StartWriting();
   Take("[Timeout] while waiting for startup character", logging::EWarning);
   Take("The file /tmp/loader.bin could not be opened", logging::EError);
@@ -171,7 +171,7 @@ TEST_F(DialogueTest, WhatAFailureDragsAlongDoesNotHideIt) {
   EXPECT_EQ(Why(), "port-lost | CAN controller, wr 1000, loader.bin: Serial port /dev/x is lost: hung up");
 }
 
-TEST_F(DialogueTest, WhatWasMendedIsNoCause) {
+TEST_F(LogFollowerTest, WhatWasMendedIsNoCause) {
   StartWriting();
   Take("Invalid Checksum while receiving packet", logging::EError);
   Take("Sending command gt 1000");
