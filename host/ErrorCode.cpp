@@ -47,7 +47,7 @@ const std::vector<ErrorDescription> kDescriptions = {
      "name the serial device, such as /dev/ttyUSB0"},
     {ErrorCode::PortForbidden, "port-forbidden",
      "the user may not open the port",
-     "have the user added to the group of the device and log in again"},
+     "do what the message says; mostly, have the user added to the group of the device and log in again"},
     {ErrorCode::PortBusy, "port-busy",
      "another program uses the port",
      "close it; peripheralctl ports names it"},

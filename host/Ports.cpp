@@ -80,17 +80,22 @@ class Machine {
     Port port;
     port.device = device;
     port.stableNames = StableNames(device);
-    port.adapter = usb.empty() ? "driver " + Driver(entry) : Adapter(usb);
+    port.adapter = usb.empty() ? Driver(entry) : Adapter(usb);
     port.holders = Holders(device);
     port.mayBeOpened = faccessat(AT_FDCWD, (iRoot + device).c_str(), R_OK | W_OK, AT_EACCESS) == 0;
-    port.group = Group(device);
+    struct stat status = {};
+    if (stat((iRoot + device).c_str(), &status) == 0) {
+      port.group = GroupName(status.st_gid);
+      port.howToGainAccess = port.mayBeOpened ? "" : HowToGainAccess(status);
+    }
     port.modemManager = Risk(entry, !usb.empty());
     return port;
   }
 
   static std::string Driver(const fs::path& entry) {
     const std::string target = TargetOf(entry / "device/driver");
-    return target.empty() ? "unknown" : fs::path(target).filename().string();
+    return target.empty() ? "not known: it is on no USB bus, and the kernel names no driver"
+                          : "driver " + fs::path(target).filename().string();
   }
 
   // The nearest folder above with a vendor; empty when the port is on no USB.
@@ -153,11 +158,6 @@ class Machine {
     return std::any_of(processes.begin(), processes.end(), [&program](const fs::path& process) {
       return ProcessId(process) != 0 && FirstLine(process / "comm") == program;
     });
-  }
-
-  std::string Group(const std::string& device) const {
-    struct stat status = {};
-    return stat((iRoot + device).c_str(), &status) == 0 ? GroupName(status.st_gid) : "";
   }
 
   ModemManagerRisk Risk(const fs::path& entry, bool onUsb) const {
@@ -225,9 +225,8 @@ std::string DescribePorts(const std::vector<Port>& ports) {
     }
     text += fmt::format("  adapter        {}\n", port.adapter);
     text += fmt::format("  held by        {}\n", Describe(port.holders));
-    text += port.mayBeOpened
-                ? "  access         yes\n"
-                : fmt::format("  access         no: have your user added to the group {}\n", port.group);
+    text += port.mayBeOpened ? "  access         yes\n"
+                             : fmt::format("  access         no: {}\n", port.howToGainAccess);
     text += fmt::format("  modem manager  {}\n", Describe(port.modemManager));
   }
   return text;

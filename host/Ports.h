@@ -28,6 +28,7 @@ struct Port {
   bool mayBeOpened;                      ///< by the user, as far as permissions go
   std::string group;                     ///< whom the device belongs to
   ModemManagerRisk modemManager;
+  std::string howToGainAccess = {};  ///< for people, an order; empty when it may be opened
 };
 
 /// The serial ports of this machine, by name. `root` stands before every path that is looked at.

@@ -290,11 +290,8 @@ class Checker {
     if (error == EBUSY) {
       FaultOfPortInUse(key, port);
     } else if (error == EACCES || error == EPERM) {
-      Fault(ErrorCode::PortForbidden,
-            "{}: no permission to use the port '{}': {}. It belongs to the group {}: have your user added to "
-            "it "
-            "and log in again.",
-            key, port, reason, GroupName(status.st_gid));
+      Fault(ErrorCode::PortForbidden, "{}: no permission to use the port '{}': {}. To get it, {}.", key, port,
+            reason, HowToGainAccess(status));
     } else {
       Fault(ErrorCode::PortUnusable, "{}: cannot open the port '{}': {}. Is the adapter plugged in?", key,
             port, reason);

@@ -8,6 +8,7 @@
 
 #include <sstream>
 
+#include "Groups.h"
 #include "TemporaryFolder.h"
 
 namespace {
@@ -88,6 +89,8 @@ TEST_F(Ports, WhatIsOnNoBusIsNamedByItsDriverAndWhatIsNotThereIsLeftOut) {
   ASSERT_EQ(ports.size(), 2u);
   EXPECT_EQ(ports[0].device, "/dev/ttyS0");
   EXPECT_EQ(ports[0].adapter, "driver serial");
+  fs::remove(iFolder.Path("sys/devices/pnp0/00:04/driver"));
+  EXPECT_EQ(Find()[0].adapter, "not known: it is on no USB bus, and the kernel names no driver");
   EXPECT_EQ(ports[1].device, "/dev/ttyUSB0");
 }
 
@@ -118,6 +121,22 @@ TEST_F(Ports, AccessIsWhatPermissionsSayToTheUser) {
   ASSERT_EQ(root ? seteuid(0) : 0, 0);
   ASSERT_EQ(ports.size(), 1u);
   EXPECT_FALSE(ports[0].mayBeOpened);
+  EXPECT_THAT(ports[0].howToGainAccess, HasSubstr("another port"));
+}
+
+TEST_F(Ports, OnlyAGroupThatHelpsIsRecommended) {
+  const auto advice = [](gid_t group, mode_t mode) {
+    struct stat device = {};
+    device.st_gid = group;
+    device.st_mode = mode;
+    return host::HowToGainAccess(device);
+  };
+  EXPECT_EQ(advice(54321, 0660), "have your user added to the group 54321 and log in again");
+  for (const std::string& other : {advice(0, 0660), advice(54321, 0620), advice(54321, 0600)}) {
+    EXPECT_EQ(other,
+              "use another port, or have a udev rule give it to a group of yours (GROUP=\"dialout\", "
+              "MODE=\"0660\"): it is open to no group that users belong to");
+  }
 }
 
 TEST_F(Ports, AModemManagerIsARiskUnlessARuleKeepsItAway) {
@@ -152,13 +171,14 @@ TEST_F(Ports, PeopleGetThemOneBelowTheOther) {
                             {{12, "minicom"}, {13, "cat"}},
                             false,
                             "dialout",
-                            ModemManagerRisk::KeptAway},
+                            ModemManagerRisk::KeptAway,
+                            "do something"},
                            {"/dev/ttyUSB1", {}, "another", {}, true, "root", ModemManagerRisk::Likely}}),
       "/dev/ttyUSB0\n"
       "  stable name    /dev/serial/by-id/a\n"
       "  adapter        an adapter\n"
       "  held by        minicom (process 12), cat (process 13)\n"
-      "  access         no: have your user added to the group dialout\n"
+      "  access         no: do something\n"
       "  modem manager  kept away by a udev rule\n"
       "/dev/ttyUSB1\n"
       "  adapter        another\n"
