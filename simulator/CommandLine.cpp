@@ -163,6 +163,7 @@ std::optional<int> ParseCommandLine(int argc, char** argv, std::vector<Settings>
   CLI::App app("Plays the bootloaders of a CAN controller and of a Sanyo device on a pseudo-terminal.");
   RawOptions raw;
   app.footer(kFooter);
+  app.set_version_flag("--version", "bootloader-simulator " SIMULATOR_VERSION);
   AddProgramOptions(app, raw);
   AddDeviceOptions(app, raw.device);
   AddDialogueFaults(app, raw.device.faults);

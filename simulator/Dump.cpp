@@ -1,6 +1,8 @@
 #include "simulator/Dump.h"
 
+#include <fcntl.h>
 #include <fmt/core.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -12,16 +14,25 @@ namespace simulator {
 
 namespace {
 
+// Firmware is for its owner alone, and a link that somebody has put there may lead anywhere.
+std::FILE* Open(const std::string& path) {
+  const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
+  return file < 0 ? nullptr : fdopen(file, "wb");
+}
+
+std::string Reason() {
+  return errno == ELOOP ? "it is a symbolic link" : std::generic_category().message(errno);
+}
+
 bool WriteFile(const std::string& path, const std::vector<std::uint8_t>& bytes) {
-  std::FILE* file = std::fopen(path.c_str(), "wb");
+  std::FILE* file = Open(path);
   bool written = false;
   if (file != nullptr) {
     written = bytes.empty() || std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
     written = std::fclose(file) == 0 && written;
   }
   if (!written) {
-    fmt::print(stderr, "Cannot write the dump {}: {}. Name a file that can be written.\n", path,
-               std::generic_category().message(errno));
+    fmt::print(stderr, "Cannot write the dump {}: {}. Name a file that can be written.\n", path, Reason());
   }
   return written;
 }

@@ -214,6 +214,42 @@ TEST(Program, LinksToThePortAndDumpsAtASignal) {
   unlink((dump + ".2").c_str());
 }
 
+TEST(Program, ADumpIsForItsOwnerAloneWhateverTheMask) {
+  const std::string dump = TemporaryPath("flash");
+  const mode_t mask = umask(0);
+  Program program({"--dump-flash", dump});
+  umask(mask);
+  program.Port();
+  program.Signal(SIGTERM);
+  EXPECT_EQ(program.Wait(), 0);
+  struct stat status {};
+  ASSERT_EQ(stat(dump.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0600u);
+  unlink(dump.c_str());
+}
+
+TEST(Program, NoDumpGoesWhereALinkLeads) {
+  const std::string file = TemporaryPath("file");
+  const std::string link = TemporaryPath("flash");
+  std::ofstream(file) << "precious";
+  ASSERT_EQ(symlink(file.c_str(), link.c_str()), 0);
+  Program program({"--dump-flash", link});
+  program.Port();
+  program.Signal(SIGTERM);
+  EXPECT_EQ(program.Wait(), 3);
+  EXPECT_EQ(program.Rest(),
+            "Cannot write the dump " + link + ": it is a symbolic link. Name a file that can be written.\n");
+  EXPECT_EQ(ReadFile(file), FromText("precious"));
+  unlink(link.c_str());
+  unlink(file.c_str());
+}
+
+TEST(Program, TellsItsVersion) {
+  Program program({"--version"});
+  EXPECT_THAT(program.ReadLine(), testing::MatchesRegex("bootloader-simulator [0-9]+\\.[0-9]+\\.[0-9]+"));
+  EXPECT_EQ(program.Wait(), 0);
+}
+
 TEST(Program, NeverReplacesAFileByALink) {
   const std::string file = TemporaryPath("file");
   std::ofstream(file) << "precious";
@@ -352,7 +388,8 @@ TEST(Program, HelpNamesEveryOption) {
         "--dump-flash",    "--once",       "--version-text", "--ram-base",     "--ram-size",
         "--flash-base",    "--flash-size", "--refuse",       "--silent-after", "--slow",
         "--corrupt-flash", "--checksum",   "--nak-every",    "--nak-eot",      "--damage-every",
-        "--cancel-after",  "--faulty",     "--noise",        "--seed",         "--unplug-after"}) {
+        "--cancel-after",  "--faulty",     "--noise",        "--seed",         "--unplug-after",
+        "--version"}) {
     EXPECT_THAT(help, HasSubstr(option));
   }
 }
