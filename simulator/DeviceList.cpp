@@ -119,8 +119,4 @@ std::unique_ptr<DeviceList> MakeDevices(const std::vector<DevicePlan>& plans, bo
   return std::make_unique<DeviceList>(std::move(devices), once);
 }
 
-std::unique_ptr<DeviceList> MakeDevices(const std::string& kinds, const Options& options) {
-  return MakeDevices(PlanDevices(kinds, options), options.once);
-}
-
 }  // namespace simulator

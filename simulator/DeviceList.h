@@ -66,9 +66,6 @@ std::vector<DevicePlan> PlanDevices(const std::string& kinds, const Options& opt
 /// Makes the planned devices. Returns null if there is none or one of another kind. Power on before use.
 std::unique_ptr<DeviceList> MakeDevices(const std::vector<DevicePlan>& plans, bool once);
 
-/// The same for a list such as "can,sanyo".
-std::unique_ptr<DeviceList> MakeDevices(const std::string& kinds, const Options& options);
-
 /// Makes one device of kind "can" or "sanyo"; null if there is no such kind.
 std::unique_ptr<Bootloader> MakeDevice(const std::string& kind, const Options& options);
 

@@ -67,8 +67,7 @@ struct Options {
   std::uint64_t flash_size = std::uint64_t{32} * 1024 * 1024;
   Faults faults;
   int faulty_device =
-      0;              ///< Position of the only device in the list that has the faults, from 1; 0: all have.
-  bool once = false;  ///< The list does not begin again after its last device.
+      0;  ///< Position of the only device in the list that has the faults, from 1; 0: all have.
   std::function<void(const Milestone&)> on_milestone;
 };
 

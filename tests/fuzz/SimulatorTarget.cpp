@@ -13,8 +13,8 @@
 
 #include "Frames.h"
 #include "LineScript.h"
+#include "SimulatedDevices.h"
 #include "Target.h"
-#include "simulator/DeviceList.h"
 #include "simulator/Line.h"
 
 namespace fuzz {
@@ -30,6 +30,7 @@ struct Settings {
   std::string devices = "can";
   simulator::Options device;
   simulator::LineOptions line;
+  bool once = false;
 };
 
 // A range of 32-bit addresses, such as "8000:1000".
@@ -89,7 +90,7 @@ Settings Parse(std::string_view words) {
     } else if (name == "unplug") {
       settings.line.unplug_after_bytes = static_cast<std::uint64_t>(TakeNumber(word, 1'000'000));
     } else if (name == "once") {
-      settings.device.once = true;
+      settings.once = true;
     }
   }
   return settings;
@@ -115,7 +116,7 @@ class Bench {
   Bench(Settings settings, const LineScript& script)
       : iSettings(std::move(settings)), iScript(script), iIsClear(IsClear(iSettings)) {
     iSettings.device.on_milestone = [this](const simulator::Milestone& milestone) { Note(milestone); };
-    iDevices = simulator::MakeDevices(iSettings.devices, iSettings.device);
+    iDevices = simulator::MakeDevices(iSettings.devices, iSettings.device, iSettings.once);
   }
 
   void Run() {
@@ -140,8 +141,7 @@ class Bench {
     Promise(iDevices->Updates() == iUpdatesTold, "an update is counted that was not told");
     // Each start of the list may update every device once.
     const std::uint64_t starts = 1 + iDevices->Failures() + iPowerCycles;
-    Promise(!iSettings.device.once || iDevices->Updates() <= iDevices->Size() * starts,
-            "more updates than devices");
+    Promise(!iSettings.once || iDevices->Updates() <= iDevices->Size() * starts, "more updates than devices");
   }
 
  private:

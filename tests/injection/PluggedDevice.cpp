@@ -11,6 +11,7 @@
 
 #include "FailingCalls.h"
 #include "LineTime.h"
+#include "SimulatedDevices.h"
 
 namespace {
 
@@ -50,7 +51,7 @@ void PluggedDevice::Plug(const std::string& kind) {
   const std::lock_guard<std::mutex> lock(iMutex);
   tcflush(iSlave, TCIOFLUSH);
   tcflush(iMaster, TCIOFLUSH);
-  iDevices = simulator::MakeDevices(kind, {});
+  iDevices = simulator::MakeDevices(kind);
   simulator::LineOptions unpaced;
   unpaced.baud = 0;
   iLine = std::make_unique<simulator::Line>(*iDevices, unpaced, line_time::Now_us());

@@ -9,6 +9,7 @@
 #include "FeatureEvents.h"
 #include "Frames.h"
 #include "LogTexts.h"
+#include "SimulatedDevices.h"
 #include "simulator/Xmodem.h"
 
 extern "C" IFeatureModule2* FeatureCreate2(const TFeatureId&, IInterfaceBroker&, IEventBroker&,

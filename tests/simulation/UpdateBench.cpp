@@ -9,6 +9,7 @@
 
 #include "FeatureEntry.h"
 #include "FeatureEvents.h"
+#include "SimulatedDevices.h"
 
 extern "C" IFeatureModule2* FeatureCreate2(const TFeatureId&, IInterfaceBroker&, IEventBroker&,
                                            const IFeatureProperties&);

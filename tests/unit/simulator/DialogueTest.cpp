@@ -7,7 +7,7 @@
 #include <random>
 
 #include "ScriptedHost.h"
-#include "simulator/DeviceList.h"
+#include "SimulatedDevices.h"
 
 namespace simulator {
 
@@ -19,8 +19,9 @@ using testing::ElementsAre;
 /// A list of devices, the line they hang on and a host at its other end.
 class Bench {
  public:
-  explicit Bench(const std::string& kinds, Options options = {}, const LineOptions& line_options = {})
-      : devices(MakeDevices(kinds, Watched(options, milestones))),
+  explicit Bench(const std::string& kinds, Options options = {}, const LineOptions& line_options = {},
+                 bool once = false)
+      : devices(MakeDevices(kinds, Watched(options, milestones), once)),
         line(*devices, line_options, 0),
         host(line) {}
 
@@ -414,12 +415,12 @@ TEST(SanyoFaults, DiesAfterTheGivenBytes) {
 }
 
 TEST(List, KnowsItsKinds) {
-  EXPECT_EQ(MakeDevices("", {}), nullptr);
-  EXPECT_EQ(MakeDevices("can,", {}), nullptr);
-  EXPECT_EQ(MakeDevices("can,radio", {}), nullptr);
-  EXPECT_EQ(MakeDevices("can, sanyo", {}), nullptr);
-  ASSERT_NE(MakeDevices("can,sanyo,can", {}), nullptr);
-  EXPECT_EQ(MakeDevices("can,sanyo,can", {})->Size(), 3u);
+  EXPECT_EQ(MakeDevices(""), nullptr);
+  EXPECT_EQ(MakeDevices("can,"), nullptr);
+  EXPECT_EQ(MakeDevices("can,radio"), nullptr);
+  EXPECT_EQ(MakeDevices("can, sanyo"), nullptr);
+  ASSERT_NE(MakeDevices("can,sanyo,can"), nullptr);
+  EXPECT_EQ(MakeDevices("can,sanyo,can")->Size(), 3u);
 }
 
 TEST(List, HandsOverInEveryOrderAndBeginsAgain) {
@@ -487,9 +488,7 @@ TEST(List, GoesBackWhenNobodyComesForTheSecondDevice) {
 }
 
 TEST(List, WithOnceEndsAfterItsLastDevice) {
-  Options options;
-  options.once = true;
-  Bench bench("can,sanyo", options);
+  Bench bench("can,sanyo", {}, {}, true);
   bench.host.UpdateCan(kLoader, kImage);
   EXPECT_FALSE(bench.devices->Finished());
   EXPECT_TRUE(bench.host.Send(kImage));
