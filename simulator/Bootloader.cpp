@@ -95,6 +95,7 @@ void Bootloader::Listen(int max_solicitations, Micros now) {
   ReceiverOptions options;
   options.trailer = iOptions.faults.checksum ? Trailer::kChecksum : Trailer::kCrc;
   options.max_solicitations = max_solicitations;
+  options.block_wait = Patience() / XmodemReceiver::kMaxBlockWaits;
   options.nak_every = iOptions.faults.nak_every;
   options.nak_first_eot = iOptions.faults.nak_first_eot;
   iActivity = Activity::kReceiving;
@@ -102,19 +103,29 @@ void Bootloader::Listen(int max_solicitations, Micros now) {
 }
 
 void Bootloader::SendVersion(Micros now) {
-  SenderOptions options;
+  SenderOptions options = TextOptions();
   options.start_patience = iPatient ? kNever : kHandOverPatience;
   options.deaf_to_cancel = true;
-  options.damage_every = iOptions.faults.damage_every;
   iActivity = Activity::kSending;
   iSender.Start(iOptions.version_text, options, iHostAsks, now);
 }
 
 SenderOptions Bootloader::AnswerOptions() const {
-  SenderOptions options;
+  SenderOptions options = TextOptions();
   options.repeat_ack = true;
+  return options;
+}
+
+SenderOptions Bootloader::TextOptions() const {
+  SenderOptions options;
+  options.start_patience = Patience();
+  options.reply_wait = Patience() / XmodemSender::kMaxReplyWaits;
   options.damage_every = iOptions.faults.damage_every;
   return options;
+}
+
+Micros Bootloader::Patience() const {
+  return iOptions.patience_s * kSecond;
 }
 
 void Bootloader::Answer(const std::string& text, Micros now) {

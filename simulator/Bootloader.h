@@ -83,6 +83,8 @@ class Bootloader : private BlockTaker {
   enum class Activity { kStarting, kThinking, kSending, kReceiving, kSilent, kEnded };
 
   SenderOptions AnswerOptions() const;
+  SenderOptions TextOptions() const;
+  Micros Patience() const;
   bool CountByte(Micros now);
   void FallSilent(Micros now);
   void Settle(Micros now);

@@ -62,6 +62,11 @@ void AddDeviceOptions(CLI::App& app, Options& device) {
       ->capture_default_str()
       ->group(group);
   app.add_option("--flash-size", device.flash_size, "Flash in bytes")->capture_default_str()->group(group);
+  app.add_option("--patience", device.patience_s,
+                 "Seconds that it waits for its host in the middle of an update before it begins anew")
+      ->check(CLI::Range(1, kMaxPatience_s))
+      ->capture_default_str()
+      ->group(group);
 }
 
 void AddDialogueFaults(CLI::App& app, Faults& faults) {

@@ -12,6 +12,7 @@ namespace simulator {
 /// The largest values that people may ask for.
 constexpr int kMaxBaud = 100'000'000;
 constexpr int kMaxSlow_ms = 3'600'000;
+constexpr int kMaxPatience_s = 3'600;
 constexpr int kMaxEvery = 1'000'000;
 
 /// Something that a person would like to see in a log.
@@ -65,6 +66,7 @@ struct Options {
   std::uint64_t ram_size = 0x7000;
   std::uint64_t flash_base = 0x8000;
   std::uint64_t flash_size = std::uint64_t{32} * 1024 * 1024;
+  int patience_s = 30;  ///< Waits so long for the host in the middle of an update, then begins anew.
   Faults faults;
   int faulty_device =
       0;  ///< Position of the only device in the list that has the faults, from 1; 0: all have.

@@ -112,6 +112,8 @@ const std::vector<Key<Plan>>& DeviceKeys() {
       {"ram-size", kCount, count([](Plan & p) -> auto& { return p.options.ram_size; })},
       {"flash-base", kCount, count([](Plan & p) -> auto& { return p.options.flash_base; })},
       {"flash-size", kCount, count([](Plan & p) -> auto& { return p.options.flash_size; })},
+      {"patience", "seconds from 1 to 3600",
+       [](const Node& n, Plan& p) { return ReadNumber(n, 1, kMaxPatience_s, p.options.patience_s); }},
       {"refuse", "a text wr|gt|ck[:N][=ANSWER], or a list of them",
        [](const Node& n, Plan& p) { return ReadRefusals(n, p.options.faults.refusals); }},
       {"silent-after", "one of version, wr-ram, gt, wr-flash, ck in quotes, or a number of bytes",

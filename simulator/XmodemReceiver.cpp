@@ -265,7 +265,7 @@ void XmodemReceiver::Complain(Micros now) {
 
 void XmodemReceiver::WaitForBlock(Micros now) {
   iState = State::kWaitBlock;
-  iTimer = now + kBlockWait;
+  iTimer = now + iOptions.block_wait;
 }
 
 bool XmodemReceiver::IsSecondCan(std::uint8_t byte) {

@@ -21,9 +21,10 @@ class BlockTaker {
 
 struct ReceiverOptions {
   Trailer trailer = Trailer::kCrc;
-  int max_solicitations = 10;  ///< Silent ones in a row before giving up; 0: for ever.
-  int nak_every = 0;           ///< Answer every n-th sound block of a transfer with NAK; 0: none.
-  bool nak_first_eot = false;  ///< Answer the first EOT of a transfer with NAK.
+  int max_solicitations = 10;       ///< Silent ones in a row before giving up; 0: for ever.
+  Micros block_wait = 3 * kSecond;  ///< Then it asks for the block again.
+  int nak_every = 0;                ///< Answer every n-th sound block of a transfer with NAK; 0: none.
+  bool nak_first_eot = false;       ///< Answer the first EOT of a transfer with NAK.
 };
 
 /// The receiving half of a bootloader's XMODEM, fed byte by byte and without a clock of its own.
@@ -36,7 +37,6 @@ class XmodemReceiver {
   /// An EOT counts once nothing has followed it for so long: within a block that has lost its beginning any
   /// byte may look like one.
   static constexpr Micros kEotQuiet = 20 * kMillisecond;
-  static constexpr Micros kBlockWait = 3 * kSecond;
   static constexpr int kMaxErrors = 10;
   static constexpr int kMaxBlockWaits = 10;
 

@@ -152,7 +152,7 @@ void XmodemSender::OnSilence(Micros now) {
 
 void XmodemSender::Await(State state, Micros now) {
   iState = state;
-  iTimer = now + kReplyWait;
+  iTimer = now + iOptions.reply_wait;
 }
 
 bool XmodemSender::IsSecondCan(std::uint8_t byte) {

@@ -12,9 +12,11 @@ namespace simulator {
 
 struct SenderOptions {
   Micros start_patience = 30 * kSecond;  ///< Wait for the host's start with no byte coming; kNever: for ever.
-  bool deaf_to_cancel = false;           ///< While waiting for the start, CAN means nothing.
-  bool repeat_ack = false;               ///< While waiting for the start, an EOT is one whose ACK was lost.
-  int damage_every = 0;                  ///< Every n-th block goes out with a wrong CRC first; 0: none.
+  Micros reply_wait =
+      6 * kSecond;              ///< Then what was sent is repeated; longer than the host waits for a byte.
+  bool deaf_to_cancel = false;  ///< While waiting for the start, CAN means nothing.
+  bool repeat_ack = false;      ///< While waiting for the start, an EOT is one whose ACK was lost.
+  int damage_every = 0;         ///< Every n-th block goes out with a wrong CRC first; 0: none.
 };
 
 /// The sending half of a bootloader's XMODEM: texts, zero-padded to whole blocks of 1024 bytes while more
@@ -22,7 +24,6 @@ struct SenderOptions {
 /// transfers.
 class XmodemSender {
  public:
-  static constexpr Micros kReplyWait = 6 * kSecond;  ///< Longer than the host waits for a missing byte.
   static constexpr int kMaxReplyWaits = 5;
   static constexpr int kMaxErrors = 10;
 

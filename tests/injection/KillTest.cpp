@@ -1,7 +1,8 @@
 // Goal: whenever peripheralctl is killed, the port is free at once and the next update succeeds.
 // Method: the program with a library preloaded that kills it at its n-th call of a kind, at a hundred such
 // moments from the first look at the port to the last block; several at a time, each with a device of its
-// own.
+// own. Those devices begin anew soon after their host has fallen silent, or most of the time would pass in
+// waiting for them.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
@@ -47,8 +48,8 @@ std::vector<Moment> Moments() {
 class Bench {
  public:
   Bench()
-      : iSimulator(BOOTLOADER_SIMULATOR, {"--device", "can", "--baud", "0", "--link", iFolder.Path("port"),
-                                          "--dump-flash", iFolder.Path("flash")}) {
+      : iSimulator(BOOTLOADER_SIMULATOR, {"--device", "can", "--baud", "0", "--patience", "5", "--link",
+                                          iFolder.Path("port"), "--dump-flash", iFolder.Path("flash")}) {
     iFolder.Write("loader.bin", std::string(3000, 'L'));
     iFolder.Write("can.toml",
                   "[properties]\nupdatelist = \"xmodem\"\nxmodemsource-image = \"firmware.bin\"\n"

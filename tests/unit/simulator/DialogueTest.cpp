@@ -188,6 +188,29 @@ TEST(Can, StartsOverTenSecondsAfterTheHostWentAway) {
   EXPECT_EQ(bench.host.UpdateCan(kLoader, kImage), "000");
 }
 
+// At each point at which it waits for its host: for a block, for the start of an answer, for its reply.
+TEST(Can, StartsOverWhenItsPatienceWithASilentHostIsAtItsEnd) {
+  const Bytes none;
+  for (const int patience_s : {2, 30}) {
+    for (const Bytes& last : {FrameBlock(1, Pattern(1024), Trailer::kCrc), none, Bytes{'C'}}) {
+      Options options;
+      options.patience_s = patience_s;
+      Bench bench("can", options);
+      bench.host.ReceiveText();
+      EXPECT_TRUE(bench.host.Send("wr 1000"));
+      EXPECT_EQ(bench.host.Read(kSecond), 'C');
+      if (last.size() <= 1) {
+        EXPECT_TRUE(bench.host.Send(kLoader));
+      }
+      bench.host.Write(last);
+      bench.host.Wait((patience_s - 1) * kSecond);
+      EXPECT_EQ(bench.devices->Failures(), 0u) << patience_s << " s, " << last.size() << " bytes";
+      bench.host.Wait(2 * kSecond);
+      EXPECT_EQ(bench.devices->Failures(), 1u) << patience_s << " s, " << last.size() << " bytes";
+    }
+  }
+}
+
 TEST(Can, StartsOverWhenTheHostBeginsAnewInMidTransfer) {
   Bench bench("can");
   bench.host.ReceiveText();

@@ -389,7 +389,7 @@ TEST(Program, HelpNamesEveryOption) {
         "--flash-base",    "--flash-size", "--refuse",       "--silent-after", "--slow",
         "--corrupt-flash", "--checksum",   "--nak-every",    "--nak-eot",      "--damage-every",
         "--cancel-after",  "--faulty",     "--noise",        "--seed",         "--unplug-after",
-        "--version"}) {
+        "--patience",      "--version"}) {
     EXPECT_THAT(help, HasSubstr(option));
   }
 }

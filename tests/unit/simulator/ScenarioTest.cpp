@@ -75,7 +75,7 @@ TEST_F(Scenario, SaysEverythingAboutADevice) {
       kCan +
       "version-text = 'V'\nram-base = 0x20000000\nram-size = 1\nflash-base = 2\nflash-size = 3\n"
       "refuse = ['gt:2=007', 'ck']\nsilent-after = 1500\nslow = 4\ncorrupt-flash = true\nchecksum = true\n"
-      "nak-every = 5\nnak-eot = true\ndamage-every = 6\ncancel-after = 8\n");
+      "nak-every = 5\nnak-eot = true\ndamage-every = 6\ncancel-after = 8\npatience = 9\n");
   ASSERT_THAT(faults, IsEmpty());
   const Options& device = lines.at(0).devices.at(0).options;
   EXPECT_EQ(device.version_text, "V");
@@ -83,6 +83,7 @@ TEST_F(Scenario, SaysEverythingAboutADevice) {
   EXPECT_EQ(device.ram_size, 1u);
   EXPECT_EQ(device.flash_base, 2u);
   EXPECT_EQ(device.flash_size, 3u);
+  EXPECT_EQ(device.patience_s, 9);
   const Faults& wrong = device.faults;
   ASSERT_EQ(wrong.refusals.size(), 2u);
   EXPECT_EQ(wrong.refusals[0].verb + wrong.refusals[0].answer, "gt007");
@@ -159,7 +160,8 @@ TEST_F(Scenario, IsRefusedWithThePlaceOfWhatIsWrong) {
         Case{kCan + "speed = 1\n",
              "4:9: unknown key 'speed'. Known here: kind, version-text, ram-base, ram-size, flash-base, "
              "flash-size, "
-             "refuse, silent-after, slow, corrupt-flash, checksum, nak-every, nak-eot, damage-every, "
+             "patience, refuse, silent-after, slow, corrupt-flash, checksum, nak-every, nak-eot, "
+             "damage-every, "
              "cancel-after."}}) {
     EXPECT_THAT(FaultsOf(each.text), ElementsAre(each.fault)) << each.text;
   }
