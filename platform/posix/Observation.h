@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "LineObserver.h"
+#include "SeldomShared.h"
 
 /// The process's observer of serial lines, if there is one.
 class CObservation {
@@ -19,7 +20,7 @@ class CObservation {
 
   /// Returns the former one, which is not called any more.
   platform::ILineObserver* Replace(platform::ILineObserver* observer) {
-    const std::lock_guard<std::mutex> lock(iMutex);
+    const std::lock_guard<CSeldomShared> lock(iLock);
     iIsOn.store(observer != nullptr, std::memory_order_relaxed);
     return std::exchange(iObserver, observer);
   }
@@ -31,15 +32,23 @@ class CObservation {
       return;
     }
     const int error = errno;
-    const std::lock_guard<std::mutex> lock(iMutex);
+    const std::lock_guard<CSeldomShared> lock(iLock);
     if (iObserver != nullptr) {
       tell(*iObserver);
     }
     errno = error;
   }
 
+  /// A child process has no observer: that of its parent may be at work on a thread that the child does not
+  /// have.
+  void StartAnewInChild() {
+    iIsOn.store(false, std::memory_order_relaxed);
+    iObserver = nullptr;
+    iLock.unlock();
+  }
+
  private:
   std::atomic<bool> iIsOn{false};
-  std::mutex iMutex;
+  CSeldomShared iLock;
   platform::ILineObserver* iObserver = nullptr;
 };

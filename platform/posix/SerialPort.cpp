@@ -15,7 +15,6 @@
 #include <mutex>
 #include <string>
 #include <system_error>
-#include <thread>
 
 #include "Clock.h"
 #include "Descriptor.h"
@@ -24,6 +23,7 @@
 #include "LineObserver.h"
 #include "Logging.h"
 #include "Observation.h"
+#include "SeldomShared.h"
 #include "Waiting.h"
 
 namespace {
@@ -119,24 +119,6 @@ class CBytes {
   std::array<TUint8, KCapacity> iBytes;
   std::size_t iBegin = 0;
   std::size_t iEnd = 0;
-};
-
-// A lock that a port's user takes for every byte, and others hardly ever. With a std::mutex, locking would be
-// the largest part of what sending costs. Who finds it taken looks again after a while.
-class CSeldomShared {
- public:
-  void lock() {
-    while (!try_lock()) {
-      std::this_thread::sleep_for(KLookAgainAfter);
-    }
-  }
-  bool try_lock() { return !iTaken.exchange(true, std::memory_order_acquire); }
-  void unlock() { iTaken.store(false, std::memory_order_release); }
-
- private:
-  static constexpr std::chrono::microseconds KLookAgainAfter{50};
-
-  std::atomic<bool> iTaken{false};
 };
 
 // A port that is in use or, once its line is broken or taken over, only kept for those who still point at it.
@@ -570,13 +552,13 @@ class CPortTable {
   void FlushAtExit();
   void StartAnewInChild();
 
-  std::mutex iMutex;
+  CSeldomShared iLock;
   // A chain, so that it is whole at each moment in which another thread makes a child process.
   std::atomic<CSerialPort*> iNewest{nullptr};
 };
 
 ISerialPort* CPortTable::Make(const TSettings& settings) {
-  const std::lock_guard<std::mutex> lock(iMutex);
+  const std::lock_guard<CSeldomShared> lock(iLock);
   CDescriptor device(OpenDevice(settings.name));
   struct stat status {};
   termios2 line{};
@@ -605,14 +587,14 @@ void CPortTable::TakeOver(dev_t device) {
 }
 
 void CPortTable::Flush() {
-  const std::lock_guard<std::mutex> lock(iMutex);
+  const std::lock_guard<CSeldomShared> lock(iLock);
   for (CSerialPort* port = iNewest; port != nullptr; port = port->iMadeBefore) {
     port->Flush();
   }
 }
 
 void CPortTable::FlushAtExit() {
-  const std::unique_lock<std::mutex> lock(iMutex, std::try_to_lock);
+  const std::unique_lock<CSeldomShared> lock(iLock, std::try_to_lock);
   if (lock.owns_lock()) {
     for (CSerialPort* port = iNewest; port != nullptr; port = port->iMadeBefore) {
       port->FlushAtExit();
@@ -621,6 +603,8 @@ void CPortTable::FlushAtExit() {
 }
 
 void CPortTable::StartAnewInChild() {
+  iLock.unlock();
+  CObservation::Instance().StartAnewInChild();
   for (CSerialPort* port = iNewest; port != nullptr; port = port->iMadeBefore) {
     port->StartAnewInChild();
   }

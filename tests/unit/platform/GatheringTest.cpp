@@ -325,15 +325,6 @@ TEST_F(Gathering, WithoutAThreadToHaveNothingIsHeldBack) {
   EXPECT_EQ(result, 0);
 }
 
-// ThreadSanitizer does not let the child of a process with threads make one, and AddressSanitizer's own locks
-// may be held by a thread that the child does not have.
-#if defined(UNDER_THREAD_SANITIZER) || defined(UNDER_ADDRESS_SANITIZER)
-#define SKIP_WHERE_PROCESSES_MAY_NOT_DIVIDE() \
-  GTEST_SKIP() << "a sanitizer's process with threads may not divide"
-#else
-#define SKIP_WHERE_PROCESSES_MAY_NOT_DIVIDE() static_cast<void>(0)
-#endif
-
 TEST_F(Gathering, AChildProcessGathersAndFlushesByItself) {
   SKIP_WHERE_PROCESSES_MAY_NOT_DIVIDE();
   EXPECT_TRUE(Writes(*port, "parent"));

@@ -1,6 +1,11 @@
 // Goal: an observer of the lines learns of every byte in its order, of openings, losses and closings, and
 // changes nothing for the ports. Method: pseudo-terminals, whose master is the device at the other end.
 #include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
 
 #include "LineObserver.h"
 #include "PortCalls.h"
@@ -76,6 +81,60 @@ TEST(LineObserver, MissesNothingThatWasGatheredBeforeItWasReplacedAndHearsNothin
   EXPECT_EQ(ReadOnce(*port), 0);
   EXPECT_THAT(notes.Entries(), ElementsAre("sent before"));
   EXPECT_EQ(pty.Receive(11), "beforeafter");
+}
+
+// Takes its time when a port is opened.
+class Slow : public platform::ILineObserver {
+ public:
+  Slow() { platform::SetLineObserver(this); }
+  ~Slow() override { platform::SetLineObserver(nullptr); }
+
+  void AwaitCall() { AwaitStage(1); }
+  void LetGo() { Enter(2); }
+
+  void OnOpened(const std::string& /*name*/, TUint32 /*speed*/) override {
+    Enter(1);
+    AwaitStage(2);
+  }
+  void OnSent(const TUint8* /*bytes*/, std::size_t /*count*/) override {}
+  void OnReceived(const TUint8* /*bytes*/, std::size_t /*count*/) override {}
+  void OnLost(const std::string& /*reason*/) override {}
+  void OnClosed() override {}
+
+ private:
+  void Enter(int stage) {
+    const std::lock_guard<std::mutex> lock(iMutex);
+    iStage = stage;
+    iChanged.notify_all();
+  }
+  void AwaitStage(int stage) {
+    std::unique_lock<std::mutex> lock(iMutex);
+    iChanged.wait(lock, [&] { return iStage >= stage; });
+  }
+
+  std::mutex iMutex;
+  std::condition_variable iChanged;
+  int iStage = 0;
+};
+
+// The thread that opens a port and tells of it holds locks, and the child has no such thread.
+TEST(LineObserver, OfAParentAtWorkDoesNotKeepAChildProcessFromItsPorts) {
+  SKIP_WHERE_PROCESSES_MAY_NOT_DIVIDE();
+  constexpr unsigned kPatience_s = 5;
+  Pty pty;
+  Pty childs;
+  Slow observer;
+  std::thread opening([&] { EXPECT_NE(MakePort(pty.Name()), nullptr); });
+  observer.AwaitCall();
+  const int result = InChild([&] {
+    alarm(kPatience_s);
+    ISerialPort* const port = MakePort(childs.Name());
+    return port != nullptr && Writes(*port, "x") && ReadOnce(*port) == 0 ? 0 : 1;
+  });
+  observer.LetGo();
+  opening.join();
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(childs.Receive(1), "x");
 }
 
 }  // namespace

@@ -107,6 +107,15 @@ class HesitantWrites {
   ~HesitantWrites();
 };
 
+// ThreadSanitizer does not let the child of a process with threads make one, and AddressSanitizer's own locks
+// may be held by a thread that the child does not have.
+#if defined(UNDER_THREAD_SANITIZER) || defined(UNDER_ADDRESS_SANITIZER)
+#define SKIP_WHERE_PROCESSES_MAY_NOT_DIVIDE() \
+  GTEST_SKIP() << "a sanitizer's process with threads may not divide"
+#else
+#define SKIP_WHERE_PROCESSES_MAY_NOT_DIVIDE() static_cast<void>(0)
+#endif
+
 /// Runs `body` in a child process and returns its result, 0..255; -1 when the child did not end by itself.
 int InChild(const std::function<int()>& body);
 
