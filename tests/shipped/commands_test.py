@@ -1,22 +1,24 @@
 """Goal: who types what the README and the tutorial show gets what they promise.
 
-Method: the blocks marked as sh are typed into a shell, in their order, in a folder that looks like
-the tree after a build. Each must end
-well, or with the code that a comment "exit: N" above it names. A comment "not run: why" above a block is the only way
-for it to be left out, and what it leaves out is at least read by the shell.
+Method: the blocks marked as sh are typed into a shell, in their order, in a folder that looks like the tree after a
+build, with the configuration that the document shows and files for it. Each must end well. A comment above a block may
+say otherwise: "exit: N", with which code it ends; "runs on: until when", that it goes on beside what follows; "run as:
+COMMAND", what is typed in its place; "not run: why" leaves it out, but the shell reads it at least.
 """
 import os
 import pathlib
 import re
+import shutil
 import signal
 import subprocess
 import tempfile
+import textwrap
 import unittest
 
 from support import BUILD, SOURCE, output_of
 
 DOCUMENTS = ["README.md", "docs/TUTORIAL.md"]
-BLOCK = re.compile(r"(?:^<!-- (not run|exit): ([^\n]*) -->\n)?^```sh\n(.*?)^```$", re.M | re.S)
+BLOCK = re.compile(r"(?:^<!-- (not run|exit|runs on|run as): ([^\n]*) -->\n)?^```sh\n(.*?)^```$", re.M | re.S)
 
 
 def blocks_of(document):
@@ -36,16 +38,24 @@ class Commands(unittest.TestCase):
                 continue
             if mark == "exit":
                 script += f"status=0\n{text.strip()} || status=$?\n[ $status -eq {what} ] || exit 99\n"
+            elif mark == "runs on":
+                script += f"{text.strip()} &\nsleep 1\n"
+            elif mark == "run as":
+                self.assertIn(text.strip(), what, "the same command")
+                script += f"{what}\n"
             else:
                 script += f"{text}"
         with tempfile.TemporaryDirectory(prefix="peripheral-") as folder:
             tree = pathlib.Path(folder) / "tree"
             (tree / "build").mkdir(parents=True)
             os.symlink(BUILD, tree / "build/dev")
-            os.symlink(SOURCE / "docs", tree / "docs")
+            for name in ("docs", "script"):
+                os.symlink(SOURCE / name, tree / name)
+            self.prepare(tree, (SOURCE / document).read_text())
             # The tutorial's own folder, where no other run of it can be met.
             script = script.replace("/tmp/", f"{folder}/")
             shell = subprocess.Popen(["bash", "-exuo", "pipefail", "-c", script], cwd=tree, text=True,
+                                     env={**os.environ, "PATH": f"{tree}/tools:{os.environ['PATH']}"},
                                      stdout=subprocess.PIPE, stderr=subprocess.STDOUT, start_new_session=True)
             try:
                 said = shell.communicate(timeout=120)[0]
@@ -54,18 +64,32 @@ class Commands(unittest.TestCase):
                     os.killpg(shell.pid, signal.SIGKILL)
         self.assertEqual(shell.returncode, 0, said)
 
+    def prepare(self, tree, text):
+        (tree / "firmware.bin").write_bytes(b"test")
+        (tree / "loader.bin").write_bytes(b"loader")
+        config = re.search(r"(?:^    .*\n|^\n)*^    \[properties\]\n(?:^    .*\n|^\n)*", text, re.M)
+        if config:
+            (tree / "can.toml").write_text(textwrap.dedent(config[0]))
+        # What there is to build is built.
+        cmake = tree / "tools/cmake"
+        cmake.parent.mkdir()
+        cmake.write_text(f'#!/bin/sh\ncase "$1" in --preset | --build) exit ;; esac\nexec {shutil.which("cmake")} "$@"\n')
+        cmake.chmod(0o755)
+
     def test_that_are_not_run_have_a_reason_and_are_read_by_the_shell(self):
         for document in DOCUMENTS:
             for mark, what, text in blocks_of(document):
                 output_of("bash", "-n", "-c", text)
-                self.assertNotEqual((mark, what), ("not run", ""), document)
+                self.assertFalse(mark and not what.strip(), document)
 
     def test_are_all_marked(self):
         for document in DOCUMENTS:
             for block in re.findall(r"^    +(.*)$|^```\n", (SOURCE / document).read_text(), re.M):
                 self.assertNotRegex(block, r"^(script/|build/dev/bin/|cmake |peripheralctl |bootloader-simulator )",
                                     f"{document}: commands stand in ```sh blocks")
+            text = (SOURCE / document).read_text()
             self.assertGreater(len(blocks_of(document)), 3, document)
+            self.assertEqual(len(blocks_of(document)), len(re.findall(r"^ *(?:```|~~~)\S", text, re.M)), document)
 
 
 if __name__ == "__main__":
