@@ -1,9 +1,11 @@
 // Goal: an observer of the lines learns of every byte in its order, of openings, losses and closings, and
 // changes nothing for the ports. Method: pseudo-terminals, whose master is the device at the other end.
 #include <gmock/gmock.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <condition_variable>
+#include <cstdlib>
 #include <mutex>
 #include <thread>
 
@@ -135,6 +137,22 @@ TEST(LineObserver, OfAParentAtWorkDoesNotKeepAChildProcessFromItsPorts) {
   opening.join();
   EXPECT_EQ(result, 0);
   EXPECT_EQ(childs.Receive(1), "x");
+}
+
+TEST(LineObserver, AtWorkHoldsUpNoShellWhichInheritsNothingOfAPort) {
+  Pty pty;
+  Pty gathering;
+  EXPECT_TRUE(WritesOneByOne(*MakePort(gathering.Name()), "x"));
+  Slow observer;
+  std::thread opening([&] { EXPECT_NE(MakePort(pty.Name()), nullptr); });
+  observer.AwaitCall();
+  constexpr int kNothingFound = 1;
+  const std::string look =
+      "ls -l /proc/self/fd | grep -e timerfd -e '" + pty.Name() + "$' -e '" + gathering.Name() + "$'";
+  const int status = std::system(look.c_str());
+  observer.LetGo();
+  opening.join();
+  EXPECT_EQ(WEXITSTATUS(status), kNothingFound);
 }
 
 }  // namespace
