@@ -27,6 +27,7 @@ constexpr Description kDescriptions[] = {
     {ExitCode::WrongDigest,
      "a file is not the one that its digest stands for, or has none; nothing was sent"},
     {ExitCode::ConfigUntrusted, "others than root may change the configuration; nothing was sent"},
+    {ExitCode::OutputLost, "all went well, but what was to be said could not be written"},
     {ExitCode::TraceBroken,
      "the trace is broken, or none; what stands before the break was shown or replayed"},
     {ExitCode::ReplayDeparts, "the replay departs from the trace"},

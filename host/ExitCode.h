@@ -21,6 +21,7 @@ enum class ExitCode {
   SourceChanged = 9,
   WrongDigest = 10,
   ConfigUntrusted = 11,
+  OutputLost = 12,
   TraceBroken = 20,
   ReplayDeparts = 21,
 };

@@ -215,6 +215,16 @@ bool IsForPrograms(int argc, const char* const* argv) {
   return std::any_of(argv, argv + argc, [](std::string_view word) { return word == "--json"; });
 }
 
+// What was lost does not hide what else went wrong.
+ExitCode WithOutput(ExitCode exitCode) {
+  if (FlushStandardOutput()) {
+    return exitCode;
+  }
+  std::cerr << "peripheralctl: what was to be said on standard output could not be written. Is the disk full?"
+            << std::endl;
+  return exitCode == ExitCode::Success ? ExitCode::OutputLost : exitCode;
+}
+
 ExitCode Main(int argc, const char* const* argv) {
   const CommandLine line = ParseCommandLine(argc, argv, std::cout);
   if (line.isAnswered) {
@@ -234,8 +244,9 @@ ExitCode Main(int argc, const char* const* argv) {
 int main(int argc, char** argv) {
   // A reader of our output that goes away must not end an update half-way.
   std::signal(SIGPIPE, SIG_IGN);
+  HoldStandardStreams();
   try {
-    return static_cast<int>(Main(argc, argv));
+    return static_cast<int>(WithOutput(Main(argc, argv)));
   } catch (const std::exception& error) {
     std::cerr << "peripheralctl: internal error: " << error.what() << std::endl;
     if (IsForPrograms(argc, argv)) {

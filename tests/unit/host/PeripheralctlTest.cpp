@@ -45,7 +45,7 @@ bool Soon(const std::function<bool()>& happened) {
 }
 
 // Where a program's outputs go: standard error to a file unless both go to the full pipe.
-enum class Output { Pipe, Terminal, FullPipe, FullPipeForBoth };
+enum class Output { Pipe, Terminal, FullPipe, FullPipeForBoth, FullDisk, None };
 
 // The program while it runs.
 class Process {
@@ -58,7 +58,10 @@ class Process {
       argv.push_back(argument.data());
     }
     argv.push_back(nullptr);
-    const int out = output == Output::Terminal ? OpenTerminal() : OpenPipe(output != Output::Pipe);
+    const int out = output == Output::Terminal ? OpenTerminal()
+                    : output == Output::FullDisk
+                        ? open("/dev/full", O_WRONLY | O_CLOEXEC)
+                        : OpenPipe(output == Output::FullPipe || output == Output::FullPipeForBoth);
     const int error = open(iErrorFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     iPid = fork();
     if (iPid == 0) {
@@ -68,6 +71,9 @@ class Process {
       std::signal(SIGHUP, SIG_DFL);
       dup2(out, STDOUT_FILENO);
       dup2(output == Output::FullPipeForBoth ? out : error, STDERR_FILENO);
+      if (output == Output::None) {
+        close(STDOUT_FILENO);
+      }
       execv(PERIPHERALCTL, argv.data());
       _exit(99);
     }
@@ -349,6 +355,44 @@ TEST_F(Peripheralctl, AReaderThatGoesAwayDoesNotEndTheUpdate) {
   process.CloseOutput();
   EXPECT_EQ(process.Wait(), 0);
   EXPECT_THAT(ContentOf(log), HasSubstr("SWL: Finished upload in fake"));
+}
+
+TEST_F(Peripheralctl, WhatCouldNotBeSaidIsNoSuccess) {
+  const std::string trace = iFolder.Path("trace");
+  EXPECT_EQ(Process(Command("update", "succeeds", {"--trace", trace}), ErrorFile()).Wait(), 0);
+  for (const Output output : {Output::FullDisk, Output::None}) {
+    for (const std::vector<std::string>& arguments : {Command("prepare", "succeeds"),
+                                                      Command("update", "succeeds"),
+                                                      Command("update", "succeeds", {"--json"}),
+                                                      {"trace", "show", trace},
+                                                      {"ports"},
+                                                      {"--version"},
+                                                      {"--help"}}) {
+      Process process(arguments, ErrorFile(), output);
+      EXPECT_EQ(process.Wait(), 12) << arguments[0];
+      EXPECT_EQ(
+          process.Err(),
+          "peripheralctl: what was to be said on standard output could not be written. Is the disk full?\n");
+    }
+  }
+}
+
+TEST_F(Peripheralctl, NothingThatIsOpenedGetsWhatIsWrittenToAClosedOutput) {
+  const std::string trace = iFolder.Path("trace");
+  Process process(Command("update", "succeeds", {"--trace", trace}), ErrorFile(), Output::None);
+  EXPECT_EQ(process.Wait(), 12);
+  EXPECT_THAT(ContentOf(trace), Not(HasSubstr("Preparing")));
+  EXPECT_EQ(Process({"trace", "show", trace}, ErrorFile()).Wait(), 0);
+}
+
+TEST_F(Peripheralctl, AnUpdateThatCannotSayAnythingGoesOnToItsEndWhichCounts) {
+  const std::string log = iFolder.Path("log");
+  Process good(Command("update", "succeeds", {"--log-file", log}), ErrorFile(), Output::FullDisk);
+  EXPECT_EQ(good.Wait(), 12);
+  EXPECT_THAT(ContentOf(log), HasSubstr("SWL: Finished upload in fake"));
+  Process bad(Command("update", "install-fails"), ErrorFile(), Output::FullDisk);
+  EXPECT_EQ(bad.Wait(), 6);
+  EXPECT_THAT(bad.Err(), AllOf(HasSubstr("The update failed."), HasSubstr("could not be written")));
 }
 
 TEST_F(Peripheralctl, TheModuleIsDeletedBeforeTheLogEnds) {
