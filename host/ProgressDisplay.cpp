@@ -11,7 +11,10 @@ namespace {
 
 constexpr int kMinBarWidth = 10;
 constexpr int kMaxBarWidth = 50;
-constexpr int kBarWidthBesideStatus = 20;
+constexpr int kMinBarWidthBesideStatus = 5;
+constexpr int kMaxBarWidthBesideStatus = 20;
+constexpr int kMinStatusWidth = 12;
+constexpr int kMostBeforeTheEnd = 99;
 constexpr int kColumnsBesideBar = 9;  // brackets, two blanks, "100 %"
 constexpr const char* kClearLine = "\r\x1b[K";
 constexpr const char* kGreen = "\x1b[32m";
@@ -27,16 +30,16 @@ std::string Duration(std::chrono::seconds time) {
   return fmt::format("{}:{:02}", time.count() / 60, time.count() % 60);
 }
 
-std::string Describe(const SentBytes& sent, const Pace& pace) {
-  std::string text = fmt::format("{} of {}", Size(static_cast<double>(sent.deviceBytes)),
-                                 Size(static_cast<double>(sent.deviceTotal)));
+std::vector<std::string> Describe(const SentBytes& sent, const Pace& pace) {
+  std::vector<std::string> facts = {fmt::format("{} of {}", Size(static_cast<double>(sent.deviceBytes)),
+                                                Size(static_cast<double>(sent.deviceTotal)))};
   if (pace.rate_Bps) {
-    text += fmt::format(", {}/s", Size(*pace.rate_Bps));
+    facts.push_back(Size(*pace.rate_Bps) + "/s");
   }
   if (pace.left) {
-    text += fmt::format(", {} left", Duration(*pace.left));
+    facts.push_back(Duration(*pace.left) + " left");
   }
-  return text;
+  return facts;
 }
 
 int PercentOfDevice(const SentBytes& sent) {
@@ -53,6 +56,7 @@ void ProgressDisplay::OnState(UpdateState state) {
   switch (state) {
     case UpdateState::AwaitingAnnouncement:
     case UpdateState::Pausing:
+    case UpdateState::Ended:
       break;
     case UpdateState::Preparing:
       Line("Preparing: the module checks its settings, the files and the port.");
@@ -63,19 +67,22 @@ void ProgressDisplay::OnState(UpdateState state) {
     case UpdateState::Aborting:
       Line("Aborting. Waiting for the module's answer; a second Ctrl-C exits at once.");
       break;
-    case UpdateState::Ended:
-      LeaveBar();
-      break;
   }
 }
 
+// Every byte may be on its way and the update fail all the same.
 void ProgressDisplay::OnProgress(int percent) {
+  ShowProgress(std::min(percent, kMostBeforeTheEnd));
+}
+
+void ProgressDisplay::ShowProgress(int percent) {
   iPercent = percent;
   if (iLook.terminal) {
     DrawBar();
   } else if (percent / 10 > iLastTenth || iLastTenth < 0) {
     iLastTenth = percent / 10;
-    Line(fmt::format("Progress: {} %{}", percent, iSent.empty() ? "" : " (" + iSent + ")"));
+    const std::string facts = iSent.empty() ? "" : fmt::format(" ({})", fmt::join(iSent, ", "));
+    Line(fmt::format("Progress: {} %{}", percent, facts));
   }
 }
 
@@ -104,9 +111,10 @@ void ProgressDisplay::OnStep(const DeviceStep& step) {
 }
 
 void ProgressDisplay::OnSentBytes(const SentBytes& sent, const Pace& pace) {
-  const std::string percent =
-      iDevices.size() > 1 ? fmt::format("{} {} %, ", Device(sent.device), PercentOfDevice(sent)) : "";
-  iSent = percent + Describe(sent, pace);
+  iSent = Describe(sent, pace);
+  if (iDevices.size() > 1) {
+    iSent.front() = fmt::format("{} {} %, {}", Device(sent.device), PercentOfDevice(sent), iSent.front());
+  }
   if (iLook.terminal && iPercent >= 0) {
     DrawBar();
   }
@@ -123,6 +131,7 @@ void ProgressDisplay::OnFaults(const Faults& faults) {
 }
 
 void ProgressDisplay::OnWarning(const std::string& text) {
+  LeaveBar();
   iErr << "peripheralctl: " << text << std::endl;
 }
 
@@ -130,7 +139,17 @@ void ProgressDisplay::OnWarning(const std::string& text) {
 void ProgressDisplay::OnRefusal(const Faults& /*faults*/, ExitCode /*exitCode*/) {}
 
 void ProgressDisplay::OnResult(const RunResult& result, ExitCode exitCode) {
+  EndProgress(exitCode == ExitCode::Success);
   (exitCode == ExitCode::Success ? iOut : iErr) << ReportFor(result) << std::flush;
+}
+
+void ProgressDisplay::EndProgress(bool isDone) {
+  iStep.clear();
+  iSent.clear();
+  if (isDone && iPercent >= 0) {
+    ShowProgress(100);
+  }
+  LeaveBar();
 }
 
 // Flushed at once: a line that waits in a buffer while the device is updated helps nobody.
@@ -153,26 +172,33 @@ void ProgressDisplay::LeaveBar() {
 // The line never reaches the last column, where some terminals would begin another.
 void ProgressDisplay::DrawBar() {
   const int room = iLook.columns() - 1;
-  const std::string status = Status();
-  const int wide = std::clamp(room - kColumnsBesideBar, kMinBarWidth, kMaxBarWidth);
-  const int width = status.empty() ? wide : std::min(wide, kBarWidthBesideStatus);
+  const std::string status = Status(room - kColumnsBesideBar - kMinBarWidthBesideStatus);
+  const int rest = room - kColumnsBesideBar - static_cast<int>(status.size());
+  const int width = status.empty() ? std::clamp(rest, kMinBarWidth, kMaxBarWidth)
+                                   : std::min(rest, kMaxBarWidthBesideStatus);
   const int filled = width * iPercent / 100;
   iOut << kClearLine
        << fmt::format("[{}{:#>{}}{}{:.>{}}]  {:3} %", iLook.colour ? kGreen : "", "", filled,
-                      iLook.colour ? kPlain : "", "", width - filled, iPercent);
-  const int rest = room - width - kColumnsBesideBar;
-  if (!status.empty() && rest > 0) {
-    iOut << ("  " + status).substr(0, static_cast<std::size_t>(rest));
-  }
-  iOut << std::flush;
+                      iLook.colour ? kPlain : "", "", width - filled, iPercent)
+       << status << std::flush;
 }
 
 std::string ProgressDisplay::Device(std::size_t index) const {
   return index < iDevices.size() ? iDevices[index] : "device";
 }
 
-std::string ProgressDisplay::Status() const {
-  return iStep.empty() || iSent.empty() ? iStep + iSent : iSent + "  " + iStep;
+// The step counts most, and of the bytes what is left.
+std::string ProgressDisplay::Status(int room) const {
+  if (room < kMinStatusWidth) {
+    return "";
+  }
+  for (auto fact = iSent.begin();; ++fact) {
+    std::string status = fact == iSent.end() ? "" : fmt::format("  {}", fmt::join(fact, iSent.end(), ", "));
+    status += iStep.empty() ? "" : "  " + iStep;
+    if (fact == iSent.end() || status.size() <= static_cast<std::size_t>(room)) {
+      return status.substr(0, static_cast<std::size_t>(room));
+    }
+  }
 }
 
 }  // namespace host

@@ -17,8 +17,8 @@ struct Look {
 };
 
 /// Tells people: on a terminal by a progress bar that is redrawn in place, elsewhere by a line every 10 % and
-/// one for each step; milestones as lines of their own, failures on `err`. A stream that refuses to be
-/// written to is no reason to stop.
+/// one for each step; milestones as lines of their own, failures on `err`. Only a success is 100 %. A stream
+/// that refuses to be written to is no reason to stop.
 class ProgressDisplay : public Output {
  public:
   /// `devices` are the names of those that are updated, in their order.
@@ -36,12 +36,17 @@ class ProgressDisplay : public Output {
   void OnRefusal(const Faults& faults, ExitCode exitCode) override;
   void OnResult(const RunResult& result, ExitCode exitCode) override;
 
+ protected:
+  /// No progress is shown after this; all of it is, if it is done.
+  void EndProgress(bool isDone);
+
  private:
+  void ShowProgress(int percent);
   void Line(const std::string& text);
   void LeaveBar();
   void DrawBar();
   std::string Device(std::size_t index) const;
-  std::string Status() const;
+  std::string Status(int room) const;
 
   std::ostream& iOut;
   std::ostream& iErr;
@@ -50,7 +55,7 @@ class ProgressDisplay : public Output {
   int iPercent = -1;    ///< what the bar shows; below 0 there is no bar
   int iLastTenth = -1;  ///< the last tenth that has a line
   std::string iStep;
-  std::string iSent;
+  std::vector<std::string> iSent;  ///< what is known of the bytes, the least important first
 };
 
 }  // namespace host

@@ -165,6 +165,7 @@ class ReplayDisplay final : public ProgressDisplay {
   }
 
   void OnResult(const RunResult& result, ExitCode /*exitCode*/) override {
+    EndProgress(result.outcome == Outcome::Succeeded);
     const trace::Player::Verdict& verdict = *iReplaying.Verdict();
     std::cout << (verdict.endedByPlayer ? "" : AccountOf(result)) << verdict.text << "\n";
     if (verdict.departs) {

@@ -195,10 +195,10 @@ TEST_F(Peripheralctl, AnUpdateThatSucceedsShowsMilestonesAndProgress) {
   EXPECT_EQ(process.Wait(), 0);
   EXPECT_EQ(process.Err(), "");
   EXPECT_THAT(process.Out(), testing::StartsWith("Preparing: "));
-  EXPECT_THAT(process.Out(), HasSubstr("Progress: 0 %\nProgress: 10 %\nProgress: 37 %\nProgress: 100 %\n"));
+  EXPECT_THAT(process.Out(), HasSubstr("Progress: 0 %\nProgress: 10 %\nProgress: 37 %\nProgress: 99 %\n"));
   EXPECT_THAT(process.Out(), HasSubstr("\nStarting upload in fake\n"));
   EXPECT_THAT(process.Out(), HasSubstr("\nFinished upload in fake\n"));
-  EXPECT_THAT(process.Out(), EndsWith("The update has succeeded.\n"));
+  EXPECT_THAT(process.Out(), EndsWith("Progress: 100 %\nThe update has succeeded.\n"));
 }
 
 TEST_F(Peripheralctl, APreparationSendsNothing) {

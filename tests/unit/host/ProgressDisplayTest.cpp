@@ -10,6 +10,7 @@ namespace {
 
 using host::ProgressDisplay;
 using host::UpdateState;
+using testing::AllOf;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
@@ -25,7 +26,7 @@ TEST(ProgressDisplay, WritesALineEveryTenPercentWhereThereIsNoTerminal) {
   for (const int percent : {0, 4, 9, 10, 11, 37, 39, 100}) {
     display.OnProgress(percent);
   }
-  EXPECT_EQ(out.str(), "Progress: 0 %\nProgress: 10 %\nProgress: 37 %\nProgress: 100 %\n");
+  EXPECT_EQ(out.str(), "Progress: 0 %\nProgress: 10 %\nProgress: 37 %\nProgress: 99 %\n");
 }
 
 TEST(ProgressDisplay, TheFirstProgressIsShownWhateverItIs) {
@@ -40,15 +41,15 @@ TEST(ProgressDisplay, RedrawsABarInPlaceOnATerminal) {
   display.OnProgress(0);
   display.OnProgress(55);
   display.OnProgress(100);
-  EXPECT_EQ(out.str(), "\r\x1b[K[..........]    0 %\r\x1b[K[#####.....]   55 %\r\x1b[K[##########]  100 %");
+  EXPECT_EQ(out.str(), "\r\x1b[K[..........]    0 %\r\x1b[K[#####.....]   55 %\r\x1b[K[#########.]   99 %");
 }
 
 TEST(ProgressDisplay, TheBarFitsTheTerminalAndIsNeverTooLong) {
   for (const auto& [columns, width] :
        {std::pair(40, 30), std::pair(80, 50), std::pair(500, 50), std::pair(0, 10)}) {
     std::ostringstream out;
-    Display(out, true, columns).OnProgress(100);
-    EXPECT_THAT(out.str(), HasSubstr("[" + std::string(static_cast<std::size_t>(width), '#') + "]"))
+    Display(out, true, columns).OnProgress(0);
+    EXPECT_THAT(out.str(), HasSubstr("[" + std::string(static_cast<std::size_t>(width), '.') + "]"))
         << columns;
   }
 }
@@ -62,13 +63,29 @@ TEST(ProgressDisplay, AMilestoneStandsAboveTheBar) {
   EXPECT_EQ(out.str(), "before\n\r\x1b[K[#####.....]   50 %\r\x1b[Kafter\n\r\x1b[K[#####.....]   50 %");
 }
 
-TEST(ProgressDisplay, TheEndLeavesTheBarAndLaterLinesDoNotTouchIt) {
+TEST(ProgressDisplay, OnlyASuccessIsAHundredPercent) {
+  for (const bool terminal : {false, true}) {
+    std::ostringstream out;
+    ProgressDisplay good = Display(out, terminal, 20);
+    good.OnProgress(100);
+    good.OnState(UpdateState::Ended);
+    EXPECT_THAT(out.str(), AllOf(HasSubstr(" 99 %"), Not(HasSubstr("100 %"))));
+    good.OnResult({host::Goal::Update, host::Outcome::Succeeded, true, {}}, host::ExitCode::Success);
+    EXPECT_THAT(out.str(), EndsWith("100 %\nThe update has succeeded.\n"));
+    out.str("");
+    ProgressDisplay bad = Display(out, terminal, 20);
+    bad.OnProgress(100);
+    bad.OnResult({host::Goal::Update, host::Outcome::SourceChanged, true, {}}, host::ExitCode::SourceChanged);
+    EXPECT_THAT(out.str(), AllOf(HasSubstr(" 99 %\nThe update failed"), Not(HasSubstr("100 %"))));
+  }
+}
+
+TEST(ProgressDisplay, AWarningStandsBelowTheBar) {
   std::ostringstream out;
   ProgressDisplay display = Display(out, true, 20);
   display.OnProgress(50);
-  display.OnState(UpdateState::Ended);
-  display.OnMilestone("late");
-  EXPECT_THAT(out.str(), EndsWith("50 %\nlate\n"));
+  display.OnWarning("late");
+  EXPECT_THAT(out.str(), EndsWith("50 %\nperipheralctl: late\n"));
 }
 
 TEST(ProgressDisplay, EveryStateOfInterestIsALine) {
@@ -102,18 +119,21 @@ using host::SentBytes;
 
 constexpr std::int64_t kKiB = 1024;
 
-TEST(ProgressDisplay, TheStepAndTheBytesStandBehindTheBarAsFarAsThereIsRoom) {
+TEST(ProgressDisplay, TheStepStandsBehindTheBarAndOfTheBytesWhatThereIsRoomFor) {
   for (const auto& [columns, status] :
        {std::pair(120,
-                  "  64.0 KiB of 256.0 KiB, 11.0 KiB/s, 0:18 left  CAN controller: wr 8000, firmware.bin"),
-        std::pair(60, "  64.0 KiB of 256.0 KiB, 11.0 ")}) {
+                  "[#####...............]   25 %  64.0 KiB of 256.0 KiB, 11.0 KiB/s, 0:18 left  CAN "
+                  "controller: wr 8000, firmware.bin"),
+        std::pair(80, "[##......]   25 %  11.0 KiB/s, 0:18 left  CAN controller: wr 8000, firmware.bin"),
+        std::pair(60, "[##.........]   25 %  CAN controller: wr 8000, firmware.bin"),
+        std::pair(40, "[#....]   25 %  CAN controller: wr 8000")}) {
     std::ostringstream out;
     ProgressDisplay display = Display(out, true, columns, {"CAN controller"});
     display.OnStep({0, "wr 8000, firmware.bin"});
     display.OnSentBytes({0, 64 * kKiB, 256 * kKiB, 64 * kKiB, 256 * kKiB}, {11.0 * 1024, 18s});
     EXPECT_EQ(out.str(), "");
     display.OnProgress(25);
-    EXPECT_EQ(out.str(), std::string("\r\x1b[K[#####...............]   25 %") + status);
+    EXPECT_EQ(out.str(), std::string("\r\x1b[K") + status);
     EXPECT_LT(out.str().size() - std::string("\r\x1b[K").size(), static_cast<std::size_t>(columns));
   }
 }
