@@ -91,7 +91,8 @@ void AddRecordingOptions(CLI::App& command, RawOptions& raw) {
 void AddRetries(CLI::App& update, RawOptions& raw) {
   update
       .add_option("--retries", raw.options.retries.count,
-                  "Ask for a failed update again, so many times at most (default: 0)")
+                  "Ask for a failed update again, so many times at most (default: 0); not for one without a "
+                  "result in time, since the module may still be at it")
       ->type_name("COUNT")
       ->check(CLI::Range(0, kMaxRetries));
   update.add_option("--retry-pause", raw.retryPause_s, "Seconds to wait before each of them")

@@ -154,6 +154,16 @@ std::optional<Cause> LogFollower::WhyFailed(std::size_t attempt) {
   return attempt < iCauses.size() ? iCauses[attempt] : std::nullopt;
 }
 
+std::optional<std::string> LogFollower::Place() {
+  const std::lock_guard<std::mutex> lock(iMutex);
+  return iCauses.size() > 1 ? std::make_optional(PresentPlace()) : std::nullopt;
+}
+
+std::string LogFollower::PresentPlace() const {
+  const std::string device = iDevice < iPlan.size() ? iPlan[iDevice].name : "device";
+  return fmt::format("{}, {}", device, iStep.empty() ? "before the first step" : iStep);
+}
+
 void LogFollower::StartOver() {
   iCauses.emplace_back();
   iStep.clear();
@@ -212,9 +222,7 @@ void LogFollower::Blame(ErrorCode code, const std::string& what) {
   if (cause && Outweighs(cause->code, code)) {
     return;
   }
-  const char* device = iDevice < iPlan.size() ? iPlan[iDevice].name.c_str() : "device";
-  cause = Cause{code, iStep.empty() ? fmt::format("{}, before the first step: {}", device, what)
-                                    : fmt::format("{}, {}: {}", device, iStep, what)};
+  cause = Cause{code, fmt::format("{}: {}", PresentPlace(), what)};
 }
 
 void LogFollower::TellSentBytes() {

@@ -65,7 +65,11 @@ class LogFollower {
   /// The same for any attempt so far, from 1.
   std::optional<Cause> WhyFailed(std::size_t attempt);
 
+  /// The device and the step that the latest attempt is at; nothing before the first one. Any thread.
+  std::optional<std::string> Place();
+
  private:
+  std::string PresentPlace() const;
   void StartOver();
   void NextDevice();
   void Step(const std::string& text, const std::string& file);

@@ -131,7 +131,9 @@ void ProgressDisplay::OnFaults(const Faults& faults) {
 }
 
 void ProgressDisplay::OnWarning(const std::string& text) {
-  LeaveBar();
+  if (iLook.terminal) {
+    LeaveBar();
+  }
   iErr << "peripheralctl: " << text << std::endl;
 }
 

@@ -119,6 +119,11 @@ class Listening {
 
   RunLog& Log() { return iLog; }
   std::optional<Cause> WhyFailed() { return iFollower.WhyFailed(); }
+  std::optional<Cause> WhereSilent() {
+    const std::optional<std::string> place = iFollower.Place();
+    return place ? std::make_optional(Cause{ErrorCode::NoResult, *place + ": no sign of life in time"})
+                 : std::nullopt;
+  }
 
  private:
   SentBytesFeed iFeed;
@@ -136,6 +141,8 @@ RunResult Judge(const UpdateRun& run, UpdateController& controller, Listening& l
   }
   if (result.outcome == Outcome::InstallFailed) {
     result.cause = listening.WhyFailed();
+  } else if (result.outcome == Outcome::NoResult) {
+    result.cause = listening.WhereSilent();
   }
   const bool isSent = result.outcome == Outcome::Succeeded || result.outcome == Outcome::InstallFailed;
   if (run.goal == Goal::Update && isSent) {

@@ -55,6 +55,14 @@ TEST_F(LogFollowerTest, TellsEachStepOfEachDevice) {
                                   "1 image, firmware.bin"));
 }
 
+TEST_F(LogFollowerTest, KnowsTheStepAtWhichTheDeviceIs) {
+  EXPECT_EQ(iFollower.Place(), std::nullopt);
+  Take("SWL: Starting upload in PeripheralLoader", logging::EAlways);
+  EXPECT_EQ(iFollower.Place(), "CAN controller, before the first step");
+  StartWriting();
+  EXPECT_EQ(iFollower.Place(), "CAN controller, wr 1000, loader.bin");
+}
+
 TEST_F(LogFollowerTest, CountsTheBytesOfAllFiles) {
   StartWriting();
   Take("Left 0 of 1000", logging::EInterface);

@@ -276,6 +276,14 @@ TEST_F(Peripheralctl, ASilentModuleIsGivenUp) {
   }
 }
 
+TEST_F(Peripheralctl, ASilentUpdateIsGivenUpAtItsStepAndNotTriedAgain) {
+  Process process(Command("update", "waits-for-abort", {"--timeout", "1", "--retries", "2"}), ErrorFile());
+  EXPECT_EQ(process.Wait(), 8);
+  EXPECT_THAT(process.Err(),
+              HasSubstr("\nSanyo device, before the first step: no sign of life in time [no-result]\n"));
+  EXPECT_THAT(process.Out(), Not(HasSubstr("attempt")));
+}
+
 TEST_F(Peripheralctl, AModuleThatHangsIsGivenUp) {
   Process process(Command("update", "hangs", {"--timeout", "1"}), ErrorFile());
   EXPECT_EQ(process.Wait(), 8);
