@@ -23,7 +23,6 @@ std::string Now() {
 
 }  // namespace
 
-// Errors reach the sink whatever is wanted in the stream: they are the reasons.
 RunLog::RunLog(std::ostream& out, std::optional<logging::TLevel> lowest, MilestoneHandler onMilestone,
                LineHandler onLine)
     : iOut(out),
@@ -32,8 +31,7 @@ RunLog::RunLog(std::ostream& out, std::optional<logging::TLevel> lowest, Milesto
       iOnLine(std::move(onLine)),
       iPreviousLevel(logging::LowestLevel()),
       iPrevious(logging::SetSink(this)) {
-  logging::SetLowestLevel(iOnLine ? logging::EInterface
-                                  : std::min(lowest.value_or(logging::EError), logging::EError));
+  logging::SetLowestLevel(logging::EInterface);
 }
 
 RunLog::~RunLog() {
@@ -46,9 +44,7 @@ void RunLog::Write(const logging::TLine& line) {
     iOut << Now() << " " << logging::Format(line) << std::endl;
     iLinesLost = iLinesLost || !iOut;
   }
-  if (iOnLine) {
-    iOnLine(line);
-  }
+  iOnLine(line);
   if (line.level == logging::EError) {
     Remember(logging::Printable(line.message));
   }

@@ -22,10 +22,10 @@ class RunLog final : public logging::ISink {
 
   /// Takes the platform's log, and its lowest level, over until destruction. Lines at `lowest` and above are
   /// written to `out`, with date and time; none without a level. `onMilestone` gets the text of each
-  /// milestone line, on whichever thread logs it, and must not log;
-  /// so does `onLine`, if there is one, with every line of every level.
+  /// milestone line, on whichever thread logs it, and must not log; so does `onLine` with every line of every
+  /// level.
   RunLog(std::ostream& out, std::optional<logging::TLevel> lowest, MilestoneHandler onMilestone,
-         LineHandler onLine = nullptr);
+         LineHandler onLine);
   RunLog(const RunLog&) = delete;
   RunLog& operator=(const RunLog&) = delete;
   ~RunLog() override;

@@ -27,8 +27,8 @@ constexpr const char* kStyle =
     "body{font:15px/1.4 sans-serif;max-width:1040px;margin:2em auto;padding:0 1em;color:#222;background:#fff}"
     "h1.good{color:#2a7a3b}h1.bad{color:#b3261e}table{border-collapse:collapse;display:block;overflow-x:auto}"
     "td,th{border:1px solid #ccc;padding:.2em .6em;text-align:left}td.number{text-align:right}"
-    "svg{max-width:100%;height:auto}.rate{font:12px sans-serif}.rate rect{fill:#3b5b92}.rate "
-    "line{stroke:#999}"
+    "svg{max-width:100%;height:auto}"
+    ".rate{font:12px sans-serif}.rate rect{fill:#3b5b92}.rate line{stroke:#999}"
     "#log td{font-family:monospace;font-size:12px;overflow-wrap:anywhere}#log .Error td{color:#b3261e}"
     "#log .Warning td{color:#8a5a00}";
 
@@ -167,8 +167,8 @@ std::string HtmlReport(const trace::Trace& trace, const Faults& errors) {
   const bool good = dialogue.exitCode == 0;
   return fmt::format(
              "{3}<meta charset=\"utf-8\">\n"
-             "<meta name=\"viewport\" "
-             "content=\"width=device-width\">\n<title>{0}</title>\n<style>{1}</style>\n"
+             "<meta name=\"viewport\" content=\"width=device-width\">\n"
+             "<title>{0}</title>\n<style>{1}</style>\n"
              "</head>\n<body>\n<h1 id=\"outcome\" class=\"{2}\">{0}</h1>\n",
              outcome, kStyle, good ? "good" : "bad", BeginningOf(Format::Html)) +
          (good ? "" : Section("errors", "What went wrong", ErrorTable(errors))) +

@@ -113,8 +113,7 @@ TEST_F(Report, ThatCannotBeWrittenIsRefusedBeforeTheRun) {
   EXPECT_EQ(Run("/nowhere/report.html", {}), 2);
   EXPECT_EQ(iOutput,
             "peripheralctl: cannot write the report '/nowhere/report.html': No such file or directory. "
-            "Choose another "
-            "file after --report.\n");
+            "Choose another file after --report.\n");
   EXPECT_EQ(Run(iFolder.Path("report.pdf"), {}), 2);
   EXPECT_THAT(iOutput, HasSubstr("the name must end in .html or .json"));
 }

@@ -16,6 +16,9 @@ using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::Not;
 
+// Follows no lines.
+const RunLog::LineHandler kNobody = [](const logging::TLine& /*line*/) {};
+
 class RunLogTest : public testing::Test {
  protected:
   RunLog::MilestoneHandler Handler() {
@@ -35,15 +38,14 @@ class RunLogTest : public testing::Test {
 };
 
 TEST_F(RunLogTest, WritesNothingWithoutALevelButRemembersErrors) {
-  RunLog log(iOut, std::nullopt, Handler());
+  RunLog log(iOut, std::nullopt, Handler(), kNobody);
   LogOneOfEach();
   EXPECT_EQ(iOut.str(), "");
   EXPECT_THAT(log.Reasons(), ElementsAre("at error"));
-  EXPECT_FALSE(logging::IsOn(logging::EWarning));
 }
 
 TEST_F(RunLogTest, WritesLinesOfTheLevelAndAboveWithDateAndTime) {
-  const RunLog log(iOut, logging::EWarning, Handler());
+  const RunLog log(iOut, logging::EWarning, Handler(), kNobody);
   LogOneOfEach();
   std::istringstream lines(iOut.str());
   std::string line;
@@ -56,7 +58,7 @@ TEST_F(RunLogTest, WritesLinesOfTheLevelAndAboveWithDateAndTime) {
 }
 
 TEST_F(RunLogTest, RemembersErrorsAlsoWhenOnlyAlwaysIsWanted) {
-  RunLog log(iOut, logging::EAlways, Handler());
+  RunLog log(iOut, logging::EAlways, Handler(), kNobody);
   LogOneOfEach();
   EXPECT_THAT(iOut.str(), HasSubstr("at always"));
   EXPECT_THAT(iOut.str(), Not(HasSubstr("at error")));
@@ -64,7 +66,7 @@ TEST_F(RunLogTest, RemembersErrorsAlsoWhenOnlyAlwaysIsWanted) {
 }
 
 TEST_F(RunLogTest, PassesMilestonesOnWithoutTheirPrefix) {
-  const RunLog log(iOut, std::nullopt, Handler());
+  const RunLog log(iOut, std::nullopt, Handler(), kNobody);
   LOG_ALWAYS(logging::PeripheralLoader, "SWL: Starting");
   LOG_ALWAYS(logging::PeripheralLoader, "no milestone");
   LOG_ERROR(logging::PeripheralLoader, "SWL: no milestone either");
@@ -72,7 +74,7 @@ TEST_F(RunLogTest, PassesMilestonesOnWithoutTheirPrefix) {
 }
 
 TEST_F(RunLogTest, ReasonsAreTheLastFiveEachOnceByItsLastOccurrence) {
-  RunLog log(iOut, std::nullopt, Handler());
+  RunLog log(iOut, std::nullopt, Handler(), kNobody);
   for (const char* text : {"1", "2", "3", "2", "4", "5", "6", "6"}) {
     LOG_ERROR(logging::Platform, text);
   }
@@ -80,7 +82,7 @@ TEST_F(RunLogTest, ReasonsAreTheLastFiveEachOnceByItsLastOccurrence) {
 }
 
 TEST_F(RunLogTest, WhatADeviceSentCannotSteerTheTerminal) {
-  RunLog log(iOut, std::nullopt, Handler());
+  RunLog log(iOut, std::nullopt, Handler(), kNobody);
   LOG_ERROR(logging::Platform, "bad \x1b[2J\r\xc2\x9b answer \xc3\x9f");
   LOG_ALWAYS(logging::Platform, "SWL: \xc2\x85");
   EXPECT_THAT(log.Reasons(), ElementsAre("bad \\x1b[2J\\x0d\\xc2\\x9b answer \xc3\x9f"));
@@ -89,7 +91,7 @@ TEST_F(RunLogTest, WhatADeviceSentCannotSteerTheTerminal) {
 
 TEST_F(RunLogTest, KnowsWhetherLinesWereLost) {
   std::ofstream full("/dev/full");
-  const RunLog log(full, logging::EWarning, Handler());
+  const RunLog log(full, logging::EWarning, Handler(), kNobody);
   LOG_INFO(logging::Platform, "not wanted");
   EXPECT_FALSE(log.LinesLost());
   LOG_ERROR(logging::Platform, "lost");
@@ -107,14 +109,14 @@ TEST_F(RunLogTest, WhoFollowsGetsEveryLineAndWhatIsWrittenStaysAsItIs) {
 
 TEST_F(RunLogTest, GivesTheLowestLevelBackInTheEnd) {
   const logging::TLevel before = logging::LowestLevel();
-  { const RunLog log(iOut, logging::EInfo, Handler()); }
+  { const RunLog log(iOut, logging::EInfo, Handler(), kNobody); }
   EXPECT_EQ(logging::LowestLevel(), before);
 }
 
 TEST_F(RunLogTest, GivesTheLogBackInTheEnd) {
-  RunLog outer(iOut, std::nullopt, Handler());
+  RunLog outer(iOut, std::nullopt, Handler(), kNobody);
   {
-    const RunLog inner(iOut, std::nullopt, Handler());
+    const RunLog inner(iOut, std::nullopt, Handler(), kNobody);
     LOG_ERROR(logging::Platform, "for the inner");
   }
   LOG_ERROR(logging::Platform, "for the outer");
