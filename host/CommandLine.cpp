@@ -101,30 +101,44 @@ void AddRetries(CLI::App& update, RawOptions& raw) {
       ->capture_default_str();
 }
 
-std::string Footer() {
-  return "Examples:\n"
-         "  peripheralctl ports\n"
-         "  peripheralctl prepare --config can.toml\n"
-         "  peripheralctl update --config can.toml --set xmodemportname=/dev/ttyUSB0\n"
-         "  peripheralctl update --config can.toml --log-level info --log-file update.log\n"
-         "  peripheralctl update --config can.toml --trace update.trace\n"
-         "  peripheralctl trace show update.trace\n"
-         "  peripheralctl update --config can.toml --retries 2 --json\n"
-         "\n"
-         "A configuration file:\n"
-         "  [properties]\n"
-         "  updatelist          = \"xmodem\"\n"
-         "  xmodemsource-image  = \"firmware.bin\"    # relative to this file\n"
-         "  xmodemsource-loader = \"loader.bin\"\n"
-         "  xmodemspeed         = 115200\n"
-         "  xmodemportname      = \"/dev/ttyUSB0\"\n"
-         "  xmodemramaddress    = \"20000000\"        # text, as the device reads it\n"
-         "  xmodemflashaddress  = \"08000000\"\n"
-         "  [sha256]                                # optional: what sha256sum prints for the file\n"
-         "  xmodemsource-image  = \"...\"\n"
-         "\n" +
-         DescribeExitCodes();
-}
+constexpr const char* kExamples =
+    "Examples:\n"
+    "  peripheralctl ports\n"
+    "  peripheralctl prepare --config can.toml\n"
+    "  peripheralctl update --config can.toml\n"
+    "  peripheralctl trace show update.trace\n"
+    "\n"
+    "A configuration file:\n"
+    "  [properties]\n"
+    "  updatelist          = \"xmodem\"\n"
+    "  xmodemsource-image  = \"firmware.bin\"    # relative to this file\n"
+    "  xmodemsource-loader = \"loader.bin\"\n"
+    "  xmodemspeed         = 115200\n"
+    "  xmodemportname      = \"/dev/ttyUSB0\"\n"
+    "  xmodemramaddress    = \"20000000\"        # text, as the device reads it\n"
+    "  xmodemflashaddress  = \"08000000\"\n"
+    "  [sha256]                                # optional: what sha256sum prints for the file\n"
+    "  xmodemsource-image  = \"...\"\n"
+    "\n";
+
+constexpr const char* kUpdateExamples =
+    "Examples:\n"
+    "  peripheralctl update --config can.toml --set xmodemportname=/dev/ttyUSB0\n"
+    "  peripheralctl update --config can.toml --log-level info --log-file update.log\n"
+    "  peripheralctl update --config can.toml --trace update.trace --report update.html\n"
+    "  peripheralctl update --config can.toml --retries 2 --json\n"
+    "\n";
+
+constexpr const char* kPrepareExamples =
+    "Examples:\n"
+    "  peripheralctl prepare --config can.toml\n"
+    "  peripheralctl prepare --config can.toml --set xmodemportname=/dev/ttyUSB0 --json\n"
+    "\n";
+
+constexpr const char* kPortsExamples =
+    "Examples:\n"
+    "  peripheralctl ports\n"
+    "  peripheralctl ports --json\n";
 
 std::chrono::milliseconds OrDefault(int timeout_s, std::chrono::milliseconds standard) {
   return timeout_s > 0 ? std::chrono::seconds(timeout_s) : standard;
@@ -169,7 +183,7 @@ CommandLine ParseCommandLine(int argc, const char* const* argv, std::ostream& ou
   RawOptions raw;
   CLI::App app("Updates the firmware of peripherals: loads the peripheral loader module and drives it.",
                "peripheralctl");
-  app.footer(Footer());
+  app.footer(kExamples + DescribeExitCodes());
   app.set_version_flag("--version", std::string("peripheralctl ") + kVersion);
   app.require_subcommand(1);
   app.fallthrough(false);
@@ -181,8 +195,10 @@ CommandLine ParseCommandLine(int argc, const char* const* argv, std::ostream& ou
   AddJson(*ports, raw);
   for (CLI::App* command : {update, prepare}) {
     AddOptions(*command, raw);
-    command->footer(Footer());
   }
+  update->footer(kUpdateExamples + DescribeExitCodes());
+  prepare->footer(kPrepareExamples + DescribeExitCodes());
+  ports->footer(kPortsExamples);
   AddRecordingOptions(*update, raw);
   trace::AddTraceCommand(app, raw.options.trace);
   try {

@@ -19,18 +19,25 @@ void AddShow(CLI::App& command, TraceOptions& options) {
   show->add_flag("--bytes", options.bytes,
                  "Below each line of text the bytes, with their place in the stream");
   show->add_flag("--log", options.log, "The log among the lines of text");
+  show->footer(
+      "Examples:\n"
+      "  peripheralctl trace show update.trace --bytes --log\n"
+      "  peripheralctl trace show update.trace --format svg > chart.svg\n");
   show->callback([&options] { options.action = TraceOptions::Action::Show; });
 }
 
 void AddReplay(CLI::App& command, TraceOptions& options) {
-  CLI::App* replay = command.add_subcommand("replay",
-                                            "Run the module against the device's side of a trace, and tell "
-                                            "where the run departs from the recorded one. "
-                                            "Neither a device nor the files are needed");
+  CLI::App* replay =
+      command.add_subcommand("replay",
+                             "Run the module against the device's side of a trace, and tell where the run "
+                             "departs from the recorded one. Neither a device nor the files are needed");
   replay->add_option("FILE", options.file, "The trace")->required();
   replay->add_flag("--fast", options.fast,
                    "Leave out what the device paused for less than 4 s, which no host notices");
   replay->add_option("--module", options.library, "The module's shared library")->type_name("PATH");
+  replay->footer(
+      "Examples:\n"
+      "  peripheralctl trace replay update.trace --fast\n");
   replay->callback([&options] { options.action = TraceOptions::Action::Replay; });
 }
 
@@ -39,6 +46,10 @@ void AddReplay(CLI::App& command, TraceOptions& options) {
 void AddTraceCommand(CLI::App& app, TraceOptions& options) {
   CLI::App* command = app.add_subcommand("trace", "Show or replay a trace, as 'update --trace' records it");
   command->require_subcommand(1);
+  command->footer(
+      "Examples:\n"
+      "  peripheralctl trace show update.trace\n"
+      "  peripheralctl trace replay update.trace\n");
   AddShow(*command, options);
   AddReplay(*command, options);
 }

