@@ -64,6 +64,7 @@ class FileReader {
       ReadModuleKey(key, value);
     } else if (FindPropertyKey(key) != nullptr) {
       Fault(value, fmt::format("'{}' belongs under [{}].", key, kPropertiesTable));
+      iConfiguration.misread.emplace(key);
     } else {
       AddUnknownKey(value, key, {kLibraryKey, kFeatureIdKey, kModuleTable, kPropertiesTable, kDigestsTable});
     }
@@ -107,6 +108,8 @@ class FileReader {
     }
     if (const std::optional<std::string> text = ReadValue(*key, value)) {
       iConfiguration.properties[key->name] = *text;
+    } else {
+      iConfiguration.misread.insert(key->name);
     }
   }
 
@@ -116,6 +119,7 @@ class FileReader {
       AddUnknownKey(value, name, names);
       return;
     }
+    iConfiguration.digests[std::string(name)] = "";
     std::optional<std::string> digits = ReadText(name, value);
     if (!digits) {
       return;
@@ -237,11 +241,17 @@ std::optional<std::string> ReadWholeFile(const std::string& path, Faults& faults
   return text;
 }
 
+Configuration Unknown() {
+  Configuration unknown;
+  unknown.isKnown = false;
+  return unknown;
+}
+
 }  // namespace
 
 Configuration ReadConfiguration(const std::string& path, Faults& faults) {
   const std::optional<std::string> text = ReadWholeFile(path, faults);
-  return text ? ParseConfiguration(*text, path, faults) : Configuration();
+  return text ? ParseConfiguration(*text, path, faults) : Unknown();
 }
 
 Configuration ParseConfiguration(const std::string& text, const std::string& path, Faults& faults) {
@@ -251,7 +261,7 @@ Configuration ParseConfiguration(const std::string& text, const std::string& pat
     faults.push_back(
         {ErrorCode::ConfigInvalid, fmt::format("{}:{}:{}: this is not valid TOML: {}.", path, at.line,
                                                at.column, result.error().description())});
-    return {};
+    return Unknown();
   }
   return FileReader(path, faults).Read(result.table());
 }
@@ -269,6 +279,7 @@ void ApplySetting(const std::string& setting, Configuration& configuration, Faul
     return;
   }
   configuration.properties[key] = setting.substr(equals + 1);
+  configuration.misread.erase(key);
 }
 
 }  // namespace host

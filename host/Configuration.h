@@ -2,6 +2,7 @@
 
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -10,7 +11,8 @@
 
 namespace host {
 
-/// The SHA-256 that a file must have, in lower-case hexadecimal digits, by the property that names the file.
+/// The SHA-256 that a file must have, in lower-case hexadecimal digits, by the property that names the file;
+/// empty where what stands there is none.
 using DigestMap = std::map<std::string, std::string>;
 
 /// What the host is told from outside: which module to load, under which feature id, with which properties.
@@ -20,10 +22,12 @@ struct Configuration {
   std::optional<std::string> featureId;
   PropertyMap properties;
   DigestMap digests;
+  bool isKnown = true;                 ///< false: there is a file, of which nothing could be read
+  std::set<std::string> misread = {};  ///< properties that are given a value which cannot be
 
   bool operator==(const Configuration& other) const {
     return library == other.library && featureId == other.featureId && properties == other.properties &&
-           digests == other.digests;
+           digests == other.digests && misread == other.misread;
   }
 };
 

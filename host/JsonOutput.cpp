@@ -168,6 +168,12 @@ void JsonOutput::OnPorts(const std::vector<Port>& ports) {
   WriteUntouched(iOut, "succeeded", ExitCode::Success, {});
 }
 
+void JsonOutput::OnFiles(const std::vector<CheckedFile>& files) {
+  for (const CheckedFile& file : files) {
+    Write(iOut, "file", {{"key", file.key}, {"path", file.path}, {"digest", file.isCompared}});
+  }
+}
+
 void JsonOutput::OnFaults(const Faults& faults) {
   for (const Fault& fault : faults) {
     Write(iOut, "error", ErrorFields(fault.code, fault.text));

@@ -69,8 +69,7 @@ bool IsSerialPort(int descriptor) {
 // The checks share what they find: the faults, and the keys that the listed peripherals need.
 class Checker {
  public:
-  Checker(const PropertyMap& properties, const DigestRules& digests)
-      : iProperties(properties), iDigests(digests) {}
+  Checker(const PropertyMap& properties, const CheckRules& rules) : iProperties(properties), iRules(rules) {}
 
   Faults Check() {
     CheckList();
@@ -86,6 +85,9 @@ class Checker {
     const auto list = iProperties.find(kUpdateListKey);
     if (list == iProperties.end()) {
       iListFaulty = true;
+      if (iRules.misread.count(kUpdateListKey) != 0) {
+        return;
+      }
       Fault(ErrorCode::PropertyMissing, "{}: missing; say which peripherals to update, known are {}.",
             kUpdateListKey, KnownEntries());
       return;
@@ -133,7 +135,8 @@ class Checker {
   void CheckRequiredKeys() {
     std::vector<std::string> missing;
     for (const PropertyKey& key : PropertyKeys()) {
-      if (iRequired.count(key.name) != 0 && iProperties.count(key.name) == 0) {
+      if (iRequired.count(key.name) != 0 && iProperties.count(key.name) == 0 &&
+          iRules.misread.count(key.name) == 0) {
         missing.emplace_back(key.name);
       }
     }
@@ -219,13 +222,20 @@ class Checker {
   }
 
   void CheckDigest(const char* key, const std::string& path) {
-    const auto expected = iDigests.expected.find(key);
-    if (expected == iDigests.expected.end()) {
-      if (iDigests.required) {
+    const auto expected = iRules.expected.find(key);
+    const bool isCompared = expected != iRules.expected.end() && !expected->second.empty();
+    if (iRules.files != nullptr) {
+      iRules.files->push_back({key, path, isCompared});
+    }
+    if (expected == iRules.expected.end()) {
+      if (iRules.required) {
         Fault(ErrorCode::DigestMissing,
               "{}: the file '{}' has no digest. Add {} under [sha256] in the configuration file.", key, path,
               key);
       }
+      return;
+    }
+    if (!isCompared) {
       return;
     }
     const std::optional<std::string> actual = Sha256Of(path);
@@ -234,8 +244,7 @@ class Checker {
     } else if (*actual != expected->second) {
       Fault(ErrorCode::DigestWrong,
             "{}: the file '{}' is not the right one: its SHA-256 is {}, but [sha256] says {}. Fetch it "
-            "again, or "
-            "correct the digest.",
+            "again, or correct the digest.",
             key, path, *actual, expected->second);
     }
   }
@@ -328,7 +337,7 @@ class Checker {
   }
 
   const PropertyMap& iProperties;
-  const DigestRules& iDigests;
+  const CheckRules& iRules;
   std::set<std::string> iRequired;
   bool iListFaulty = false;
   Faults iFaults;
@@ -336,8 +345,17 @@ class Checker {
 
 }  // namespace
 
-Faults CheckProperties(const PropertyMap& properties, const DigestRules& digests) {
-  return Checker(properties, digests).Check();
+std::string Describe(const std::vector<CheckedFile>& files) {
+  std::string text;
+  for (const CheckedFile& file : files) {
+    text += fmt::format("{}: the file '{}' was compared with {} digest.\n", file.key, file.path,
+                        file.isCompared ? "its" : "no");
+  }
+  return text;
+}
+
+Faults CheckProperties(const PropertyMap& properties, const CheckRules& rules) {
+  return Checker(properties, rules).Check();
 }
 
 }  // namespace host

@@ -1,20 +1,39 @@
 #pragma once
 
+#include <set>
+#include <string>
+#include <vector>
+
 #include "Configuration.h"
+#include "Fault.h"
 
 namespace host {
 
-/// Which digests files must have.
-struct DigestRules {
-  DigestMap expected;
-  bool required = false;  ///< each file that is sent must have one
+/// A file that is to be sent, and whether there was a digest to compare it with.
+struct CheckedFile {
+  std::string key;
+  std::string path;
+  bool isCompared;
+};
+
+/// The files in sentences for people, one a line.
+std::string Describe(const std::vector<CheckedFile>& files);
+
+/// What a check knows besides the properties, and what it leaves behind.
+struct CheckRules {
+  DigestMap expected = {};  ///< digests
+  bool required = false;    ///< each file that is sent must have one
+  std::set<std::string> misread =
+      {};  ///< properties of which it was told that they have no value that can be
+  std::vector<CheckedFile>* files = nullptr;  ///< gets the files that can be sent; null for nobody
 };
 
 /// Checks the module's properties before the module sees them, as a person wants them checked: the update
 /// list (an empty one is fine), the keys that its entries need, the files, the speed, the port, the
-/// addresses, and that each file is the one that its digest stands for. Returns all faults at once, none when
-/// the module may be asked. Reads the files that have a digest; opens the port as the module will, sends
-/// nothing, leaves its settings as they are and closes it again, which may move its modem lines.
-Faults CheckProperties(const PropertyMap& properties, const DigestRules& digests = {});
+/// addresses, and that each file is the one that its digest stands for. A digest that is empty was told of
+/// before. Returns all faults at once, none when the module may be asked. Reads the files that have a digest;
+/// opens the port as the module will, sends nothing, leaves its settings as they are and closes it again,
+/// which may move its modem lines.
+Faults CheckProperties(const PropertyMap& properties, const CheckRules& rules = {});
 
 }  // namespace host

@@ -124,6 +124,10 @@ void ProgressDisplay::OnPorts(const std::vector<Port>& ports) {
   iOut << DescribePorts(ports) << std::flush;
 }
 
+void ProgressDisplay::OnFiles(const std::vector<CheckedFile>& files) {
+  iOut << Describe(files) << std::flush;
+}
+
 void ProgressDisplay::OnFaults(const Faults& faults) {
   for (const Fault& fault : faults) {
     iErr << "peripheralctl: " << fault.text << std::endl;

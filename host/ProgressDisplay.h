@@ -31,6 +31,7 @@ class ProgressDisplay : public Output {
   void OnStep(const DeviceStep& step) override;
   void OnSentBytes(const SentBytes& sent, const Pace& pace) override;
   void OnPorts(const std::vector<Port>& ports) override;
+  void OnFiles(const std::vector<CheckedFile>& files) override;
   void OnFaults(const Faults& faults) override;
   void OnWarning(const std::string& text) override;
   void OnRefusal(const Faults& faults, ExitCode exitCode) override;

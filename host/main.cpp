@@ -44,6 +44,7 @@ Configuration Gather(const Options& options, Faults& faults) {
           "--trust-config.",
           options.configFile, *why);
       faults.push_back({ErrorCode::ConfigUntrusted, text});
+      configuration.isKnown = false;
       return configuration;
     }
     configuration = ReadConfiguration(options.configFile, faults);
@@ -80,12 +81,19 @@ ExitCode Refuse(const Options& options, Output& output, const Faults& faults, Ex
   return exitCode;
 }
 
-// A file that was not understood would only look as if its properties were missing.
-bool IsUnderstood(const Faults& faults) {
-  return std::none_of(faults.begin(), faults.end(), [](const Fault& fault) {
-    return fault.code == ErrorCode::ConfigUnreadable || fault.code == ErrorCode::ConfigInvalid ||
-           fault.code == ErrorCode::ConfigUntrusted;
-  });
+// Adds to the faults of a configuration those of what it says. Where nothing of it is known it would only
+// look as if properties were missing.
+void Check(const Options& options, const Configuration& configuration, Output& output, Faults& faults) {
+  if (!configuration.isKnown || (configuration.properties.empty() && !faults.empty())) {
+    return;
+  }
+  std::vector<CheckedFile> files;
+  const Faults more = CheckProperties(configuration.properties, {configuration.digests, options.requireDigest,
+                                                                 configuration.misread, &files});
+  faults.insert(faults.end(), more.begin(), more.end());
+  if (options.goal == Goal::Prepare) {
+    output.OnFiles(files);
+  }
 }
 
 std::string DefaultLibrary() {
@@ -190,11 +198,10 @@ ExitCode Execute(Options options) {
   const std::unique_ptr<Output> output = MakeOutput(options.json, properties);
   const SourceFiles files(properties);
   const Faults unfit = CheckOutputs(options, Library(options, configuration), files);
-  if (!IsUnderstood(faults)) {
-    return Refuse(options, *output, faults, ExitCodeOf(faults));
-  }
-  faults = CheckProperties(properties, {configuration.digests, options.requireDigest});
-  if (!faults.empty() && options.goal == Goal::Update) {
+  // The module would be asked for something else than what was meant.
+  const bool isMisread = !faults.empty();
+  Check(options, configuration, *output, faults);
+  if (isMisread || (!faults.empty() && options.goal == Goal::Update)) {
     return Refuse(options, *output, faults, ExitCodeOf(faults));
   }
   if (!unfit.empty()) {

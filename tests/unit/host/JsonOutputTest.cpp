@@ -189,6 +189,13 @@ TEST_F(JsonOutputTest, APortIsToldWithAllThatIsKnown) {
   }
 }
 
+TEST_F(JsonOutputTest, AFileIsToldWithOrWithoutADigest) {
+  iOutput.OnFiles({{"xmodemsource-image", "/i", true}, {"xmodemsource-loader", "/l", false}});
+  EXPECT_EQ(Lines(),
+            (json{{{"event", "file"}, {"key", "xmodemsource-image"}, {"path", "/i"}, {"digest", true}},
+                  {{"event", "file"}, {"key", "xmodemsource-loader"}, {"path", "/l"}, {"digest", false}}}));
+}
+
 TEST_F(JsonOutputTest, AWarningChangesNothing) {
   iOutput.OnWarning("the log is incomplete");
   EXPECT_EQ(Line(), (json{{"event", "warning"}, {"text", "the log is incomplete"}}));

@@ -504,6 +504,32 @@ TEST_F(Peripheralctl, APreparationShowsEveryFaultAndBesidesWhatTheModuleLogs) {
                               "  - Cannot use serial port /dev/fake: another program holds it\n")));
 }
 
+TEST_F(Peripheralctl, AFaultyConfigurationHidesNoOtherFaults) {
+  for (const char* command : {"prepare", "update"}) {
+    const std::vector<std::string> arguments =
+        Command(command, "succeeds", {"--set", "xmodemportname=/dev/nope"});
+    std::ofstream(iFolder.Path("config.toml"), std::ios::app)
+        << "xmodemsped = 1\n[sha256]\nxmodemsource-image = \"zz\"\n";
+    Process process(arguments, ErrorFile());
+    EXPECT_EQ(process.Wait(), 3);
+    EXPECT_THAT(process.Err(),
+                AllOf(HasSubstr("unknown key 'xmodemsped'; did you mean 'xmodemspeed'?"),
+                      HasSubstr("'xmodemsource-image' must be the 64 hexadecimal digits"),
+                      HasSubstr("cannot find the port \"/dev/nope\""), Not(HasSubstr("missing"))));
+    EXPECT_THAT(process.Out(), Not(HasSubstr("Preparing")));
+  }
+}
+
+TEST_F(Peripheralctl, APreparationSaysWhichFilesHaveADigest) {
+  Process process(Command("prepare", "succeeds"), ErrorFile());
+  EXPECT_EQ(process.Wait(), 0);
+  EXPECT_THAT(process.Out(), HasSubstr("xmodemsource-image: the file '" + iFolder.Path("image") +
+                                       "' was compared with no digest.\n"));
+  Process update(Command("update", "succeeds"), ErrorFile());
+  EXPECT_EQ(update.Wait(), 0);
+  EXPECT_THAT(update.Out(), Not(HasSubstr("digest")));
+}
+
 TEST_F(Peripheralctl, APreparationFailsWhateverTheModuleSays) {
   Process process(Command("prepare", "succeeds", {"--require-digest"}), ErrorFile());
   EXPECT_EQ(process.Wait(), 10);

@@ -25,8 +25,8 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
 
-std::vector<std::string> CheckedTexts(const PropertyMap& properties, const host::DigestRules& digests = {}) {
-  return Texts(host::CheckProperties(properties, digests));
+std::vector<std::string> CheckedTexts(const PropertyMap& properties, const host::CheckRules& rules = {}) {
+  return Texts(host::CheckProperties(properties, rules));
 }
 
 class Preflight : public testing::Test {
@@ -209,6 +209,23 @@ TEST_F(Preflight, EachFileThatIsSentMustHaveADigestWhenThatIsRequired) {
                   "' has no digest. Add xmodemsource-loader under [sha256] in the configuration file."));
   iGood["updatelist"] = "sanyoxmodem";
   EXPECT_THAT(CheckedTexts(iGood, {{{"xmodemsource-image", kDigestOfI}}, true}), IsEmpty());
+}
+
+TEST_F(Preflight, WhatWasToldOfTheConfigurationIsNotToldAgain) {
+  EXPECT_THAT(CheckedTexts({{"xmodemspeed", "9600"}}, {{}, false, {"updatelist"}}), IsEmpty());
+  iGood.erase("xmodemspeed");
+  EXPECT_THAT(CheckedTexts(iGood, {{}, false, {"xmodemspeed"}}), IsEmpty());
+  iGood["xmodemspeed"] = "9600";
+  const host::DigestMap malformed = {{"xmodemsource-image", ""}, {"xmodemsource-loader", kDigestOfL}};
+  EXPECT_THAT(CheckedTexts(iGood, {malformed, true}), IsEmpty());
+}
+
+TEST_F(Preflight, FilesAreKnownWithOrWithoutADigest) {
+  std::vector<host::CheckedFile> files;
+  EXPECT_THAT(CheckedTexts(iGood, {{{"xmodemsource-image", kDigestOfI}}, false, {}, &files}), IsEmpty());
+  EXPECT_EQ(host::Describe(files), "xmodemsource-image: the file '" + iGood["xmodemsource-image"] +
+                                       "' was compared with its digest.\nxmodemsource-loader: the file '" +
+                                       iGood["xmodemsource-loader"] + "' was compared with no digest.\n");
 }
 
 TEST_F(Preflight, AllFaultsAreReportedAtOnce) {
