@@ -119,7 +119,7 @@ class FileReader {
       AddUnknownKey(value, name, names);
       return;
     }
-    iConfiguration.digests[std::string(name)] = "";
+    iConfiguration.misreadDigests.emplace(name);
     std::optional<std::string> digits = ReadText(name, value);
     if (!digits) {
       return;
@@ -132,6 +132,7 @@ class FileReader {
       return;
     }
     iConfiguration.digests[std::string(name)] = *digits;
+    iConfiguration.misreadDigests.erase(std::string(name));
   }
 
   std::optional<std::string> ReadValue(const PropertyKey& key, const toml::node& value) {

@@ -11,8 +11,7 @@
 
 namespace host {
 
-/// The SHA-256 that a file must have, in lower-case hexadecimal digits, by the property that names the file;
-/// empty where what stands there is none.
+/// The SHA-256 that a file must have, in lower-case hexadecimal digits, by the property that names the file.
 using DigestMap = std::map<std::string, std::string>;
 
 /// What the host is told from outside: which module to load, under which feature id, with which properties.
@@ -22,12 +21,14 @@ struct Configuration {
   std::optional<std::string> featureId;
   PropertyMap properties;
   DigestMap digests;
-  bool isKnown = true;                 ///< false: there is a file, of which nothing could be read
-  std::set<std::string> misread = {};  ///< properties that are given a value which cannot be
+  bool isKnown = true;                        ///< false: there is a file, of which nothing could be read
+  std::set<std::string> misread = {};         ///< properties that are given a value which cannot be
+  std::set<std::string> misreadDigests = {};  ///< files that are given a digest which cannot be
 
+  /// The same is said; what could not be understood of it does not count.
   bool operator==(const Configuration& other) const {
     return library == other.library && featureId == other.featureId && properties == other.properties &&
-           digests == other.digests && misread == other.misread;
+           digests == other.digests;
   }
 };
 

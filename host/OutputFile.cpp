@@ -40,7 +40,7 @@ std::string Begin(int file, const OutputKind& kind) {
   if (S_ISCHR(status.st_mode) && isatty(file) == 0) {
     return "";
   }
-  if (const std::string why = WhyUnfit(status); !why.empty()) {
+  if (std::string why = WhyUnfit(status); !why.empty()) {
     return why;
   }
   const bool isReady =

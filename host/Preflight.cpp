@@ -223,19 +223,16 @@ class Checker {
 
   void CheckDigest(const char* key, const std::string& path) {
     const auto expected = iRules.expected.find(key);
-    const bool isCompared = expected != iRules.expected.end() && !expected->second.empty();
+    const bool isCompared = expected != iRules.expected.end();
     if (iRules.files != nullptr) {
       iRules.files->push_back({key, path, isCompared});
     }
-    if (expected == iRules.expected.end()) {
-      if (iRules.required) {
+    if (!isCompared) {
+      if (iRules.required && iRules.misreadDigests.count(key) == 0) {
         Fault(ErrorCode::DigestMissing,
               "{}: the file '{}' has no digest. Add {} under [sha256] in the configuration file.", key, path,
               key);
       }
-      return;
-    }
-    if (!isCompared) {
       return;
     }
     const std::optional<std::string> actual = Sha256Of(path);

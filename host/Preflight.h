@@ -21,19 +21,18 @@ std::string Describe(const std::vector<CheckedFile>& files);
 
 /// What a check knows besides the properties, and what it leaves behind.
 struct CheckRules {
-  DigestMap expected = {};  ///< digests
-  bool required = false;    ///< each file that is sent must have one
-  std::set<std::string> misread =
-      {};  ///< properties of which it was told that they have no value that can be
+  DigestMap expected = {};                    ///< digests
+  bool required = false;                      ///< each file that is sent must have one
+  std::set<std::string> misread = {};         ///< properties with a value that was told of as none
+  std::set<std::string> misreadDigests = {};  ///< files with a digest that was told of as none
   std::vector<CheckedFile>* files = nullptr;  ///< gets the files that can be sent; null for nobody
 };
 
 /// Checks the module's properties before the module sees them, as a person wants them checked: the update
 /// list (an empty one is fine), the keys that its entries need, the files, the speed, the port, the
-/// addresses, and that each file is the one that its digest stands for. A digest that is empty was told of
-/// before. Returns all faults at once, none when the module may be asked. Reads the files that have a digest;
-/// opens the port as the module will, sends nothing, leaves its settings as they are and closes it again,
-/// which may move its modem lines.
+/// addresses, and that each file is the one that its digest stands for. Returns all faults at once, none when
+/// the module may be asked. Reads the files that have a digest; opens the port as the module will, sends
+/// nothing, leaves its settings as they are and closes it again, which may move its modem lines.
 Faults CheckProperties(const PropertyMap& properties, const CheckRules& rules = {});
 
 }  // namespace host

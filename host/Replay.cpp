@@ -171,8 +171,7 @@ class ReplayDisplay final : public ProgressDisplay {
     if (verdict.departs) {
       std::cout << fmt::format(
           "The module, or the trace, is another than it was: 'peripheralctl trace show --bytes {}' shows "
-          "what "
-          "was recorded up to there.\n",
+          "what was recorded up to there.\n",
           iTrace);
     }
     std::cout << std::flush;

@@ -88,8 +88,9 @@ void Check(const Options& options, const Configuration& configuration, Output& o
     return;
   }
   std::vector<CheckedFile> files;
-  const Faults more = CheckProperties(configuration.properties, {configuration.digests, options.requireDigest,
-                                                                 configuration.misread, &files});
+  const Faults more = CheckProperties(configuration.properties,
+                                      {configuration.digests, options.requireDigest, configuration.misread,
+                                       configuration.misreadDigests, &files});
   faults.insert(faults.end(), more.begin(), more.end());
   if (options.goal == Goal::Prepare) {
     output.OnFiles(files);
