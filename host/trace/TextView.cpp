@@ -46,10 +46,10 @@ std::string TransfersOf(const Dialogue& dialogue) {
   }
   std::string text = "\nTransfers (begin and length in seconds):\n";
   for (const Transfer& transfer : dialogue.transfers) {
-    text += fmt::format("{:>{}}  {:<6}  {}: {} bytes in {} blocks, {} sent again, {} s, {}\n",
+    text += fmt::format("{:>{}}  {:<6}  {}: {} bytes in {} {}, {} sent again, {} s, {}\n",
                         Seconds(transfer.begin_us), kTimeWidth, trace::Name(transfer.sender), transfer.Name(),
-                        transfer.size, transfer.blocks, transfer.resent,
-                        Seconds(transfer.end_us - transfer.begin_us), Name(transfer.result));
+                        transfer.size, transfer.blocks, transfer.blocks == 1 ? "block" : "blocks",
+                        transfer.resent, Seconds(transfer.end_us - transfer.begin_us), Name(transfer.result));
   }
   return text;
 }

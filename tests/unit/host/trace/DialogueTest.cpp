@@ -214,7 +214,7 @@ TEST(TraceText, ShowsTimesBytesAndTransfers) {
   EXPECT_THAT(text, HasSubstr("\n         128          00 00 00 2c 43\n"));
   EXPECT_THAT(text, testing::EndsWith(
                         "\nTransfers (begin and length in seconds):\n    0.020000  host    command \"wr "
-                        "1000\": 128 bytes in 1 blocks, 0 sent again, 0.030000 s, complete\n"));
+                        "1000\": 128 bytes in 1 block, 0 sent again, 0.030000 s, complete\n"));
 }
 
 TEST(TraceChart, HasAnArrowForEachStepAndNoMarkupOfTheDevice) {
