@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -60,12 +61,7 @@ std::string WriteNew(const std::string& path, mode_t mode, std::string_view cont
   if (file < 0) {
     return Reason();
   }
-  std::string why;
-  while (why.empty() && !content.empty()) {
-    const ssize_t count = write(file, content.data(), content.size());
-    content.remove_prefix(count > 0 ? static_cast<std::size_t>(count) : 0);
-    why = count < 0 && errno != EINTR ? Reason() : "";
-  }
+  std::string why = WriteAll(file, content) ? "" : Reason();
   why = close(file) != 0 && why.empty() ? Reason() : why;
   if (!why.empty()) {
     unlink(path.c_str());
@@ -94,6 +90,21 @@ std::string WhyNoRoom(const std::string& path, mode_t mode) {
 
 }  // namespace
 
+bool WriteAll(int file, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t count = write(file, bytes.data(), bytes.size());
+    if (count >= 0) {
+      bytes.remove_prefix(static_cast<std::size_t>(count));
+    } else if (errno == EAGAIN) {
+      pollfd room = {file, POLLOUT, 0};
+      poll(&room, 1, -1);
+    } else if (errno != EINTR) {
+      return false;
+    }
+  }
+  return true;
+}
+
 OutputFile::~OutputFile() {
   Close();
 }
@@ -111,14 +122,9 @@ std::string OutputFile::Open(const std::string& path, const OutputKind& kind) {
 }
 
 void OutputFile::Write(std::string_view bytes) {
-  while (iFile >= 0 && !bytes.empty()) {
-    const ssize_t count = write(iFile, bytes.data(), bytes.size());
-    if (count >= 0) {
-      bytes.remove_prefix(static_cast<std::size_t>(count));
-    } else if (errno != EINTR) {
-      iFault = fmt::format("{} is incomplete: {}. Is the disk full?", iName, Reason());
-      Close();
-    }
+  if (iFile >= 0 && !WriteAll(iFile, bytes)) {
+    iFault = fmt::format("{} is incomplete: {}. Is the disk full?", iName, Reason());
+    Close();
   }
 }
 

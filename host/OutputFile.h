@@ -24,6 +24,10 @@ constexpr OutputKind kLogFile = {"log file", "--log-file", 0644, true};
 constexpr OutputKind kTraceFile = {"trace", "--trace", 0600, false};
 constexpr OutputKind kReportFile = {"report", "--report", 0644, false};
 
+/// Writes all of it, and waits for room also where the descriptor is set not to wait. False, with errno, when
+/// it takes no more.
+bool WriteAll(int file, std::string_view bytes);
+
 /// A file that is written piece by piece without a buffer, so that killing the program loses nothing that was
 /// written. One thread at a time.
 class OutputFile {

@@ -9,6 +9,8 @@
 #include <iostream>
 #include <string_view>
 
+#include "OutputFile.h"
+
 namespace host {
 
 namespace {
@@ -45,9 +47,29 @@ void HoldStandardStreams() {
   }
 }
 
+PatientOutput::PatientOutput() : iBefore(std::cout.rdbuf(this)) {
+  setp(iBytes.data(), iBytes.data() + iBytes.size());
+}
+
+PatientOutput::~PatientOutput() {
+  std::cout.flush();
+  std::cout.rdbuf(iBefore);
+}
+
+int PatientOutput::sync() {
+  const std::string_view bytes(pbase(), static_cast<std::size_t>(pptr() - pbase()));
+  setp(iBytes.data(), iBytes.data() + iBytes.size());
+  return WriteAll(STDOUT_FILENO, bytes) ? 0 : -1;
+}
+
+PatientOutput::int_type PatientOutput::overflow(int_type letter) {
+  const bool hasRoom = sync() == 0 && !traits_type::eq_int_type(letter, traits_type::eof());
+  return hasRoom ? sputc(traits_type::to_char_type(letter)) : traits_type::eof();
+}
+
 bool FlushStandardOutput() {
   pollfd reader = {STDOUT_FILENO, 0, 0};
-  const bool isGone = poll(&reader, 1, 0) == 1 && (reader.revents & POLLERR) != 0;
+  const bool isGone = poll(&reader, 1, 0) == 1 && (reader.revents & (POLLERR | POLLHUP)) != 0;
   return (std::cout << std::flush).good() || isGone;
 }
 

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <array>
+#include <streambuf>
+
 #include "ProgressDisplay.h"
 
 namespace host {
@@ -10,6 +13,23 @@ Look LookOfStandardOutput();
 /// Sees to it that the descriptors of the standard streams are taken, so that nothing that is opened later, a
 /// port for one, gets what is written there. Call it before anything is opened.
 void HoldStandardStreams();
+
+/// While it lives, what std::cout gets waits for room on standard output, also where another program that
+/// shares it has set it not to wait.
+class PatientOutput final : private std::streambuf {
+ public:
+  PatientOutput();
+  PatientOutput(const PatientOutput&) = delete;
+  PatientOutput& operator=(const PatientOutput&) = delete;
+  ~PatientOutput() override;
+
+ private:
+  int sync() override;
+  int_type overflow(int_type letter) override;
+
+  std::streambuf* const iBefore;
+  std::array<char, 4096> iBytes = {};
+};
 
 /// Writes out what standard output holds back. False when something of all that was written to it is lost,
 /// unless because its reader has gone.

@@ -253,6 +253,7 @@ int main(int argc, char** argv) {
   // A reader of our output that goes away must not end an update half-way.
   std::signal(SIGPIPE, SIG_IGN);
   HoldStandardStreams();
+  const PatientOutput patience;
   try {
     return static_cast<int>(WithOutput(Main(argc, argv)));
   } catch (const std::exception& error) {

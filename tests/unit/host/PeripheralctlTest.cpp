@@ -3,6 +3,7 @@
 // read from a pipe or a pseudo-terminal, or left in a pipe that is full from the start.
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -45,7 +46,16 @@ bool Soon(const std::function<bool()>& happened) {
 }
 
 // Where a program's outputs go: standard error to a file unless both go to the full pipe.
-enum class Output { Pipe, Terminal, FullPipe, FullPipeForBoth, FullDisk, None };
+enum class Output {
+  Pipe,
+  Socket,
+  Terminal,
+  FullPipe,
+  FullPipeWithoutWaiting,
+  FullPipeForBoth,
+  FullDisk,
+  None
+};
 
 // The program while it runs.
 class Process {
@@ -58,10 +68,7 @@ class Process {
       argv.push_back(argument.data());
     }
     argv.push_back(nullptr);
-    const int out = output == Output::Terminal ? OpenTerminal()
-                    : output == Output::FullDisk
-                        ? open("/dev/full", O_WRONLY | O_CLOEXEC)
-                        : OpenPipe(output == Output::FullPipe || output == Output::FullPipeForBoth);
+    const int out = Open(output);
     const int error = open(iErrorFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     iPid = fork();
     if (iPid == 0) {
@@ -130,21 +137,46 @@ class Process {
   std::string Err() const { return ContentOf(iErrorFile); }
 
  private:
-  int OpenPipe(bool full) {
+  int Open(Output output) {
+    switch (output) {
+      case Output::Terminal:
+        return OpenTerminal();
+      case Output::FullDisk:
+        return open("/dev/full", O_WRONLY | O_CLOEXEC);
+      case Output::FullPipe:
+      case Output::FullPipeForBoth:
+        return Fill(OpenPipe(), 0);
+      case Output::FullPipeWithoutWaiting:
+        return Fill(OpenPipe(), O_NONBLOCK);
+      case Output::Socket:
+        return OpenSocket();
+      case Output::Pipe:
+      case Output::None:
+        break;
+    }
+    return OpenPipe();
+  }
+
+  int OpenPipe() {
     int ends[2] = {-1, -1};
     EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
     iOutput = ends[0];
-    if (full) {
-      Fill(ends[1]);
-    }
     return ends[1];
   }
 
-  static void Fill(int pipe) {
+  int OpenSocket() {
+    int ends[2] = {-1, -1};
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    iOutput = ends[0];
+    return ends[1];
+  }
+
+  static int Fill(int pipe, int flags) {
     fcntl(pipe, F_SETFL, O_NONBLOCK);
     while (write(pipe, "x", 1) == 1) {
     }
-    fcntl(pipe, F_SETFL, 0);
+    fcntl(pipe, F_SETFL, flags);
+    return pipe;
   }
 
   int OpenTerminal() {
@@ -358,11 +390,22 @@ TEST_F(Peripheralctl, AnAbortWithoutAnAnswerIsGivenUp) {
 }
 
 TEST_F(Peripheralctl, AReaderThatGoesAwayDoesNotEndTheUpdate) {
+  for (const Output output : {Output::Pipe, Output::Socket, Output::Terminal}) {
+    const std::string log = iFolder.Path("log" + std::to_string(static_cast<int>(output)));
+    Process process(Command("update", "succeeds", {"--log-file", log}), ErrorFile(), output);
+    process.CloseOutput();
+    EXPECT_EQ(process.Wait(), 0) << process.Err();
+    EXPECT_THAT(ContentOf(log), HasSubstr("SWL: Finished upload in fake"));
+  }
+}
+
+TEST_F(Peripheralctl, AnOutputThatIsFullAndSetNotToWaitIsWaitedForAllTheSame) {
   const std::string log = iFolder.Path("log");
-  Process process(Command("update", "succeeds", {"--log-file", log}), ErrorFile());
-  process.CloseOutput();
-  EXPECT_EQ(process.Wait(), 0);
-  EXPECT_THAT(ContentOf(log), HasSubstr("SWL: Finished upload in fake"));
+  Process process(Command("update", "succeeds", {"--log-file", log}), ErrorFile(),
+                  Output::FullPipeWithoutWaiting);
+  ASSERT_TRUE(Soon([&] { return ContentOf(log).find("SWL: Finished upload in fake") != std::string::npos; }));
+  EXPECT_EQ(process.Wait(), 0) << process.Err();
+  EXPECT_THAT(process.Out(), AllOf(HasSubstr("xPreparing: "), EndsWith("The update has succeeded.\n")));
 }
 
 TEST_F(Peripheralctl, WhatCouldNotBeSaidIsNoSuccess) {
