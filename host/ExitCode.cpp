@@ -63,6 +63,8 @@ ExitCode ExitCodeOf(ErrorCode code) {
       return ExitCode::WrongDigest;
     case ErrorCode::ConfigUntrusted:
       return ExitCode::ConfigUntrusted;
+    case ErrorCode::BadUsage:
+      return ExitCode::BadUsage;
     default:
       return ExitCode::BadConfiguration;
   }

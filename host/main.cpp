@@ -115,11 +115,14 @@ ExitCode ExecuteTrace(const trace::TraceOptions& options) {
                       options.fast);
 }
 
-ExitCode ExecuteRecorded(UpdateRun& run, const Options& options) {
+ExitCode ExecuteRecorded(UpdateRun& run, Options& options) {
   RunRecording recording({options.traceFile, options.reportFile}, run.properties);
   if (const std::string fault = recording.Open(); !fault.empty()) {
     return Refuse(options, run.output, {{ErrorCode::BadUsage, fault}}, ExitCode::BadUsage);
   }
+  // What is recorded makes way for no refusal any more.
+  options.traceFile.clear();
+  options.reportFile.clear();
   run.companion = &recording;
   return run.Execute();
 }
@@ -159,7 +162,7 @@ Faults CheckOutputs(Options& options, const std::string& library, const SourceFi
 }
 
 // The module is asked to prepare even if faults are known, so that its log can be seen beside them.
-ExitCode Run(const Options& options, const Configuration& configuration, const SourceFiles& files,
+ExitCode Run(Options& options, const Configuration& configuration, const SourceFiles& files,
              const Faults& faults, Output& output) {
   OutputFile logFile;
   OutputStream lines(logFile);
@@ -185,7 +188,7 @@ ExitCode Run(const Options& options, const Configuration& configuration, const S
   return isRecorded ? ExecuteRecorded(run, options) : run.Execute();
 }
 
-ExitCode Execute(Options options) {
+ExitCode Execute(Options& options) {
   if (options.trace.action != trace::TraceOptions::Action::None) {
     return ExecuteTrace(options.trace);
   }
@@ -200,13 +203,11 @@ ExitCode Execute(Options options) {
   const SourceFiles files(properties);
   const Faults unfit = CheckOutputs(options, Library(options, configuration), files);
   // The module would be asked for something else than what was meant.
-  const bool isMisread = !faults.empty();
+  const bool isMisread = !faults.empty() || !unfit.empty();
   Check(options, configuration, *output, faults);
+  faults.insert(faults.end(), unfit.begin(), unfit.end());
   if (isMisread || (!faults.empty() && options.goal == Goal::Update)) {
     return Refuse(options, *output, faults, ExitCodeOf(faults));
-  }
-  if (!unfit.empty()) {
-    return Refuse(options, *output, unfit, ExitCode::BadUsage);
   }
   if (faults.empty() && properties.at(kUpdateListKey).empty()) {
     const RunResult result = {options.goal, Outcome::NothingToUpdate, false, {}};
@@ -233,16 +234,23 @@ ExitCode WithOutput(ExitCode exitCode) {
   return exitCode == ExitCode::Success ? ExitCode::OutputLost : exitCode;
 }
 
-ExitCode Main(int argc, const char* const* argv) {
-  const CommandLine line = ParseCommandLine(argc, argv, std::cout);
+// Ends the program before or outside of a run. People who watch a program that reads JSON are told too.
+ExitCode Fail(const Options& options, bool isForPrograms, const Fault& fault, ExitCode exitCode) {
+  if (isForPrograms) {
+    std::cerr << "peripheralctl: " << fault.text << std::endl;
+  }
+  return Refuse(options, *MakeOutput(isForPrograms, {}), {fault}, exitCode);
+}
+
+ExitCode Main(int argc, const char* const* argv, CommandLine& line) {
+  line = ParseCommandLine(argc, argv, std::cout);
   if (line.isAnswered) {
     return ExitCode::Success;
   }
   if (line.fault.empty()) {
     return Execute(line.options);
   }
-  const std::unique_ptr<Output> output = MakeOutput(IsForPrograms(argc, argv), {});
-  Refuse(line.options, *output, {{ErrorCode::BadUsage, line.fault}}, ExitCode::BadUsage);
+  Fail(line.options, IsForPrograms(argc, argv), {ErrorCode::BadUsage, line.fault}, ExitCode::BadUsage);
   std::cerr << "Run 'peripheralctl --help' for the usage.\n";
   return ExitCode::BadUsage;
 }
@@ -254,13 +262,11 @@ int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
   HoldStandardStreams();
   const PatientOutput patience;
+  CommandLine line;
   try {
-    return static_cast<int>(WithOutput(Main(argc, argv)));
+    return static_cast<int>(WithOutput(Main(argc, argv, line)));
   } catch (const std::exception& error) {
-    std::cerr << "peripheralctl: internal error: " << error.what() << std::endl;
-    if (IsForPrograms(argc, argv)) {
-      Refuse({}, *MakeOutput(true, {}), {{ErrorCode::Internal, error.what()}}, ExitCode::Internal);
-    }
-    return static_cast<int>(ExitCode::Internal);
+    const Fault fault = {ErrorCode::Internal, fmt::format("internal error: {}", error.what())};
+    return static_cast<int>(Fail(line.options, IsForPrograms(argc, argv), fault, ExitCode::Internal));
   }
 }

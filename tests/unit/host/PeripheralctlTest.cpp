@@ -497,6 +497,20 @@ TEST_F(Peripheralctl, NoOutputGoesIntoAFileThatIsSentNorTwoIntoOne) {
             "peripheralctl: '" + other + "' is written already; choose another after --trace.\n");
 }
 
+TEST_F(Peripheralctl, AFaultyConfigurationHidesNoFaultOfTheOutputs) {
+  const std::string report = iFolder.Path("report.html");
+  const std::string image = iFolder.Path("image");
+  Process process(Command("update", "succeeds",
+                          {"--set", "bogus=1", "--log-file", report, "--report", report, "--trace", image}),
+                  ErrorFile());
+  EXPECT_EQ(process.Wait(), 3);
+  EXPECT_THAT(process.Err(),
+              AllOf(HasSubstr("unknown key 'bogus'"), HasSubstr("'" + image + "' is a file that is sent"),
+                    HasSubstr("'" + report + "' is written already")));
+  EXPECT_EQ(ContentOf(image), "image");
+  EXPECT_FALSE(std::filesystem::exists(report));
+}
+
 TEST_F(Peripheralctl, ABadConfigurationIsRefused) {
   Process missing({"update", "--config", "/nowhere/c.toml"}, ErrorFile());
   EXPECT_EQ(missing.Wait(), 3);
@@ -626,7 +640,9 @@ TEST_F(Peripheralctl, BadUsageIsToldToProgramsWithItsReason) {
   std::istringstream lines(process.Out());
   std::string line;
   ASSERT_TRUE(std::getline(lines, line));
-  EXPECT_THAT(nlohmann::json::parse(line).value("message", ""), HasSubstr("--bogus"));
+  const std::string reason = nlohmann::json::parse(line).value("message", "");
+  EXPECT_THAT(reason, HasSubstr("--bogus"));
+  EXPECT_EQ(process.Err(), "peripheralctl: " + reason + "\nRun 'peripheralctl --help' for the usage.\n");
   ASSERT_TRUE(std::getline(lines, line));
   const auto result = nlohmann::json::parse(line);
   EXPECT_EQ(result.value("code", ""), "bad-usage");
@@ -680,6 +696,20 @@ TEST_F(WhatIsLeft, OfARefusedRunIsATraceThatHoldsItsEndAlone) {
     EXPECT_THAT(ContentOf(trace), HasSubstr(std::to_string(exitCode) + " The run was refused"));
     EXPECT_LT(ContentOf(trace).size(), 100u) << code;
     EXPECT_EQ(Process({"trace", "show", trace}, ErrorFile()).Wait(), 0);
+  }
+}
+
+TEST_F(WhatIsLeft, OfAnInternalErrorIsNoEarlierReport) {
+  for (const std::vector<std::string>& more : {std::vector<std::string>{}, {"--json"}}) {
+    const std::string report = Old("report.json", {"--report"});
+    const std::string trace = Old("trace", {"--trace"});
+    std::vector<std::string> all = {"--report", report, "--trace", trace};
+    all.insert(all.end(), more.begin(), more.end());
+    Process process(Command("update", "throws", all), ErrorFile());
+    EXPECT_EQ(process.Wait(), 1);
+    EXPECT_EQ(process.Err(), "peripheralctl: internal error: the module threw this\n");
+    EXPECT_THAT(ContentOf(report) + ContentOf(trace), Not(HasSubstr("The update has succeeded.")));
+    EXPECT_THAT(ContentOf(trace), Not(HasSubstr("The run was refused"))) << "it may have begun";
   }
 }
 

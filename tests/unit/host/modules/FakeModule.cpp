@@ -2,6 +2,7 @@
 #include <chrono>
 #include <cstring>
 #include <fstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
@@ -128,5 +129,8 @@ extern "C" const char* FeatureType() {
 
 extern "C" IFeatureModule2* FeatureCreate2(const TFeatureId& featureId, IInterfaceBroker& /*interfaceBroker*/,
                                            IEventBroker& eventBroker, const IFeatureProperties& properties) {
+  if (featureId == "throws") {
+    throw std::runtime_error("the module threw this");
+  }
   return featureId == "makes-nothing" ? nullptr : new FakeModule(featureId, eventBroker, properties);
 }
