@@ -29,12 +29,14 @@ constexpr std::string_view kSuccess = "000";
 struct Symptom {
   std::string_view text;  ///< the line begins with it
   ErrorCode code;
-  const char* what;  ///< for people; the line itself when it is null
+  const char* what;            ///< for people; the line itself when it is null
+  std::string_view also = "";  ///< the line holds it, too
 };
 
 constexpr Symptom kSymptoms[] = {
     {"Received serial port error", ErrorCode::PortLost, "the port failed"},
     {"Failed writing[", ErrorCode::PortLost, "the port takes no more bytes"},
+    {"Serial port ", ErrorCode::PortUnusable, nullptr, " cannot do "},
     {"Serial port ", ErrorCode::PortLost, nullptr},
     {"Cannot use serial port ", ErrorCode::PortUnusable, nullptr},
     {"Error creating serialport", ErrorCode::PortUnusable, "the port could not be set up"},
@@ -75,11 +77,11 @@ std::int64_t Number(std::string_view text) {
   return number;
 }
 
-// A wait that ends because the port is gone, or because it is given up, looks like silence; and a file is
-// also said to be unusable when only its receiver does not start.
+// A wait that ends because the port is gone, or because it is given up, looks like silence; a file is also
+// said to be unusable when only its receiver does not start; and why a port cannot be used is told first.
 bool Outweighs(ErrorCode before, ErrorCode now) {
   return now == ErrorCode::FileUnusable || before == ErrorCode::Stalled ||
-         (before == ErrorCode::PortLost && now != ErrorCode::PortLost);
+         before == ErrorCode::PortUnusable || (before == ErrorCode::PortLost && now != ErrorCode::PortLost);
 }
 
 }  // namespace
@@ -210,8 +212,9 @@ void LogFollower::TakeAnswer(const std::string& answer) {
 
 void LogFollower::BlameFor(const logging::TLine& line) {
   const auto* const symptom =
-      std::find_if(std::begin(kSymptoms), std::end(kSymptoms),
-                   [&line](const Symptom& known) { return StartsWith(line.message, known.text); });
+      std::find_if(std::begin(kSymptoms), std::end(kSymptoms), [&text = line.message](const Symptom& known) {
+        return StartsWith(text, known.text) && text.find(known.also) != std::string_view::npos;
+      });
   if (symptom != std::end(kSymptoms)) {
     Blame(symptom->code, symptom->what != nullptr ? symptom->what : logging::Printable(line.message));
   }

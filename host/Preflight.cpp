@@ -10,12 +10,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <limits>
+#include <optional>
 #include <set>
 #include <string_view>
 #include <system_error>
 
 #include "Digest.h"
 #include "Groups.h"
+#include "LineSpeed.h"
 #include "Peripherals.h"
 
 namespace host {
@@ -54,6 +56,16 @@ std::string KnownEntries() {
     known.push_back(fmt::format("\"{}\" ({})", kind.entry, kind.device));
   }
   return fmt::format("{}", fmt::join(known, " and "));
+}
+
+// Nothing when it is none that the module takes.
+std::optional<TUint32> SpeedOf(const std::string& text) {
+  constexpr std::size_t kMaxDigits = 10;
+  const bool digits = !text.empty() && std::all_of(text.begin(), text.end(), IsDigit);
+  const long long speed_bps = digits && text.size() <= kMaxDigits ? std::stoll(text) : 0;
+  return speed_bps >= kMinSpeed_bps && speed_bps <= kMaxSpeed_bps
+             ? std::make_optional(static_cast<TUint32>(speed_bps))
+             : std::nullopt;
 }
 
 std::string Reason() {
@@ -247,11 +259,8 @@ class Checker {
   }
 
   void CheckSpeed(const char* key, const std::string& speed) {
-    constexpr std::size_t kMaxDigits = 10;
-    const bool digits = !speed.empty() && std::all_of(speed.begin(), speed.end(), IsDigit);
-    const bool readable = digits && speed.size() <= kMaxDigits;
-    const long long speed_bps = readable ? std::stoll(speed) : 0;
-    if (speed_bps < kMinSpeed_bps || speed_bps > kMaxSpeed_bps) {
+    iSpeed_bps = SpeedOf(speed);
+    if (!iSpeed_bps) {
       Fault(ErrorCode::PropertyInvalid,
             "{} \"{}\": must be a whole number of bit/s, digits only, from {} up, such as 115200.", key,
             speed, kMinSpeed_bps);
@@ -275,7 +284,7 @@ class Checker {
     }
   }
 
-  // As the module will open it, without waiting and without changing its settings.
+  // As the module will open it, but without waiting, and with its settings as they were afterwards.
   void CheckDevice(const char* key, const std::string& port, const struct stat& status) {
     const int descriptor = open(port.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (descriptor < 0) {
@@ -286,8 +295,20 @@ class Checker {
       FaultOfNoSerialPort(key, port);
     } else if (flock(descriptor, LOCK_EX | LOCK_NB) != 0) {
       FaultOfPortInUse(key, port);
+    } else if (iSpeed_bps) {
+      CheckSpeedOf(descriptor, key, port);
     }
     close(descriptor);
+  }
+
+  // A driver says only when it is tried which speeds it can do.
+  void CheckSpeedOf(int descriptor, const char* key, const std::string& port) {
+    if (const auto offered = platform::SpeedOfferedInsteadOf(*iSpeed_bps, descriptor)) {
+      Fault(ErrorCode::PortUnusable,
+            "{}: the port '{}' cannot do {} bit/s, its driver offers {}; choose another speed or another "
+            "adapter.",
+            key, port, *iSpeed_bps, *offered);
+    }
   }
 
   void FaultOfOpening(const char* key, const std::string& port, const struct stat& status) {
@@ -337,6 +358,7 @@ class Checker {
   const CheckRules& iRules;
   std::set<std::string> iRequired;
   bool iListFaulty = false;
+  std::optional<TUint32> iSpeed_bps;  ///< known before the port is looked at
   Faults iFaults;
 };
 
@@ -345,8 +367,8 @@ class Checker {
 std::string Describe(const std::vector<CheckedFile>& files) {
   std::string text;
   for (const CheckedFile& file : files) {
-    text += fmt::format("{}: the file '{}' was compared with {} digest.\n", file.key, file.path,
-                        file.isCompared ? "its" : "no");
+    text += fmt::format("{}: the file '{}' {}.\n", file.key, file.path,
+                        file.isCompared ? "was compared with its digest" : "has no digest");
   }
   return text;
 }

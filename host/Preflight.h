@@ -31,8 +31,9 @@ struct CheckRules {
 /// Checks the module's properties before the module sees them, as a person wants them checked: the update
 /// list (an empty one is fine), the keys that its entries need, the files, the speed, the port, the
 /// addresses, and that each file is the one that its digest stands for. Returns all faults at once, none when
-/// the module may be asked. Reads the files that have a digest; opens the port as the module will, sends
-/// nothing, leaves its settings as they are and closes it again, which may move its modem lines.
+/// the module may be asked. Reads the files that have a digest; opens the port as the module will, has its
+/// driver try the speed, sends nothing, puts its settings back and closes it again, which may move its modem
+/// lines.
 Faults CheckProperties(const PropertyMap& properties, const CheckRules& rules = {});
 
 }  // namespace host

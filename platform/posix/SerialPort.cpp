@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <system_error>
 
@@ -21,6 +22,7 @@
 #include "Flusher.h"
 #include "ISerialPort.h"
 #include "LineObserver.h"
+#include "LineSpeed.h"
 #include "Logging.h"
 #include "Observation.h"
 #include "SeldomShared.h"
@@ -468,15 +470,20 @@ int OpenDevice(const std::string& name) {
   return RetryInterrupted([&] { return ::open(name.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC); });
 }
 
+void SetSpeed(termios2& line, TUint32 speed) {
+  line.c_cflag = (line.c_cflag & ~static_cast<tcflag_t>(CBAUD | CIBAUD)) | BOTHER;
+  line.c_ispeed = speed;
+  line.c_ospeed = speed;
+}
+
 // Raw 8N1: no character means anything to the driver, and with VMIN 1 a hang-up differs from "nothing
 // arrived". Without HUPCL, DTR does not fall when the port is closed, which would reset many a board.
 void MakeRaw(termios2& line, const TSettings& settings) {
   line.c_iflag = 0;
   line.c_oflag = 0;
   line.c_lflag = 0;
-  line.c_cflag = BOTHER | CS8 | CREAD | CLOCAL | (settings.hardwareFlowControl ? CRTSCTS : 0u);
-  line.c_ispeed = settings.speed;
-  line.c_ospeed = settings.speed;
+  line.c_cflag = CS8 | CREAD | CLOCAL | (settings.hardwareFlowControl ? CRTSCTS : 0u);
+  SetSpeed(line, settings.speed);
   line.c_cc[VMIN] = 1;
   line.c_cc[VTIME] = 0;
 }
@@ -626,4 +633,17 @@ ISerialPort* ISerialPort::Create(const TChr* name, TInt32 speed, TBool hardwareF
 platform::ILineObserver* platform::SetLineObserver(ILineObserver* observer) {
   CPortTable::Instance().Flush();
   return CObservation::Instance().Replace(observer);
+}
+
+std::optional<TUint32> platform::SpeedOfferedInsteadOf(TUint32 speed, int line) {
+  termios2 before{};
+  if (::ioctl(line, TCGETS2, &before) == -1 || IsNear(before.c_ospeed, speed)) {
+    return std::nullopt;
+  }
+  termios2 tried = before;
+  SetSpeed(tried, speed);
+  const bool isTried = ::ioctl(line, TCSETS2, &tried) == 0 && ::ioctl(line, TCGETS2, &tried) == 0;
+  ::ioctl(line, TCSETS2, &before);
+  return isTried && !IsNear(tried.c_ospeed, speed) ? std::make_optional<TUint32>(tried.c_ospeed)
+                                                   : std::nullopt;
 }

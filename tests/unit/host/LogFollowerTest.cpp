@@ -131,6 +131,9 @@ constexpr Failure kFailures[] = {
     {"Failed writing[1]. retVal = 5", logging::EError, "port-lost"},
     {"Serial port /dev/x is lost: hung up; plug the adapter in and start again", logging::EError,
      "port-lost"},
+    {"Serial port /dev/x took only 1 of 2 bytes in 5000 ms; is the device on?", logging::EError, "port-lost"},
+    {"Serial port /dev/x cannot do 9 bit/s, its driver offers 8; choose another speed", logging::EError,
+     "port-unusable"},
     {"Cannot use serial port /dev/x: y", logging::EError, "port-unusable"},
     {"Error creating serialport /dev/x 115200", logging::EError, "port-unusable"},
     {"Too many NAKs has been received while processing the reply", logging::EError, "too-many-naks"},
@@ -177,6 +180,14 @@ TEST_F(LogFollowerTest, WhatAFailureDragsAlongDoesNotHideIt) {
   EXPECT_EQ(Why().substr(0, 9), "port-lost");
   Take("Serial port /dev/x is lost: hung up", logging::EError);
   EXPECT_EQ(Why(), "port-lost | CAN controller, wr 1000, loader.bin: Serial port /dev/x is lost: hung up");
+}
+
+TEST_F(LogFollowerTest, WhyAPortCannotBeUsedIsToldByTheFirstLine) {
+  Take("SWL: Starting upload in PeripheralLoader", logging::EAlways);
+  Take("Serial port /dev/x cannot do 9 bit/s", logging::EError);
+  Take("Error creating serialport /dev/x 9", logging::EError);
+  EXPECT_EQ(Why(),
+            "port-unusable | CAN controller, before the first step: Serial port /dev/x cannot do 9 bit/s");
 }
 
 TEST_F(LogFollowerTest, WhatWasMendedIsNoCause) {

@@ -580,8 +580,8 @@ TEST_F(Peripheralctl, AFaultyConfigurationHidesNoOtherFaults) {
 TEST_F(Peripheralctl, APreparationSaysWhichFilesHaveADigest) {
   Process process(Command("prepare", "succeeds"), ErrorFile());
   EXPECT_EQ(process.Wait(), 0);
-  EXPECT_THAT(process.Out(), HasSubstr("xmodemsource-image: the file '" + iFolder.Path("image") +
-                                       "' was compared with no digest.\n"));
+  EXPECT_THAT(process.Out(),
+              HasSubstr("xmodemsource-image: the file '" + iFolder.Path("image") + "' has no digest.\n"));
   Process update(Command("update", "succeeds"), ErrorFile());
   EXPECT_EQ(update.Wait(), 0);
   EXPECT_THAT(update.Out(), Not(HasSubstr("digest")));

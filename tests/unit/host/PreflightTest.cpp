@@ -12,6 +12,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "OneSpeedDriver.h"
 #include "PseudoTerminal.h"
 #include "TemporaryFolder.h"
 #include "Texts.h"
@@ -225,7 +226,7 @@ TEST_F(Preflight, FilesAreKnownWithOrWithoutADigest) {
   EXPECT_THAT(CheckedTexts(iGood, {{{"xmodemsource-image", kDigestOfI}}, false, {}, {}, &files}), IsEmpty());
   EXPECT_EQ(host::Describe(files), "xmodemsource-image: the file '" + iGood["xmodemsource-image"] +
                                        "' was compared with its digest.\nxmodemsource-loader: the file '" +
-                                       iGood["xmodemsource-loader"] + "' was compared with no digest.\n");
+                                       iGood["xmodemsource-loader"] + "' has no digest.\n");
 }
 
 TEST_F(Preflight, AllFaultsAreReportedAtOnce) {
@@ -270,6 +271,25 @@ TEST_F(Preflight, APortThatAnotherProgramHoldsIsNamedAndFreeAfterwards) {
   EXPECT_THAT(CheckedTexts(iGood), IsEmpty());
   EXPECT_EQ(flock(holder, LOCK_EX | LOCK_NB), 0);
   close(holder);
+}
+
+TEST_F(Preflight, ASpeedThatThePortsDriverDoesNotDoIsNamedAndTheSettingsArePutBack) {
+  const int port = open(iPort.Name().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+  termios before = {};
+  ASSERT_EQ(tcgetattr(port, &before), 0);
+  {
+    const OneSpeedDriver driver(9600);
+    EXPECT_THAT(
+        CheckedTexts(With("xmodemspeed", "921601")),
+        ElementsAre("xmodemportname: the port '" + iPort.Name() +
+                    "' cannot do 921601 bit/s, its driver offers 9600; choose another speed or another "
+                    "adapter."));
+    EXPECT_THAT(CheckedTexts(With("xmodemspeed", "9700")), IsEmpty());
+  }
+  termios after = {};
+  ASSERT_EQ(tcgetattr(port, &after), 0);
+  EXPECT_EQ(std::memcmp(&before, &after, sizeof(before)), 0);
+  close(port);
 }
 
 TEST_F(Preflight, ThePortsSettingsStayAsTheyAre) {
