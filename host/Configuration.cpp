@@ -36,8 +36,9 @@ char LowerCase(char letter) {
 }
 
 std::string UnknownKey(std::string_view where, std::string_view key, const std::vector<std::string>& known) {
-  return fmt::format("{}: unknown key '{}'; did you mean '{}'? Known here: {}.", where, key,
-                     NearestName(key, known), fmt::join(known, ", "));
+  const std::string near = NearestName(key, known);
+  const std::string hint = near.empty() ? "." : fmt::format("; did you mean '{}'?", near);
+  return fmt::format("{}: unknown key '{}'{} Known here: {}.", where, key, hint, fmt::join(known, ", "));
 }
 
 // One pass over a parsed file. Every fault carries the place that the parser remembers for the value.

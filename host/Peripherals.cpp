@@ -87,7 +87,8 @@ std::string NearestName(std::string_view name, const std::vector<std::string>& n
   std::size_t nearestDistance = std::numeric_limits<std::size_t>::max();
   for (const std::string& candidate : names) {
     const std::size_t distance = DistanceOrPiece(name, candidate);
-    if (distance < nearestDistance) {
+    const bool isNear = 2 * distance <= std::max(name.size(), candidate.size());
+    if (isNear && distance < nearestDistance) {
       nearest = candidate;
       nearestDistance = distance;
     }

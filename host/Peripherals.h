@@ -44,8 +44,8 @@ const PeripheralKind* FindPeripheralKind(std::string_view entry);
 /// The key of that name, or null when the module has none.
 const PropertyKey* FindPropertyKey(std::string_view name);
 
-/// The name among `names` that takes the fewest changes of a letter to get from `name`; empty when `names`
-/// is.
+/// The name among `names` that takes the fewest changes of a letter to get from `name`; empty when each takes
+/// more than half of its letters.
 std::string NearestName(std::string_view name, const std::vector<std::string>& names);
 
 /// The names of all property keys.

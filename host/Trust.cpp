@@ -32,10 +32,10 @@ std::optional<std::string> WhyPlaceUntrusted(const std::string& place) {
     return std::nullopt;
   }
   if (status.st_uid != 0) {
-    return fmt::format("'{}' belongs to another user than root", place);
+    return fmt::format("'{0}' belongs to another user than root (chown root '{0}' mends it)", place);
   }
   if (MayBeWrittenByOthers(place, status)) {
-    return fmt::format("others than root may write '{}'", place);
+    return fmt::format("others than root may write '{0}' (chmod go-w '{0}' mends it)", place);
   }
   return std::nullopt;
 }

@@ -40,7 +40,7 @@ Configuration Gather(const Options& options, Faults& faults) {
     const bool doubtful = geteuid() == 0 && !options.trustConfig;
     if (const auto why = doubtful ? WhyUntrusted(options.configFile) : std::nullopt) {
       const std::string text = fmt::format(
-          "{}: root does not follow a configuration that others may change: {}. Mend that, or say "
+          "{}: root does not follow a configuration that others may change: {}. Do that, or say "
           "--trust-config.",
           options.configFile, *why);
       faults.push_back({ErrorCode::ConfigUntrusted, text});

@@ -41,7 +41,8 @@ class Trust : public testing::Test {
 TEST_F(Trust, AFileThatOthersMayWriteIsNot) {
   for (const mode_t mode : {0646u, 0666u}) {
     ASSERT_EQ(chmod(iFile.c_str(), mode), 0);
-    EXPECT_EQ(WhyUntrusted(iFile), "others than root may write '" + iFile + "'");
+    EXPECT_EQ(WhyUntrusted(iFile),
+              "others than root may write '" + iFile + "' (chmod go-w '" + iFile + "' mends it)");
   }
 }
 
@@ -49,7 +50,8 @@ TEST_F(Trust, AGroupCountsUnlessItIsRootsOwn) {
   ASSERT_EQ(chmod(iFile.c_str(), 0664), 0);
   EXPECT_EQ(WhyUntrusted(iFile), std::nullopt);
   ASSERT_EQ(chown(iFile.c_str(), 0, kSomebody), 0);
-  EXPECT_EQ(WhyUntrusted(iFile), "others than root may write '" + iFile + "'");
+  EXPECT_EQ(WhyUntrusted(iFile),
+            "others than root may write '" + iFile + "' (chmod go-w '" + iFile + "' mends it)");
 }
 
 // As "setfacl -m u:65534:rw" leaves it: the kernel keeps a version and records of tag, rights and id.
@@ -69,14 +71,16 @@ TEST_F(Trust, AnAccessListThatLetsSomebodyWriteCountsAsOthers) {
   if (setxattr(iFile.c_str(), "system.posix_acl_access", &list, sizeof(list), 0) != 0 && errno == ENOTSUP) {
     GTEST_SKIP() << "this file system has no access lists";
   }
-  EXPECT_EQ(WhyUntrusted(iFile), "others than root may write '" + iFile + "'");
+  EXPECT_EQ(WhyUntrusted(iFile),
+            "others than root may write '" + iFile + "' (chmod go-w '" + iFile + "' mends it)");
   ASSERT_EQ(chmod(iFile.c_str(), 0644), 0);
   EXPECT_EQ(WhyUntrusted(iFile), std::nullopt);
 }
 
 TEST_F(Trust, AnotherUsersFileIsNot) {
   ASSERT_EQ(chown(iFile.c_str(), kSomebody, 0), 0);
-  EXPECT_EQ(WhyUntrusted(iFile), "'" + iFile + "' belongs to another user than root");
+  EXPECT_EQ(WhyUntrusted(iFile),
+            "'" + iFile + "' belongs to another user than root (chown root '" + iFile + "' mends it)");
 }
 
 TEST_F(Trust, AFolderThatOthersMayChangeIsNotUnlessNamesStay) {
