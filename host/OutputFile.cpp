@@ -55,13 +55,15 @@ std::string CannotWrite(const std::string& path, const OutputKind& kind, const s
                                    path, why, kind.option);
 }
 
-// Returns why the file could not be made; the empty rest of it is then removed.
+// Returns why the file could not be made; what there is of it is then removed. Without fsync the disk might
+// keep the name that it gets, but not the content, when the power is lost.
 std::string WriteNew(const std::string& path, mode_t mode, std::string_view content) {
   const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode);
   if (file < 0) {
     return Reason();
   }
-  std::string why = WriteAll(file, content) ? "" : Reason();
+  const bool isKept = WriteAll(file, content) && (content.empty() || fsync(file) == 0);
+  std::string why = isKept ? "" : Reason();
   why = close(file) != 0 && why.empty() ? Reason() : why;
   if (!why.empty()) {
     unlink(path.c_str());

@@ -58,8 +58,9 @@ class OutputFile {
 /// tried whether another could be made. Returns a fault for people, empty when all is well.
 std::string MakeRoom(const std::string& path, const OutputKind& kind);
 
-/// Writes such a file: beside its place first, so that it is there with all of its content or not at all.
-/// Returns a fault for people, empty when all is well.
+/// Writes such a file: beside its place first, so that it is there with all of its content or not at all,
+/// also after a loss of power. Being killed meanwhile leaves the file beside, with eight digits more in its
+/// name. Returns a fault for people, empty when all is well.
 std::string WriteWhole(const std::string& path, const OutputKind& kind, const std::string& content);
 
 /// Tells whether the file is missing, empty, no regular file, or begins like that: whether it is one that an

@@ -41,6 +41,7 @@ peripheral_test(host_tests LABEL unit TIMEOUT 120
   LIBRARIES host)
 test_starts(host_tests PERIPHERALCTL peripheralctl)
 add_dependencies(host_tests FakeModule WrongTypeModule NoTypeModule NoCreateModule)
+target_link_options(host_tests PRIVATE -Wl,--wrap=fsync)
 target_compile_definitions(host_tests PRIVATE
   DOCUMENTS="${PROJECT_SOURCE_DIR}/docs"
   UDEV_RULES="${PROJECT_SOURCE_DIR}/packaging/78-peripheral-loader.rules"

@@ -7,12 +7,28 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <sstream>
 
 #include "TemporaryFolder.h"
+
+namespace {
+
+// What stands in for the disk: answers the error of a file that is to be kept, 0 for none.
+std::function<int(off_t size)> disk;
+
+}  // namespace
+
+// The name is the linker's: --wrap=fsync sends calls of fsync here.
+extern "C" int __wrap_fsync(int file) {
+  struct stat status = {};
+  errno = fstat(file, &status) != 0 ? errno : disk ? disk(status.st_size) : 0;
+  return errno == 0 ? 0 : -1;
+}
 
 namespace {
 
@@ -118,6 +134,22 @@ TEST_F(OutputFile, ThatComesAsAWholeReplacesTheOneBeforeAndLeavesNothingBeside) 
   EXPECT_EQ(ContentOf(path), "new");
   EXPECT_EQ(ModeOf(path), 0644u);
   EXPECT_EQ(FilesInFolder(), 1);
+}
+
+TEST_F(OutputFile, ThatComesAsAWholeIsOnTheDiskBeforeItHasItsName) {
+  const std::string path = iFolder.Path("report");
+  off_t kept = 0;
+  disk = [&](off_t size) {
+    kept = size;
+    return std::filesystem::exists(path) ? EEXIST : 0;
+  };
+  EXPECT_EQ(host::WriteWhole(path, host::kReportFile, "new"), "");
+  EXPECT_EQ(kept, 3);
+  disk = [](off_t /*size*/) { return EIO; };
+  EXPECT_THAT(host::WriteWhole(iFolder.Path("other"), host::kReportFile, "new"),
+              HasSubstr("Input/output error"));
+  EXPECT_EQ(FilesInFolder(), 1);
+  disk = nullptr;
 }
 
 TEST_F(OutputFile, ThatComesAsAWholeTakesNoLinkNoFolderAndNobodyElsesPlace) {
