@@ -30,7 +30,7 @@ class Output : public UpdateListener {
   virtual void OnSentBytes(const SentBytes& sent, const Pace& pace) = 0;
   /// The ports that there are: all that such a run tells.
   virtual void OnPorts(const std::vector<Port>& ports) = 0;
-  /// The files that are sent, each compared with a digest or not.
+  /// The files that can be sent, each what its digest stands for or without one.
   virtual void OnFiles(const std::vector<CheckedFile>& files) = 0;
   /// What is wrong and keeps the update from being begun.
   virtual void OnFaults(const Faults& faults) = 0;

@@ -83,13 +83,13 @@ class Checker {
  public:
   Checker(const PropertyMap& properties, const CheckRules& rules) : iProperties(properties), iRules(rules) {}
 
-  Faults Check() {
+  Findings Check() {
     CheckList();
     CheckRequiredKeys();
     for (const PropertyKey& key : PropertyKeys()) {
       CheckValueIfUsed(key);
     }
-    return iFaults;
+    return {iFaults, iFiles};
   }
 
  private:
@@ -235,16 +235,8 @@ class Checker {
 
   void CheckDigest(const char* key, const std::string& path) {
     const auto expected = iRules.expected.find(key);
-    const bool isCompared = expected != iRules.expected.end();
-    if (iRules.files != nullptr) {
-      iRules.files->push_back({key, path, isCompared});
-    }
-    if (!isCompared) {
-      if (iRules.required && iRules.misreadDigests.count(key) == 0) {
-        Fault(ErrorCode::DigestMissing,
-              "{}: the file '{}' has no digest. Add {} under [sha256] in the configuration file.", key, path,
-              key);
-      }
+    if (expected == iRules.expected.end()) {
+      CheckWithoutDigest(key, path);
       return;
     }
     const std::optional<std::string> actual = Sha256Of(path);
@@ -255,6 +247,21 @@ class Checker {
             "{}: the file '{}' is not the right one: its SHA-256 is {}, but [sha256] says {}. Fetch it "
             "again, or correct the digest.",
             key, path, *actual, expected->second);
+    } else {
+      iFiles.push_back({key, path, true});
+    }
+  }
+
+  void CheckWithoutDigest(const char* key, const std::string& path) {
+    if (iRules.misreadDigests.count(key) != 0) {
+      return;
+    }
+    if (iRules.required) {
+      Fault(ErrorCode::DigestMissing,
+            "{}: the file '{}' has no digest. Add {} under [sha256] in the configuration file.", key, path,
+            key);
+    } else {
+      iFiles.push_back({key, path, false});
     }
   }
 
@@ -360,6 +367,7 @@ class Checker {
   bool iListFaulty = false;
   std::optional<TUint32> iSpeed_bps;  ///< known before the port is looked at
   Faults iFaults;
+  std::vector<CheckedFile> iFiles;
 };
 
 }  // namespace
@@ -373,7 +381,7 @@ std::string Describe(const std::vector<CheckedFile>& files) {
   return text;
 }
 
-Faults CheckProperties(const PropertyMap& properties, const CheckRules& rules) {
+Findings CheckProperties(const PropertyMap& properties, const CheckRules& rules) {
   return Checker(properties, rules).Check();
 }
 

@@ -9,31 +9,36 @@
 
 namespace host {
 
-/// A file that is to be sent, and whether there was a digest to compare it with.
+/// A file that can be sent: it is what its digest stands for, or has none.
 struct CheckedFile {
   std::string key;
   std::string path;
-  bool isCompared;
+  bool isCompared;  ///< with its digest
 };
 
 /// The files in sentences for people, one a line.
 std::string Describe(const std::vector<CheckedFile>& files);
 
-/// What a check knows besides the properties, and what it leaves behind.
+/// What a check knows besides the properties.
 struct CheckRules {
   DigestMap expected = {};                    ///< digests
   bool required = false;                      ///< each file that is sent must have one
   std::set<std::string> misread = {};         ///< properties with a value that was told of as none
   std::set<std::string> misreadDigests = {};  ///< files with a digest that was told of as none
-  std::vector<CheckedFile>* files = nullptr;  ///< gets the files that can be sent; null for nobody
+};
+
+/// What a check has found.
+struct Findings {
+  Faults faults;
+  std::vector<CheckedFile> files;
 };
 
 /// Checks the module's properties before the module sees them, as a person wants them checked: the update
 /// list (an empty one is fine), the keys that its entries need, the files, the speed, the port, the
-/// addresses, and that each file is the one that its digest stands for. Returns all faults at once, none when
+/// addresses, and that each file is the one that its digest stands for. Finds all faults at once, none when
 /// the module may be asked. Reads the files that have a digest; opens the port as the module will, has its
 /// driver try the speed, sends nothing, puts its settings back and closes it again, which may move its modem
 /// lines.
-Faults CheckProperties(const PropertyMap& properties, const CheckRules& rules = {});
+Findings CheckProperties(const PropertyMap& properties, const CheckRules& rules = {});
 
 }  // namespace host

@@ -206,7 +206,7 @@ ExitCode Replay(const std::string& name, const std::string& library, bool fast) 
   }
   const Scratch scratch;
   const PropertyMap properties = Rebuild(trace::Understand(trace), scratch, player.PortName());
-  if (const Faults faults = CheckProperties(properties); !faults.empty()) {
+  if (const Faults faults = CheckProperties(properties).faults; !faults.empty()) {
     std::cerr << "peripheralctl: the trace does not tell what is needed for a run: " << faults.front().text
               << std::endl;
     return ExitCode::TraceBroken;

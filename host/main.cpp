@@ -87,13 +87,12 @@ void Check(const Options& options, const Configuration& configuration, Output& o
   if (!configuration.isKnown || (configuration.properties.empty() && !faults.empty())) {
     return;
   }
-  std::vector<CheckedFile> files;
-  const Faults more = CheckProperties(configuration.properties,
-                                      {configuration.digests, options.requireDigest, configuration.misread,
-                                       configuration.misreadDigests, &files});
-  faults.insert(faults.end(), more.begin(), more.end());
+  const Findings found = CheckProperties(
+      configuration.properties,
+      {configuration.digests, options.requireDigest, configuration.misread, configuration.misreadDigests});
+  faults.insert(faults.end(), found.faults.begin(), found.faults.end());
   if (options.goal == Goal::Prepare) {
-    output.OnFiles(files);
+    output.OnFiles(found.files);
   }
 }
 

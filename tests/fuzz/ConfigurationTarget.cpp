@@ -94,7 +94,7 @@ void CheckPreflight(host::PropertyMap properties) {
     value = InScratch(key, value);
   }
   // There is neither a file nor a port; only who wants nothing updated needs none.
-  const host::Faults faults = host::CheckProperties(properties);
+  const host::Faults faults = host::CheckProperties(properties).faults;
   const auto list = properties.find(host::kUpdateListKey);
   const bool isNothing = list != properties.end() && list->second.empty();
   Promise(isNothing || !faults.empty(), "the checks find nothing to complain of");

@@ -109,7 +109,7 @@ std::vector<const host::PeripheralKind*> ListedKinds(const host::PropertyMap& pr
 
 // The port is a plain file here, and only the preflight minds.
 bool PassesThePreflight(const host::PropertyMap& properties) {
-  const host::Faults faults = host::CheckProperties(properties);
+  const host::Faults faults = host::CheckProperties(properties).faults;
   return std::all_of(faults.begin(), faults.end(), [](const host::Fault& fault) {
     return fault.text.rfind("xmodemportname: '" + Scratch().Path("port") + "' is no serial port;", 0) == 0;
   });

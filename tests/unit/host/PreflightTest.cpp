@@ -24,10 +24,11 @@ using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::StartsWith;
 
 std::vector<std::string> CheckedTexts(const PropertyMap& properties, const host::CheckRules& rules = {}) {
-  return Texts(host::CheckProperties(properties, rules));
+  return Texts(host::CheckProperties(properties, rules).faults);
 }
 
 class Preflight : public testing::Test {
@@ -222,11 +223,20 @@ TEST_F(Preflight, WhatWasToldOfTheConfigurationIsNotToldAgain) {
 }
 
 TEST_F(Preflight, FilesAreKnownWithOrWithoutADigest) {
-  std::vector<host::CheckedFile> files;
-  EXPECT_THAT(CheckedTexts(iGood, {{{"xmodemsource-image", kDigestOfI}}, false, {}, {}, &files}), IsEmpty());
-  EXPECT_EQ(host::Describe(files), "xmodemsource-image: the file '" + iGood["xmodemsource-image"] +
-                                       "' was compared with its digest.\nxmodemsource-loader: the file '" +
-                                       iGood["xmodemsource-loader"] + "' has no digest.\n");
+  const host::Findings found = host::CheckProperties(iGood, {{{"xmodemsource-image", kDigestOfI}}});
+  EXPECT_EQ(host::Describe(found.files),
+            "xmodemsource-image: the file '" + iGood["xmodemsource-image"] +
+                "' was compared with its digest.\nxmodemsource-loader: the file '" +
+                iGood["xmodemsource-loader"] + "' has no digest.\n");
+}
+
+TEST_F(Preflight, AFileWithAFaultOfItsDigestIsNotAmongThoseThatWereCompared) {
+  const host::CheckRules rules[] = {
+      {{{"xmodemsource-image", kDigestOfL}}}, {{}, true}, {{}, false, {}, {"xmodemsource-image"}}};
+  for (const host::CheckRules& rule : rules) {
+    EXPECT_THAT(host::Describe(host::CheckProperties(iGood, rule).files),
+                Not(HasSubstr("xmodemsource-image")));
+  }
 }
 
 TEST_F(Preflight, AllFaultsAreReportedAtOnce) {
