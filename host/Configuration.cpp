@@ -67,7 +67,8 @@ class FileReader {
       Fault(value, fmt::format("'{}' belongs under [{}].", key, kPropertiesTable));
       iConfiguration.misread.emplace(key);
     } else {
-      AddUnknownKey(value, key, {kLibraryKey, kFeatureIdKey, kModuleTable, kPropertiesTable, kDigestsTable});
+      MisreadTable(AddUnknownKey(
+          value, key, {kLibraryKey, kFeatureIdKey, kModuleTable, kPropertiesTable, kDigestsTable}));
     }
   }
 
@@ -76,10 +77,22 @@ class FileReader {
     const toml::table* table = node.as_table();
     if (table == nullptr) {
       Fault(node, fmt::format("'{0}' must be a table: write [{0}] on a line of its own.", name));
+      MisreadTable(name);
       return;
     }
     for (const auto& [key, value] : *table) {
       readKey(key.str(), value);
+    }
+  }
+
+  // What such a table was to say is not missing for that.
+  void MisreadTable(std::string_view table) {
+    if (table == kPropertiesTable) {
+      const std::vector<std::string> names = PropertyKeyNames();
+      iConfiguration.misread.insert(names.begin(), names.end());
+    } else if (table == kDigestsTable) {
+      const std::vector<std::string> names = FileKeyNames();
+      iConfiguration.misreadDigests.insert(names.begin(), names.end());
     }
   }
 
@@ -104,7 +117,7 @@ class FileReader {
   void ReadProperty(std::string_view name, const toml::node& value) {
     const PropertyKey* key = FindPropertyKey(name);
     if (key == nullptr) {
-      AddUnknownKey(value, name, PropertyKeyNames());
+      iConfiguration.misread.insert(AddUnknownKey(value, name, PropertyKeyNames()));
       return;
     }
     if (const std::optional<std::string> text = ReadValue(*key, value)) {
@@ -117,7 +130,7 @@ class FileReader {
   void ReadDigest(std::string_view name, const toml::node& value) {
     const std::vector<std::string> names = FileKeyNames();
     if (std::find(names.begin(), names.end(), name) == names.end()) {
-      AddUnknownKey(value, name, names);
+      iConfiguration.misreadDigests.insert(AddUnknownKey(value, name, names));
       return;
     }
     iConfiguration.misreadDigests.emplace(name);
@@ -199,8 +212,11 @@ class FileReader {
     iFaults.push_back({ErrorCode::ConfigInvalid, fmt::format("{}: {}", At(value), text)});
   }
 
-  void AddUnknownKey(const toml::node& value, std::string_view key, const std::vector<std::string>& known) {
+  // Returns the name that was probably meant, empty when none is near.
+  std::string AddUnknownKey(const toml::node& value, std::string_view key,
+                            const std::vector<std::string>& known) {
     iFaults.push_back({ErrorCode::ConfigInvalid, UnknownKey(At(value), key, known)});
+    return NearestName(key, known);
   }
 
   std::string iPath;
@@ -278,6 +294,7 @@ void ApplySetting(const std::string& setting, Configuration& configuration, Faul
   const std::string key = setting.substr(0, equals);
   if (FindPropertyKey(key) == nullptr) {
     faults.push_back({ErrorCode::ConfigInvalid, UnknownKey("--set " + setting, key, PropertyKeyNames())});
+    configuration.misread.insert(NearestName(key, PropertyKeyNames()));
     return;
   }
   configuration.properties[key] = setting.substr(equals + 1);

@@ -21,9 +21,9 @@ struct Configuration {
   std::optional<std::string> featureId;
   PropertyMap properties;
   DigestMap digests;
-  bool isKnown = true;                        ///< false: there is a file, of which nothing could be read
-  std::set<std::string> misread = {};         ///< properties that are given a value which cannot be
-  std::set<std::string> misreadDigests = {};  ///< files that are given a digest which cannot be
+  bool isKnown = true;                 ///< false: there is a file, of which nothing could be read
+  std::set<std::string> misread = {};  ///< properties that are given, but not in a way that can be read
+  std::set<std::string> misreadDigests = {};  ///< files whose digest is given like that
 
   /// The same is said; what could not be understood of it does not count.
   bool operator==(const Configuration& other) const {

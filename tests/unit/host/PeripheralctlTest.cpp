@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <functional>
@@ -520,6 +521,34 @@ TEST_F(Peripheralctl, ABadConfigurationIsRefused) {
       ErrorFile());
   EXPECT_EQ(faulty.Wait(), 3);
   EXPECT_THAT(faulty.Err(), AllOf(HasSubstr("peripheralctl: xmodemspeed \"1\""), HasSubstr("\"/dev/nope\"")));
+}
+
+TEST_F(Peripheralctl, WhatOnlyFollowsFromAMistakeInTheConfigurationIsNotTold) {
+  iFolder.File("image", "image");
+  const std::string rest =
+      "updatelist = \"sanyoxmodem\"\nxmodemsource-image = \"image\"\nxmodemportname = \"" + iPort.Name() +
+      "\"\n";
+  const std::string properties = "[properties]\nxmodemspeed = 9600\n" + rest;
+  const std::vector<std::tuple<std::string, std::vector<std::string>, std::string>> mistakes = {
+      {"[properties]\nxmodemsped = 9600\n" + rest, {}, "did you mean 'xmodemspeed'?"},
+      {"[properties]\n" + rest, {"--set", "xmodemsped=1"}, "did you mean 'xmodemspeed'?"},
+      {"[propertys]\n" + rest, {"--set", "updatelist=sanyoxmodem"}, "did you mean 'properties'?"},
+      {"properties = 1", {"--set", "updatelist=sanyoxmodem"}, "'properties' must be a table"},
+      {"sha256 = 1\n" + properties, {"--require-digest"}, "'sha256' must be a table"},
+      {properties + "[sha265]\n", {"--require-digest"}, "did you mean 'sha256'?"},
+      {properties + "[sha256]\nxmodemsource-imag = 1",
+       {"--require-digest"},
+       "did you mean 'xmodemsource-image'?"},
+  };
+  for (const auto& [config, options, mistake] : mistakes) {
+    std::vector<std::string> arguments = {"update", "--config", iFolder.File("faulty.toml", config)};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    Process process(arguments, ErrorFile());
+    EXPECT_EQ(process.Wait(), 3);
+    const std::string told = process.Err();
+    EXPECT_THAT(told, HasSubstr(mistake));
+    EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), 1) << told;
+  }
 }
 
 TEST_F(Peripheralctl, AFileWithoutADigestIsRefusedWhenOneIsRequired) {
