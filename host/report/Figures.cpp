@@ -36,6 +36,9 @@ class Counter {
 
   Figures Count() {
     for (std::size_t i = 0; i < iDialogue.frames.size(); ++i) {
+      if (iDialogue.frames[i].kind != Frame::Kind::Log) {
+        Measure(iDialogue.frames[i]);
+      }
       if (!iDialogue.frames[i].bytes.empty()) {
         Take(i);
       }
@@ -50,15 +53,19 @@ class Counter {
   }
 
  private:
-  void Take(std::size_t index) {
-    const Frame& frame = iDialogue.frames[index];
-    const bool fromHost = frame.side == Side::Host;
-    (fromHost ? iFigures.sent : iFigures.received) += frame.bytes.size();
+  // A device that says nothing more is waited for until the run ends.
+  void Measure(const Frame& frame) {
     if (!iBegin_us) {
       iBegin_us = frame.begin_us;
       iFigures.rate.step_us = StepFor(End_us());
     }
     iFigures.duration_us = std::max(iFigures.duration_us, frame.end_us - *iBegin_us);
+  }
+
+  void Take(std::size_t index) {
+    const Frame& frame = iDialogue.frames[index];
+    const bool fromHost = frame.side == Side::Host;
+    (fromHost ? iFigures.sent : iFigures.received) += frame.bytes.size();
     if (frame.kind == Frame::Kind::Block) {
       TakeBlock(index);
     } else if (frame.kind == Frame::Kind::Ack && !fromHost) {

@@ -26,7 +26,7 @@ struct Retransmission {
 
 /// What is counted of a run.
 struct Figures {
-  std::uint64_t duration_us = 0;   ///< from the opening of the port to the last byte
+  std::uint64_t duration_us = 0;   ///< from the opening of the port to the end of the run
   std::uint64_t sent = 0;          ///< bytes on the line from the host
   std::uint64_t received = 0;      ///< and from the device
   std::uint64_t acknowledged = 0;  ///< data bytes of files that the device has taken

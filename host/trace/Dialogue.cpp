@@ -34,7 +34,7 @@ class Listener {
   void Listen() {
     for (std::size_t i = 0; i < iDialogue.frames.size(); ++i) {
       const Frame& frame = iDialogue.frames[i];
-      if (frame.kind != Frame::Kind::Log && frame.kind != Frame::Kind::End) {
+      if (frame.kind != Frame::Kind::Log) {
         MeasurePause(i);
         Take(i);
       }
@@ -51,10 +51,10 @@ class Listener {
 
   void MeasurePause(std::size_t index) {
     const Frame& frame = iDialogue.frames[index];
-    if (iLast_us && frame.begin_us >= *iLast_us + kPause_us) {
-      iDialogue.pauses.push_back({index, frame.begin_us - *iLast_us});
+    if (frame.begin_us >= iLast_us + kPause_us) {
+      iDialogue.pauses.push_back({index, frame.begin_us - iLast_us});
     }
-    iLast_us = std::max(iLast_us.value_or(0), frame.end_us);
+    iLast_us = std::max(iLast_us, frame.end_us);
   }
 
   void Take(std::size_t index) {
@@ -159,7 +159,7 @@ class Listener {
   std::array<Sending, 2> iSendings;
   std::optional<std::string> iFileFor;  // the address of a "wr" whose file has not begun
   bool iCommanded = false;
-  std::optional<std::uint64_t> iLast_us;
+  std::uint64_t iLast_us = 0;  // the run may begin with a silence
 };
 
 std::map<std::string, std::string> Pairs(std::string_view lines) {

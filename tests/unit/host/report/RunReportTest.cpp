@@ -38,7 +38,7 @@ TEST(Figures, CountWhatCrossedWhatArrivedAndWhatWasSentAgain) {
   EXPECT_EQ(figures.received, 6U);
   EXPECT_EQ(figures.acknowledged, 3U * 128);
   EXPECT_EQ(figures.blocks, 3);
-  EXPECT_EQ(figures.duration_us, 2'090'000U);
+  EXPECT_EQ(figures.duration_us, 2'120'000U);
   EXPECT_EQ(figures.paused_us, 2'000'000U);
   ASSERT_EQ(figures.retransmissions.size(), 1U);
   const Retransmission& again = figures.retransmissions[0];
@@ -68,6 +68,15 @@ TEST(Figures, TakeLongerStepsForALongRun) {
   }
 }
 
+TEST(Figures, LastUntilTheRunEndsWhoeverKeepsSilentBefore) {
+  Script script;
+  script.Wait_ms(990).Add(Kind::Log, "Info Platform x").Add(Kind::Opened, "9600 port").Host("C").Device("x");
+  script.Wait_ms(40'000).Add(Kind::Log, "Error Platform x").Add(Kind::End, "6 The update failed.");
+  const Figures figures = Count(Understand(script.Done()));
+  EXPECT_EQ(figures.duration_us, 40'040'000U);
+  EXPECT_EQ(figures.paused_us, 1'000'000U + 40'020'000U);
+}
+
 TEST(Figures, OfNothingAreZero) {
   const Figures figures = Count(Understand(Script().Add(Kind::End, "5 x").Done()));
   EXPECT_EQ(figures.duration_us, 0U);
@@ -87,7 +96,7 @@ TEST(RunReport, AsJsonHoldsTheRun) {
   EXPECT_EQ(report["errors"][0]["advice"], host::Describe(host::ErrorCode::PortLost).advice);
   EXPECT_EQ(report["run"]["time"], "now");
   EXPECT_EQ(report["figures"], nlohmann::json::parse(
-                                   R"({"duration_s": 2.09, "bytesSent": 533, "bytesReceived": 6,
+                                   R"({"duration_s": 2.12, "bytesSent": 533, "bytesReceived": 6,
                                        "fileBytesAcknowledged": 384, "blocks": 3, "paused_s": 2.0})"));
   EXPECT_EQ(report["rate"]["step_s"], 0.1);
   EXPECT_EQ(report["rate"]["bytes"][20], 128);

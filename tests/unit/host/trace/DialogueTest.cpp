@@ -181,6 +181,25 @@ TEST(TraceDialogue, ShowsPausesAndWhatHappensToThePort) {
                           "-- the run ended (exit code, outcome): 6 The update failed."));
 }
 
+TEST(TraceDialogue, ShowsTheSilenceAtTheBeginningAndBeforeTheLineBreaksAndTheRunEnds) {
+  EXPECT_THAT(
+      Texts(Script()
+                .Wait_ms(1000)
+                .Add(Kind::Opened, "9600 a")
+                .Wait_ms(2990)
+                .Add(Kind::Lost, "gone")
+                .Wait_ms(3990)
+                .Add(Kind::Closed, "")
+                .Wait_ms(30'000)
+                .Add(Kind::Log, "Error Platform lost")
+                .Wait_ms(9980)
+                .Add(Kind::End, "6 The update failed.")
+                .Done()),
+      ElementsAre("-- pause of 1.000000 s", "-- port opened (bit/s, name): 9600 a", "-- pause of 3.000000 s",
+                  "-- port lost: gone", "-- pause of 4.000000 s", "-- port closed", "-- pause of 40.000000 s",
+                  "-- the run ended (exit code, outcome): 6 The update failed."));
+}
+
 TEST(TraceDialogue, BeginsAnewWhereThePortIsOpenedAnew) {
   const std::string half = Block(1, "wr 1000", kWr1000Crc).substr(0, 20);
   EXPECT_THAT(Transfers(Script()
