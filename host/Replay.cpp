@@ -183,8 +183,8 @@ class ReplayDisplay final : public ProgressDisplay {
 };
 
 ExitCode CodeFor(const trace::Player::Verdict& verdict, const trace::Trace& trace) {
-  if (verdict.departs) {
-    return ExitCode::ReplayDeparts;
+  if (verdict.departs || verdict.endedByUser) {
+    return verdict.departs ? ExitCode::ReplayDeparts : ExitCode::Aborted;
   }
   return trace.soundness == trace::Soundness::Broken ? ExitCode::TraceBroken : ExitCode::Success;
 }

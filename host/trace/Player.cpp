@@ -12,6 +12,7 @@
 #include <climits>
 #include <cstdlib>
 #include <system_error>
+#include <utility>
 
 #include "ExitCode.h"
 #include "trace/Steps.h"
@@ -99,14 +100,20 @@ void Player::Stop() {
 Player::Verdict Player::Finish(int exitCode) {
   Stop();
   const bool endedByPlayer = !iDeparture.empty() || (iPlayedAll && EndsEarly());
+  if (!endedByPlayer && exitCode == static_cast<int>(ExitCode::Aborted)) {
+    return {false, false, true, Account(", until you ended it")};
+  }
   if (iDeparture.empty()) {
     JudgeEnd(exitCode);
   }
   const bool departs = !iDeparture.empty();
-  return {departs, endedByPlayer,
-          departs ? iDeparture
-                  : fmt::format("The run went as recorded{}: {} bytes of the host and {} of the device.",
-                                EndsEarly() ? ", as far as the record goes" : "", iCompared, iSaid)};
+  return {departs, endedByPlayer, false,
+          departs ? iDeparture : Account(EndsEarly() ? ", as far as the record goes" : "")};
+}
+
+std::string Player::Account(const char* extent) const {
+  return fmt::format("The run went as recorded{}: {} bytes of the host and {} of the device.", extent,
+                     iCompared, iSaid);
 }
 
 void Player::OnOpened(const std::string& /*name*/, TUint32 /*speed*/) {
@@ -149,6 +156,7 @@ bool Player::PlayRecord(const Record& record) {
     case Kind::Opened:
       return AwaitOpening();
     case Kind::Sent:
+      iSpoken_us = record.time_us;
       return Expect(record.payload);
     case Kind::Received:
       return Say(record);
@@ -217,6 +225,7 @@ bool Player::Say(const Record& record) {
   if (kept && !PauseUntil(iLast + std::chrono::microseconds(pause_us))) {
     return false;
   }
+  iSilence_us = record.time_us - std::min(std::exchange(iSpoken_us, record.time_us), record.time_us);
   iSaid += record.payload.size();
   return WriteAll(record.payload);
 }
@@ -264,9 +273,14 @@ void Player::Depart(const std::string& how) {
   const std::string before = iSaid > 0 ? FrameAt(Side::Device, iSaid - 1) : "nothing";
   iDeparture = fmt::format(
       "The run departs from the trace at byte {} of the host: {}.\n  Recorded there: {}.\n  The device had "
-      "said "
-      "before: {}.",
+      "said before: {}.",
       iCompared, how, FrameAt(Side::Host, iCompared), before);
+  if (iSilence_us > kUnnoticed_us) {
+    iDeparture += fmt::format(
+        "\n  That had come after {} s of silence. If it was the recorded host that stood still then, the run "
+        "cannot be repeated.",
+        Seconds(iSilence_us));
+  }
   Unplug();
 }
 

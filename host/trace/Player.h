@@ -20,6 +20,7 @@ class Player final : public platform::ILineObserver {
   struct Verdict {
     bool departs = false;
     bool endedByPlayer = false;  ///< so that what the host made of its end tells nothing
+    bool endedByUser = false;    ///< before anything departed, so that the rest is not known
     std::string text;            ///< for people, sentences
   };
 
@@ -65,6 +66,7 @@ class Player final : public platform::ILineObserver {
   bool EndsEarly() const;
   void Depart(const std::string& how);
   std::string FrameAt(Side side, std::uint64_t offset) const;
+  std::string Account(const char* extent) const;
   void JudgeEnd(int exitCode);
 
   const Trace& iTrace;
@@ -87,6 +89,8 @@ class Player final : public platform::ILineObserver {
   std::uint64_t iCompared = 0;  ///< bytes of the host that were as recorded
   std::uint64_t iSaid = 0;      ///< bytes of the device
   int iExpectedOpenings = 0;
+  std::uint64_t iSpoken_us = 0;                 ///< when the recorded sides spoke last
+  std::uint64_t iSilence_us = 0;                ///< how long nobody had spoken before the device did
   std::uint64_t iLast_us = 0;                   ///< when the record at hand happened, then
   std::chrono::steady_clock::time_point iLast;  ///< and now
   bool iPlayedAll = false;

@@ -188,6 +188,38 @@ TEST_F(Tracing, TellsThatARunGoesOn) {
   EXPECT_THAT(iOutput, HasSubstr("of the host: it goes on, with 06.\n  Recorded there: nothing more."));
 }
 
+// The kept trace with a silence of so many seconds before what the device says at `place` of its bytes.
+std::vector<Record> WithSilence(std::vector<Record> records, std::size_t place, std::uint64_t silence_s) {
+  std::uint64_t delay_us = 0;
+  for (Record& record : records) {
+    if (record.kind == Kind::Received && place < record.payload.size()) {
+      delay_us = silence_s * 1'000'000;
+    }
+    place -= record.kind == Kind::Received ? record.payload.size() : 0;
+    record.time_us += delay_us;
+  }
+  return records;
+}
+
+TEST_F(Tracing, TellsThatYouEndedTheReplay) {
+  const std::string trace = Write(WithSilence(RecordsOf("RejectedBlocks"), 200, 60));
+  Process process(PERIPHERALCTL, {"trace", "replay", "--fast", trace});
+  ASSERT_TRUE(process.WaitForOutput("Updating as recorded."));
+  process.Signal(SIGINT);
+  EXPECT_EQ(process.WaitForEnd(), kAborted);
+  EXPECT_THAT(process.Output(), AllOf(HasSubstr("Aborted.\nThe run went as recorded, until you ended it: "),
+                                      testing::Not(HasSubstr("departs"))));
+}
+
+TEST_F(Tracing, TellsOfTheSilenceAfterWhichARunDeparts) {
+  // The device's C, before the first command, comes behind its version and EOT.
+  const std::vector<Record> records =
+      host::trace::ReadTrace(Changed("RejectedBlocks", Kind::Sent, 3 + 3 + 1)).records;
+  EXPECT_EQ(Replay(Write(WithSilence(records, 133 + 1, 6))), kReplayDeparts) << iOutput;
+  EXPECT_THAT(iOutput, AllOf(HasSubstr("C, asks for blocks with CRC.\n  That had come after 6."),
+                             HasSubstr(" s of silence. If it was the recorded host that stood still then")));
+}
+
 // ---- Recorded now ----
 
 TEST_F(Tracing, OfAnUnpluggedDeviceIsReplayedUntilItsLoss) {
