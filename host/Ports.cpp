@@ -41,6 +41,17 @@ std::string FirstLine(const fs::path& path) {
   return logging::Printable(line);
 }
 
+bool HasLine(const fs::path& path, std::string_view wanted) {
+  std::ifstream file(path);
+  std::string line;
+  while (std::getline(file, line)) {
+    if (line == wanted) {
+      return true;
+    }
+  }
+  return false;
+}
+
 std::string TargetOf(const fs::path& link) {
   std::error_code error;
   return fs::read_symlink(link, error).string();
@@ -51,6 +62,16 @@ int ProcessId(const fs::path& folder) {
   int pid = 0;
   const auto result = std::from_chars(name.data(), name.data() + name.size(), pid);
   return result.ec == std::errc() && result.ptr == name.data() + name.size() ? pid : 0;
+}
+
+// Whether a process holds the other side of that pseudo-terminal, whose number stands behind each of its
+// descriptors.
+bool PlaysDevice(const fs::path& process, const fs::path& device) {
+  const std::string index = "tty-index:\t" + device.filename().string();
+  const std::vector<fs::path> files = EntriesOf(process / "fdinfo");
+  return device.parent_path() == "/dev/pts" &&
+         std::any_of(files.begin(), files.end(),
+                     [&index](const fs::path& file) { return HasLine(file, index); });
 }
 
 // Looks at one machine's folders.
@@ -66,6 +87,16 @@ class Machine {
       }
     }
     return ports;
+  }
+
+  std::vector<PortHolder> Holders(const std::string& device) const {
+    std::vector<PortHolder> holders;
+    for (const fs::path& process : EntriesOf(iRoot + "/proc")) {
+      if (const int pid = ProcessId(process); pid != 0 && HasOpen(process, device)) {
+        holders.push_back({pid, FirstLine(process / "comm")});
+      }
+    }
+    return holders;
   }
 
  private:
@@ -137,20 +168,10 @@ class Machine {
     return names;
   }
 
-  std::vector<PortHolder> Holders(const std::string& device) const {
-    std::vector<PortHolder> holders;
-    for (const fs::path& process : EntriesOf(iRoot + "/proc")) {
-      const int pid = ProcessId(process);
-      if (pid == 0) {
-        continue;
-      }
-      const std::vector<fs::path> files = EntriesOf(process / "fd");
-      if (std::any_of(files.begin(), files.end(),
-                      [&device](const fs::path& file) { return TargetOf(file) == device; })) {
-        holders.push_back({pid, FirstLine(process / "comm")});
-      }
-    }
-    return holders;
+  static bool HasOpen(const fs::path& process, const std::string& device) {
+    const std::vector<fs::path> files = EntriesOf(process / "fd");
+    return std::any_of(files.begin(), files.end(),
+                       [&device](const fs::path& file) { return TargetOf(file) == device; });
   }
 
   bool Runs(const std::string& program) const {
@@ -171,27 +192,13 @@ class Machine {
   }
 
   bool IsExempt(const std::string& number) const {
-    std::ifstream data(iRoot + "/run/udev/data/c" + number);
-    for (std::string line; std::getline(data, line);) {
-      if (line == "E:ID_MM_PORT_IGNORE=1" || line == "E:ID_MM_DEVICE_IGNORE=1") {
-        return true;
-      }
-    }
-    return false;
+    const std::string data = iRoot + "/run/udev/data/c" + number;
+    return HasLine(data, "E:ID_MM_PORT_IGNORE=1") || HasLine(data, "E:ID_MM_DEVICE_IGNORE=1");
   }
 
   const std::string iRoot;
   const bool iModemManagerRuns;
 };
-
-std::string Describe(const std::vector<PortHolder>& holders) {
-  std::vector<std::string> texts;
-  texts.reserve(holders.size());
-  for (const PortHolder& holder : holders) {
-    texts.push_back(fmt::format("{} (process {})", holder.name, holder.pid));
-  }
-  return texts.empty() ? "nobody that you may see" : fmt::format("{}", fmt::join(texts, ", "));
-}
 
 const char* Describe(ModemManagerRisk risk) {
   switch (risk) {
@@ -213,6 +220,29 @@ std::vector<Port> FindPorts(const std::string& root) {
   return Machine(root).Ports();
 }
 
+std::vector<PortHolder> HoldersOf(const std::string& port, const std::string& root) {
+  std::error_code error;
+  const fs::path device = root.empty() ? fs::canonical(port, error) : fs::path(port);
+  std::vector<PortHolder> holders;
+  if (!error) {
+    holders = Machine(root).Holders(device.string());
+  }
+  const auto isNoOther = [&](const PortHolder& holder) {
+    return holder.pid == getpid() || PlaysDevice(fmt::format("{}/proc/{}", root, holder.pid), device);
+  };
+  holders.erase(std::remove_if(holders.begin(), holders.end(), isNoOther), holders.end());
+  return holders;
+}
+
+std::string Describe(const std::vector<PortHolder>& holders, const char* nobody) {
+  std::vector<std::string> texts;
+  texts.reserve(holders.size());
+  for (const PortHolder& holder : holders) {
+    texts.push_back(fmt::format("{} (process {})", holder.name, holder.pid));
+  }
+  return texts.empty() ? nobody : fmt::format("{}", fmt::join(texts, ", "));
+}
+
 std::string DescribePorts(const std::vector<Port>& ports) {
   if (ports.empty()) {
     return "There is no serial port. Is the adapter plugged in?\n";
@@ -224,7 +254,7 @@ std::string DescribePorts(const std::vector<Port>& ports) {
       text += fmt::format("  stable name    {}\n", name);
     }
     text += fmt::format("  adapter        {}\n", port.adapter);
-    text += fmt::format("  held by        {}\n", Describe(port.holders));
+    text += fmt::format("  held by        {}\n", Describe(port.holders, "nobody that you may see"));
     text += port.mayBeOpened ? "  access         yes\n"
                              : fmt::format("  access         no: {}\n", port.howToGainAccess);
     text += fmt::format("  modem manager  {}\n", Describe(port.modemManager));

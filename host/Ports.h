@@ -34,6 +34,13 @@ struct Port {
 /// The serial ports of this machine, by name. `root` stands before every path that is looked at.
 std::vector<Port> FindPorts(const std::string& root = "");
 
+/// The other processes that have a port open, as far as the user may see them. `port` may be a link to it.
+/// Whoever plays the device on a pseudo-terminal is none of them.
+std::vector<PortHolder> HoldersOf(const std::string& port, const std::string& root = "");
+
+/// The holders in words, such as "minicom (process 12), cat (process 13)"; `nobody` if there are none.
+std::string Describe(const std::vector<PortHolder>& holders, const char* nobody);
+
 /// The ports for people, with a line break at the end.
 std::string DescribePorts(const std::vector<Port>& ports);
 

@@ -19,6 +19,7 @@
 #include "Groups.h"
 #include "LineSpeed.h"
 #include "Peripherals.h"
+#include "Ports.h"
 
 namespace host {
 
@@ -89,7 +90,7 @@ class Checker {
     for (const PropertyKey& key : PropertyKeys()) {
       CheckValueIfUsed(key);
     }
-    return {iFaults, iFiles};
+    return {iFaults, iFiles, iWarnings};
   }
 
  private:
@@ -302,7 +303,8 @@ class Checker {
       FaultOfNoSerialPort(key, port);
     } else if (flock(descriptor, LOCK_EX | LOCK_NB) != 0) {
       FaultOfPortInUse(key, port);
-    } else if (iSpeed_bps) {
+    } else {
+      WarnOfListeners(key, port);
       CheckSpeedOf(descriptor, key, port);
     }
     close(descriptor);
@@ -310,7 +312,8 @@ class Checker {
 
   // A driver says only when it is tried which speeds it can do.
   void CheckSpeedOf(int descriptor, const char* key, const std::string& port) {
-    if (const auto offered = platform::SpeedOfferedInsteadOf(*iSpeed_bps, descriptor)) {
+    const auto offered = iSpeed_bps ? platform::SpeedOfferedInsteadOf(*iSpeed_bps, descriptor) : std::nullopt;
+    if (offered) {
       Fault(ErrorCode::PortUnusable,
             "{}: the port '{}' cannot do {} bit/s, its driver offers {}; choose another speed or another "
             "adapter.",
@@ -338,8 +341,17 @@ class Checker {
   }
 
   void FaultOfPortInUse(const char* key, const std::string& port) {
-    Fault(ErrorCode::PortBusy, "{}: the port '{}' is in use by another program; close that and try again.",
-          key, port);
+    Fault(ErrorCode::PortBusy, "{}: the port '{}' is in use by {}; close that and try again.", key, port,
+          Describe(HoldersOf(port), "another program"));
+  }
+
+  // Whoever opens a port without locking it is kept out by no lock.
+  void WarnOfListeners(const char* key, const std::string& port) {
+    if (const std::vector<PortHolder> holders = HoldersOf(port); !holders.empty()) {
+      iWarnings.push_back(
+          fmt::format("{}: {} has the port '{}' open, too, and may take the device's bytes away; close that.",
+                      key, Describe(holders, ""), port));
+    }
   }
 
   static const char* HintOnPortName(const std::string& port) {
@@ -368,6 +380,7 @@ class Checker {
   std::optional<TUint32> iSpeed_bps;  ///< known before the port is looked at
   Faults iFaults;
   std::vector<CheckedFile> iFiles;
+  std::vector<std::string> iWarnings;
 };
 
 }  // namespace

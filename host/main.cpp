@@ -94,6 +94,9 @@ void Check(const Options& options, const Configuration& configuration, Output& o
   if (options.goal == Goal::Prepare) {
     output.OnFiles(found.files);
   }
+  for (const std::string& warning : found.warnings) {
+    output.OnWarning(warning);
+  }
 }
 
 std::string DefaultLibrary() {

@@ -248,7 +248,8 @@ TEST_F(Update, OfAPortThatAnotherProgramHoldsNamesItAndLeavesItAlone) {
   const int holder = open(iFolder.Path("port").c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
   ASSERT_EQ(flock(holder, LOCK_EX), 0);
   EXPECT_EQ(Run(), kBadConfiguration);
-  EXPECT_THAT(iOutput, AllOf(HasSubstr(iFolder.Path("port")), HasSubstr("in use by another program")));
+  EXPECT_THAT(iOutput, AllOf(HasSubstr(iFolder.Path("port")), HasSubstr("in use by "),
+                             HasSubstr("(process " + std::to_string(getpid()) + ")")));
   close(holder);
   EXPECT_EQ(Run(), kSuccess) << iOutput;
 }

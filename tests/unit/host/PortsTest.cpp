@@ -112,6 +112,19 @@ TEST_F(Ports, HoldersAreTheProcessesThatHaveItOpen) {
   EXPECT_EQ(port.holders[0].name, "minicom");
 }
 
+TEST_F(Ports, OthersWhoHoldAPortAreNeitherOneselfNorThePlayerOfItsDevice) {
+  AddProcess("12", "cat", "/dev/pts/7");
+  AddProcess("13", "simulator", "/dev/pts/7");
+  Write("proc/13/fdinfo/5", "pos:\t0\ntty-index:\t7\n");
+  AddProcess("14", "terminal", "/dev/pts/7");
+  Write("proc/14/fdinfo/5", "pos:\t0\ntty-index:\t77\n");
+  AddProcess(std::to_string(getpid()), "test", "/dev/pts/7");
+  const std::string root = fs::path(iFolder.Path("")).parent_path().string();
+  EXPECT_EQ(host::Describe(host::HoldersOf("/dev/pts/7", root), "nobody"),
+            "cat (process 12), terminal (process 14)");
+  EXPECT_EQ(host::Describe(host::HoldersOf("/dev/ttyUSB0", root), "nobody"), "nobody");
+}
+
 TEST_F(Ports, AccessIsWhatPermissionsSayToTheUser) {
   EXPECT_TRUE(FindOne().mayBeOpened);
   ASSERT_EQ(chmod(iFolder.Path("dev/ttyUSB0").c_str(), 0), 0);

@@ -4,11 +4,14 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <spawn.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 
@@ -300,6 +303,49 @@ TEST_F(Preflight, ASpeedThatThePortsDriverDoesNotDoIsNamedAndTheSettingsArePutBa
   ASSERT_EQ(tcgetattr(port, &after), 0);
   EXPECT_EQ(std::memcmp(&before, &after, sizeof(before)), 0);
   close(port);
+}
+
+// A program that has a port open, with its lock or without.
+class Listener {
+ public:
+  Listener(const std::string& port, bool locks) {
+    const int line = open(port.c_str(), O_RDWR | O_NOCTTY);
+    EXPECT_EQ(locks ? flock(line, LOCK_EX) : 0, 0);
+    std::string words[] = {"sleep", "60"};
+    char* const arguments[] = {words[0].data(), words[1].data(), nullptr};
+    EXPECT_EQ(posix_spawnp(&iPid, "sleep", nullptr, nullptr, arguments, environ), 0);
+    close(line);
+  }
+  Listener(const Listener&) = delete;
+  Listener& operator=(const Listener&) = delete;
+  ~Listener() {
+    kill(iPid, SIGKILL);
+    waitpid(iPid, nullptr, 0);
+  }
+
+  std::string Name() const { return "sleep (process " + std::to_string(iPid) + ")"; }
+
+ private:
+  pid_t iPid = -1;
+};
+
+TEST_F(Preflight, WhoHasLockedThePortIsNamed) {
+  const Listener listener(iPort.Name(), true);
+  EXPECT_THAT(CheckedTexts(iGood),
+              ElementsAre("xmodemportname: the port '" + iPort.Name() + "' is in use by " + listener.Name() +
+                          "; close that and try again."));
+}
+
+TEST_F(Preflight, WhoHasThePortOpenWithoutALockIsWarnedOf) {
+  // The test itself plays the device.
+  EXPECT_THAT(host::CheckProperties(iGood).warnings, IsEmpty());
+  const Listener listener(iPort.Name(), false);
+  const std::string link = iFolder.Path("link");
+  std::filesystem::create_symlink(iPort.Name(), link);
+  const host::Findings found = host::CheckProperties(With("xmodemportname", link));
+  EXPECT_THAT(Texts(found.faults), IsEmpty());
+  EXPECT_THAT(found.warnings, ElementsAre("xmodemportname: " + listener.Name() + " has the port '" + link +
+                                          "' open, too, and may take the device's bytes away; close that."));
 }
 
 TEST_F(Preflight, ThePortsSettingsStayAsTheyAre) {
