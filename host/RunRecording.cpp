@@ -47,8 +47,10 @@ Faults ErrorsOf(const RunResult& result) {
   return cause ? Faults{{cause->code, cause->detail}} : result.faults;
 }
 
-std::string Sentence(const std::string& before, const std::string& text) {
-  return before.empty() || text.empty() ? text : " " + text;
+void AddUnlessEmpty(std::vector<std::string>& faults, const std::string& fault) {
+  if (!fault.empty()) {
+    faults.push_back(fault);
+  }
 }
 
 std::string ReplaceTrace(const std::string& path, const std::string& content) {
@@ -90,35 +92,37 @@ void RunRecording::OnBegin(const std::function<void()>& /*abort*/) {
 }
 
 // A module that is still there goes on logging and sending, to a recorder that must live as long.
-std::string RunRecording::OnEnd(const RunResult& result, bool moduleGone) {
+std::vector<std::string> RunRecording::OnEnd(const RunResult& result, bool moduleGone) {
   if (moduleGone) {
     iRecorder.Stop();
   }
   iRecorder.End(static_cast<int>(ExitCodeOf(result.outcome)), Headline(result));
-  std::string fault = iRecorder.Fault();
+  std::vector<std::string> faults;
+  AddUnlessEmpty(faults, iRecorder.Fault());
   if (!iFiles.report.empty()) {
     const std::string report =
         report::ReportFor(iFiles.report, trace::Decode(iRecorder.Content()), ErrorsOf(result));
-    fault += Sentence(fault, WriteWhole(iFiles.report, kReportFile, report));
+    AddUnlessEmpty(faults, WriteWhole(iFiles.report, kReportFile, report));
   }
-  return fault;
+  return faults;
 }
 
-std::string RunRecording::OnRefusal(const Faults& faults, ExitCode exitCode) {
+std::vector<std::string> RunRecording::OnRefusal(const Faults& faults, ExitCode exitCode) {
   return RecordNoRun(iFiles, exitCode, kRefused, faults);
 }
 
-std::string RecordNoRun(const RunRecording::Files& files, ExitCode exitCode, const std::string& outcome,
-                        const Faults& faults) {
+std::vector<std::string> RecordNoRun(const RunRecording::Files& files, ExitCode exitCode,
+                                     const std::string& outcome, const Faults& errors) {
   const std::string end =
       trace::FileHeader() +
       trace::Encode({trace::Kind::End, 0, fmt::format("{} {}", static_cast<int>(exitCode), outcome)});
-  std::string fault = files.trace.empty() ? "" : ReplaceTrace(files.trace, end);
+  std::vector<std::string> faults;
+  AddUnlessEmpty(faults, files.trace.empty() ? "" : ReplaceTrace(files.trace, end));
   if (!files.report.empty()) {
-    const std::string report = report::ReportFor(files.report, trace::Decode(end), faults);
-    fault += Sentence(fault, ReplaceReport(files.report, report));
+    const std::string report = report::ReportFor(files.report, trace::Decode(end), errors);
+    AddUnlessEmpty(faults, ReplaceReport(files.report, report));
   }
-  return fault;
+  return faults;
 }
 
 }  // namespace host

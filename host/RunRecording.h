@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "Report.h"
 #include "UpdateRun.h"
@@ -27,8 +28,8 @@ class RunRecording final : public RunCompanion {
 
   void OnBegin(const std::function<void()>& abort) override;
   /// Returns why what was recorded is incomplete.
-  std::string OnEnd(const RunResult& result, bool moduleGone) override;
-  std::string OnRefusal(const Faults& faults, ExitCode exitCode) override;
+  std::vector<std::string> OnEnd(const RunResult& result, bool moduleGone) override;
+  std::vector<std::string> OnRefusal(const Faults& faults, ExitCode exitCode) override;
 
  private:
   const Files iFiles;
@@ -37,9 +38,8 @@ class RunRecording final : public RunCompanion {
 };
 
 /// Leaves behind what a run has to say that does not take place: a trace with nothing but its end, and a
-/// report that says why. Older ones make way, any other file stays. Returns what went wrong, for people;
-/// empty when nothing did.
-std::string RecordNoRun(const RunRecording::Files& files, ExitCode exitCode, const std::string& outcome,
-                        const Faults& faults);
+/// report that says why. Older ones make way, any other file stays. Returns what went wrong, for people.
+std::vector<std::string> RecordNoRun(const RunRecording::Files& files, ExitCode exitCode,
+                                     const std::string& outcome, const Faults& errors);
 
 }  // namespace host

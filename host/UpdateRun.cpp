@@ -185,7 +185,9 @@ ExitCode UpdateRun::Execute() const {
   if (listening.Log().LinesLost() && logFile != nullptr) {
     output.OnWarning(logFile->Fault());
   }
-  WarnIf(companion != nullptr ? companion->OnEnd(ended, stopped) : "");
+  if (companion != nullptr) {
+    Warn(companion->OnEnd(ended, stopped));
+  }
   output.OnResult(ended, ExitCodeOf(ended));
   if (!stopped) {
     ExitAtOnce(ExitCodeOf(ended));
@@ -199,14 +201,16 @@ ExitCode UpdateRun::RefuseModule(const std::string& fault) const {
   Faults all = faults;
   all.push_back({ErrorCode::ModuleNotLoadable, fault});
   output.OnFaults({all.back()});
-  WarnIf(companion != nullptr ? companion->OnRefusal(all, exitCode) : "");
+  if (companion != nullptr) {
+    Warn(companion->OnRefusal(all, exitCode));
+  }
   output.OnRefusal(all, exitCode);
   return exitCode;
 }
 
-void UpdateRun::WarnIf(const std::string& fault) const {
-  if (!fault.empty()) {
-    output.OnWarning(fault);
+void UpdateRun::Warn(const std::vector<std::string>& texts) const {
+  for (const std::string& text : texts) {
+    output.OnWarning(text);
   }
 }
 

@@ -66,11 +66,13 @@ std::unique_ptr<Output> MakeOutput(bool json, const PropertyMap& properties) {
 // No run leaves what an earlier one has left.
 void Record(const Options& options, Output& output, ExitCode exitCode, const std::string& outcome,
             const Faults& faults) {
-  const std::string fault = RecordNoRun({options.traceFile, options.reportFile}, exitCode, outcome, faults);
-  const bool isTold =
-      std::any_of(faults.begin(), faults.end(), [&fault](const Fault& told) { return told.text == fault; });
-  if (!fault.empty() && !isTold) {
-    output.OnWarning(fault);
+  for (const std::string& text :
+       RecordNoRun({options.traceFile, options.reportFile}, exitCode, outcome, faults)) {
+    const bool isTold =
+        std::any_of(faults.begin(), faults.end(), [&text](const Fault& told) { return told.text == text; });
+    if (!isTold) {
+      output.OnWarning(text);
+    }
   }
 }
 

@@ -769,6 +769,25 @@ TEST_F(WhatIsLeft, ARefusedRunTakesNothingFromOtherFiles) {
   EXPECT_EQ(ContentOf(sent), before);
 }
 
+TEST_F(WhatIsLeft, OfATraceAndAReportThatBothFailAreTwoComplaints) {
+  const std::string trace = iFolder.File("trace", "mine");
+  const std::string report = iFolder.File("report.html", "mine");
+  Process process(Command("update", "succeeds", {"--trace", trace, "--report", report, "--require-digest"}),
+                  ErrorFile());
+  EXPECT_EQ(process.Wait(), 10);
+  EXPECT_THAT(process.Err(), EndsWith("\nperipheralctl: '" + trace +
+                                      "' is no trace and is left as it is.\nperipheralctl: '" + report +
+                                      "' is no report and is left as it is.\n"));
+  Process planted(Command("update", "succeeds", {"--trace", "/nowhere/trace", "--report", report}),
+                  ErrorFile());
+  EXPECT_EQ(planted.Wait(), 2);
+  EXPECT_EQ(
+      planted.Err(),
+      "peripheralctl: cannot write the trace '/nowhere/trace': No such file or directory. Choose another "
+      "file after --trace.\nperipheralctl: '" +
+          report + "' is no report and is left as it is.\n");
+}
+
 TEST_F(WhatIsLeft, OfARunThatIsKilledIsNoReport) {
   const std::string report = Old("report.json", {"--report"});
   Process process(Command("update", "waits-for-abort", {"--report", report}), ErrorFile());
