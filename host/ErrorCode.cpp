@@ -80,7 +80,7 @@ const std::vector<ErrorDescription> kDescriptions = {
      "check the cable, the speed, and that nothing else talks on the line"},
     {ErrorCode::Stalled, "stalled",
      "the update made no progress for 40 s",
-     "check the device's power; a slow line may be too slow for the file"},
+     "check the cable and the speed; a slow line may be too slow for the file"},
     {ErrorCode::UpdateFailed, "update-failed",
      "the update failed",
      "see the reasons; --log-level info shows what happened"},

@@ -24,6 +24,9 @@ constexpr std::string_view kAnswer = "Received answer ";
 constexpr std::string_view kLeft = "Left ";
 constexpr std::string_view kOf = " of ";
 constexpr std::string_view kSuccess = "000";
+constexpr std::string_view kGivenUp = "Timeout in polling";
+constexpr std::string_view kFile = "The file ";
+constexpr std::string_view kNotOpened = " could not be opened";
 
 // What a line of a failing update says about its cause.
 struct Symptom {
@@ -45,7 +48,7 @@ constexpr Symptom kSymptoms[] = {
     {"Transmission canceled", ErrorCode::TransferCancelled, "the device cancelled the transfer"},
     {"Transfer cancelled", ErrorCode::TransferCancelled, "the device cancelled the transfer"},
     {"[Timeout]", ErrorCode::DeviceSilent, "the device did not answer in time"},
-    {"Timeout in polling", ErrorCode::Stalled, "nothing moved any more"},
+    {kGivenUp, ErrorCode::Stalled, "nothing moved any more"},
     {"Unexpected reply", ErrorCode::LineGarbled, "the device sent an unexpected byte"},
     {"Wrong reply", ErrorCode::LineGarbled, "the device sent an unexpected byte"},
     {"Invalid Checksum", ErrorCode::LineGarbled, "a block of the device came damaged"},
@@ -54,7 +57,7 @@ constexpr Symptom kSymptoms[] = {
     {"The first packet", ErrorCode::LineGarbled, "the device's first block came with a wrong number"},
     {"No valid packet", ErrorCode::LineGarbled, "the device sent no block but something else"},
     {"EOT arrived", ErrorCode::LineGarbled, "the device's text came to its end before it began"},
-    {"The file ", ErrorCode::FileUnusable, nullptr},
+    {kFile, ErrorCode::FileUnusable, nullptr},
 };
 
 bool StartsWith(std::string_view text, std::string_view head) {
@@ -77,11 +80,11 @@ std::int64_t Number(std::string_view text) {
   return number;
 }
 
-// A wait that ends because the port is gone, or because it is given up, looks like silence; a file is also
+// A wait that ends because the port is gone looks like silence; a file is also
 // said to be unusable when only its receiver does not start; and why a port cannot be used is told first.
 bool Outweighs(ErrorCode before, ErrorCode now) {
-  return now == ErrorCode::FileUnusable || before == ErrorCode::Stalled ||
-         before == ErrorCode::PortUnusable || (before == ErrorCode::PortLost && now != ErrorCode::PortLost);
+  return now == ErrorCode::FileUnusable || before == ErrorCode::PortUnusable ||
+         (before == ErrorCode::PortLost && now != ErrorCode::PortLost);
 }
 
 }  // namespace
@@ -114,8 +117,21 @@ std::vector<std::string> NamesOf(const std::vector<PlannedDevice>& plan) {
   return names;
 }
 
-LogFollower::LogFollower(std::vector<PlannedDevice> plan, StepHandler onStep, SentBytesHandler onSentBytes)
-    : iPlan(std::move(plan)), iOnStep(std::move(onStep)), iOnSentBytes(std::move(onSentBytes)), iCauses(1) {
+// The engine says the same when a receiver does not start, of which another line has told before.
+std::string ReasonFor(const std::string& line, const std::optional<Cause>& cause) {
+  const bool isNoFile = StartsWith(line, kFile) && line.find(kNotOpened) != std::string::npos && cause &&
+                        cause->code != ErrorCode::FileUnusable;
+  return isNoFile ? line + " (not so: its transfer was not begun, since the device never asked for it)"
+                  : line;
+}
+
+LogFollower::LogFollower(std::vector<PlannedDevice> plan, StepHandler onStep, SentBytesHandler onSentBytes,
+                         Hear hear)
+    : iPlan(std::move(plan)),
+      iOnStep(std::move(onStep)),
+      iOnSentBytes(std::move(onSentBytes)),
+      iHear(std::move(hear)),
+      iCauses(1) {
   for (std::size_t device = 0; device < iPlan.size(); ++device) {
     iTotal += SizeOf(device);
   }
@@ -135,9 +151,11 @@ void LogFollower::Take(const logging::TLine& line) {
     Step(fmt::format("version {}", rest(kVersion)), "");
   } else if (StartsWith(text, kSendingCommand)) {
     const std::string command = rest(kSendingCommand);
+    NoteCommand();
     const std::size_t file = std::min(command.find(kAndFile), command.size());
     Step(command.substr(0, file), file < command.size() ? command.substr(file + kAndFile.size()) : "");
   } else if (StartsWith(text, kSendingFile)) {
+    iMayBeIncomplete.insert(iDevice);
     Step("image", rest(kSendingFile));
   } else if (StartsWith(text, kAnswer)) {
     TakeAnswer(rest(kAnswer));
@@ -161,6 +179,11 @@ std::optional<std::string> LogFollower::Place() {
   return iCauses.size() > 1 ? std::make_optional(PresentPlace()) : std::nullopt;
 }
 
+bool LogFollower::OnlyMemoryWritten() {
+  const std::lock_guard<std::mutex> lock(iMutex);
+  return iCommands == 1 && iMayBeIncomplete.empty();
+}
+
 std::string LogFollower::PresentPlace() const {
   const std::string device = iDevice < iPlan.size() ? iPlan[iDevice].name : "device";
   return fmt::format("{}, {}", device, iStep.empty() ? "before the first step" : iStep);
@@ -169,22 +192,36 @@ std::string LogFollower::PresentPlace() const {
 void LogFollower::StartOver() {
   iCauses.emplace_back();
   iStep.clear();
+  iIsGivenUp = false;
   iDevice = 0;
+  iCommands = 0;
   iBefore = iFilesBefore = iFileSize = iFileSent = 0;
 }
 
 void LogFollower::NextDevice() {
   iBefore += SizeOf(iDevice);
+  iMayBeIncomplete.erase(iDevice);
   ++iDevice;
+  iCommands = 0;
   iStep.clear();
   iFilesBefore = iFileSize = iFileSent = 0;
 }
 
 void LogFollower::Step(const std::string& text, const std::string& file) {
   EndFile();
-  iCauses.back().reset();
+  if (!iIsGivenUp) {
+    iCauses.back().reset();
+  }
   iStep = file.empty() ? text : fmt::format("{}, {}", text, FileName(file));
   iOnStep({iDevice, iStep});
+}
+
+// The first command brings the loader program into memory; from then on the device may change what it holds.
+void LogFollower::NoteCommand() {
+  ++iCommands;
+  if (iCommands > 1) {
+    iMayBeIncomplete.insert(iDevice);
+  }
 }
 
 void LogFollower::EndFile() {
@@ -215,14 +252,35 @@ void LogFollower::BlameFor(const logging::TLine& line) {
       std::find_if(std::begin(kSymptoms), std::end(kSymptoms), [&text = line.message](const Symptom& known) {
         return StartsWith(text, known.text) && text.find(known.also) != std::string_view::npos;
       });
-  if (symptom != std::end(kSymptoms)) {
-    Blame(symptom->code, symptom->what != nullptr ? symptom->what : logging::Printable(line.message));
+  if (symptom == std::end(kSymptoms)) {
+    return;
+  }
+  const std::string what = symptom->what != nullptr ? symptom->what : logging::Printable(line.message);
+  if (symptom->code == ErrorCode::DeviceSilent || symptom->code == ErrorCode::Stalled) {
+    BlameSilence(symptom->code, what);
+  } else {
+    Blame(symptom->code, what);
+  }
+  iIsGivenUp = iIsGivenUp || StartsWith(line.message, kGivenUp);
+}
+
+// The module gives up sooner than its waits for the device end, and says the same of a device that is dead
+// and of one that is slow: the line knows better.
+void LogFollower::BlameSilence(ErrorCode code, const std::string& otherwise) {
+  const Hearing hearing = iHear ? iHear() : Hearing{};
+  if (hearing.kind == Hearing::Kind::Nothing) {
+    Blame(ErrorCode::DeviceSilent, "nothing was heard of the device at all");
+  } else if (hearing.kind == Hearing::Kind::FellSilent) {
+    Blame(ErrorCode::DeviceSilent,
+          fmt::format("the device fell silent and has said nothing for {} s", hearing.silence.count()));
+  } else {
+    Blame(code, otherwise);
   }
 }
 
 void LogFollower::Blame(ErrorCode code, const std::string& what) {
   std::optional<Cause>& cause = iCauses.back();
-  if (cause && Outweighs(cause->code, code)) {
+  if (iIsGivenUp || (cause && Outweighs(cause->code, code))) {
     return;
   }
   cause = Cause{code, fmt::format("{}: {}", PresentPlace(), what)};

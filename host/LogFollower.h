@@ -5,11 +5,13 @@
 #include <functional>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "ErrorCode.h"
+#include "LineEar.h"
 #include "Logging.h"
 #include "PropertyStore.h"
 
@@ -48,14 +50,20 @@ std::vector<PlannedDevice> PlanOf(const PropertyMap& properties);
 /// The devices' names, in the same order.
 std::vector<std::string> NamesOf(const std::vector<PlannedDevice>& plan);
 
+/// An error line as a reason to give to people: one that says what is not so is explained.
+std::string ReasonFor(const std::string& line, const std::optional<Cause>& cause);
+
 /// Follows an update through the lines that are logged.
 class LogFollower {
  public:
   using StepHandler = std::function<void(const DeviceStep&)>;
   using SentBytesHandler = std::function<void(const SentBytes&)>;
 
-  /// The handlers are called from within Take; they must not log.
-  LogFollower(std::vector<PlannedDevice> plan, StepHandler onStep, SentBytesHandler onSentBytes);
+  using Hear = std::function<Hearing()>;
+
+  /// The handlers, and `hear`, are called from within Take; they must not log.
+  LogFollower(std::vector<PlannedDevice> plan, StepHandler onStep, SentBytesHandler onSentBytes,
+              Hear hear = nullptr);
 
   /// Takes the next line, of whatever level. Any thread, but one at a time.
   void Take(const logging::TLine& line);
@@ -68,6 +76,9 @@ class LogFollower {
   /// The device and the step that the latest attempt is at; nothing before the first one. Any thread.
   std::optional<std::string> Place();
 
+  /// The log tells that nothing but loader programs was sent, and that to memory. Any thread.
+  bool OnlyMemoryWritten();
+
  private:
   std::string PresentPlace() const;
   void StartOver();
@@ -76,6 +87,8 @@ class LogFollower {
   void EndFile();
   void TakeFileProgress(std::string_view text);
   void TakeAnswer(const std::string& answer);
+  void NoteCommand();
+  void BlameSilence(ErrorCode code, const std::string& otherwise);
   void Blame(ErrorCode code, const std::string& what);
   void BlameFor(const logging::TLine& line);
   void TellSentBytes();
@@ -84,10 +97,14 @@ class LogFollower {
   const std::vector<PlannedDevice> iPlan;
   const StepHandler iOnStep;
   const SentBytesHandler iOnSentBytes;
+  const Hear iHear;
   std::mutex iMutex;
   std::vector<std::optional<Cause>> iCauses;  ///< by attempt; the first is for what is logged before all
   std::string iStep;
+  bool iIsGivenUp = false;  ///< what comes after that says nothing of the cause
   std::size_t iDevice = 0;
+  int iCommands = 0;                       ///< to the device
+  std::set<std::size_t> iMayBeIncomplete;  ///< devices, in whichever attempt
   std::int64_t iTotal = 0;
   std::int64_t iBefore = 0;       ///< bytes of the devices before
   std::int64_t iFilesBefore = 0;  ///< bytes of the device's files before

@@ -9,7 +9,9 @@ namespace host {
 namespace {
 
 constexpr const char* kIncomplete = "The device may hold an incomplete image: run the update again.";
-constexpr const char* kUntouched = "Nothing was sent to the device.";
+constexpr const char* kOnlyMemory =
+    "Only the device's memory was written, with the loader program: what it holds in its flash is as it was.";
+constexpr const char* kUntouched = "Nothing was written to the device.";
 
 bool Succeeded(const RunResult& result) {
   return result.outcome == Outcome::Succeeded || result.outcome == Outcome::NothingToUpdate;
@@ -57,7 +59,10 @@ std::string Advice(const RunResult& result) {
 }
 
 const char* DeviceState(const RunResult& result) {
-  return result.uploadStarted ? kIncomplete : kUntouched;
+  if (!result.uploadStarted) {
+    return kUntouched;
+  }
+  return result.onlyMemoryWritten ? kOnlyMemory : kIncomplete;
 }
 
 ErrorCode CodeOf(Outcome outcome) {

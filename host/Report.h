@@ -21,6 +21,7 @@ struct RunResult {
   std::vector<std::string> reasons;  ///< errors that the module or the platform logged, or the changed files
   std::optional<Cause> cause = {};   ///< what the log tells of the failure
   Faults faults = {};                ///< what was found wrong, and told, before the module was asked
+  bool onlyMemoryWritten = false;    ///< and no further than into its memory
 };
 
 /// Why it did not succeed: what the log tells, or what the outcome says by itself. Nothing after a success,

@@ -8,6 +8,7 @@
 
 #include "EventBroker.h"
 #include "FeatureModule.h"
+#include "LineEar.h"
 #include "Report.h"
 #include "RunLog.h"
 #include "SignalWatch.h"
@@ -107,7 +108,7 @@ class Listening {
             [&controller, &output = run.output](const DeviceStep& step) {
               controller.Post([&output, step] { output.OnStep(step); });
             },
-            [this](const SentBytes& sent) { iFeed.Take(sent); }),
+            [this](const SentBytes& sent) { iFeed.Take(sent); }, [this] { return iEar.Hear(); }),
         iLog(
             run.log, run.logLevel,
             [&controller, &output = run.output](const std::string& text) {
@@ -118,6 +119,8 @@ class Listening {
   }
 
   RunLog& Log() { return iLog; }
+  bool MayHaveWritten() { return !iEar.KnowsThatNothingWasWritten(); }
+  bool OnlyMemoryWritten() { return iFollower.OnlyMemoryWritten(); }
   std::optional<Cause> WhyFailed() { return iFollower.WhyFailed(); }
   std::optional<Cause> WhereSilent() {
     const std::optional<std::string> place = iFollower.Place();
@@ -126,6 +129,7 @@ class Listening {
   }
 
  private:
+  LineEar iEar;
   SentBytesFeed iFeed;
   LogFollower iFollower;
   RunLog iLog;
@@ -133,8 +137,9 @@ class Listening {
 
 // Before the end this is what leaving it now comes to.
 RunResult Judge(const UpdateRun& run, UpdateController& controller, Listening& listening) {
-  RunResult result = {run.goal, controller.Result().value_or(Outcome::Aborted), controller.UploadStarted(),
-                      listening.Log().Reasons()};
+  RunResult result = {run.goal, controller.Result().value_or(Outcome::Aborted),
+                      controller.UploadStarted() && listening.MayHaveWritten(), listening.Log().Reasons()};
+  result.onlyMemoryWritten = listening.OnlyMemoryWritten();
   result.faults = run.faults;
   if (!run.faults.empty() && result.outcome == Outcome::Succeeded) {
     result.outcome = Outcome::PrepareFailed;
@@ -143,6 +148,9 @@ RunResult Judge(const UpdateRun& run, UpdateController& controller, Listening& l
     result.cause = listening.WhyFailed();
   } else if (result.outcome == Outcome::NoResult) {
     result.cause = listening.WhereSilent();
+  }
+  for (std::string& reason : result.reasons) {
+    reason = ReasonFor(reason, result.cause);
   }
   const bool isSent = result.outcome == Outcome::Succeeded || result.outcome == Outcome::InstallFailed;
   if (run.goal == Goal::Update && isSent) {

@@ -12,10 +12,11 @@ fake_module(NoCreateModule)
 
 # As for the platform's tests, QEMU does not know how a line's speed is read.
 peripheral_test(host_tests LABEL unit TIMEOUT 120
-  NATIVE "Preflight.ASpeedThatThePortsDriver*"
+  NATIVE "Preflight.ASpeedThatThePortsDriver*:LineEar.*"
   SOURCES
     unit/host/CommandLineTest.cpp
     unit/host/ConfigurationTest.cpp
+    unit/host/LineEarTest.cpp
     unit/host/LogFollowerTest.cpp
     unit/host/DigestTest.cpp
     unit/host/EventBrokerTest.cpp

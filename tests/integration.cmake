@@ -1,6 +1,6 @@
 # The shipped programs and libraries as processes.
 peripheral_test(integration_tests LABEL integration TIMEOUT 300
-  LONG "Update.OfASilentDeviceEndsWithTheStall:Report.AsAPageShowsTheRunInABrowser"
+  LONG "Update.OfASilentDeviceSaysAtWhichStepItFellSilent:Report.AsAPageShowsTheRunInABrowser"
   SOURCES
     integration/ReportTest.cpp
     integration/TraceTest.cpp

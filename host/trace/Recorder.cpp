@@ -27,14 +27,14 @@ void Recorder::Start(const std::string& description) {
   iFormerLevel = logging::LowestLevel();
   iFormerSink = logging::SetSink(this);
   logging::SetLowestLevel(std::min(iFormerLevel, logging::EInfo));
-  platform::SetLineObserver(this);
+  iFormerObserver = platform::SetLineObserver(this);
 }
 
 void Recorder::Stop() {
   if (!std::exchange(iStarted, false)) {
     return;
   }
-  platform::SetLineObserver(nullptr);
+  platform::SetLineObserver(iFormerObserver);
   logging::SetSink(iFormerSink);
   logging::SetLowestLevel(iFormerLevel);
 }
@@ -53,24 +53,37 @@ std::string Recorder::Fault() {
   return iFile.Fault();
 }
 
+// Nothing crosses a line before the module is asked for something.
+template <typename Call>
+void Recorder::Tell(Call call) {
+  if (iFormerObserver != nullptr) {
+    call(*iFormerObserver);
+  }
+}
+
 void Recorder::OnOpened(const std::string& name, TUint32 speed) {
   Append(Kind::Opened, fmt::format("{} {}", speed, name));
+  Tell([&](auto& former) { former.OnOpened(name, speed); });
 }
 
 void Recorder::OnSent(const TUint8* bytes, std::size_t count) {
   Append(Kind::Sent, Text(bytes, count));
+  Tell([&](auto& former) { former.OnSent(bytes, count); });
 }
 
 void Recorder::OnReceived(const TUint8* bytes, std::size_t count) {
   Append(Kind::Received, Text(bytes, count));
+  Tell([&](auto& former) { former.OnReceived(bytes, count); });
 }
 
 void Recorder::OnLost(const std::string& reason) {
   Append(Kind::Lost, reason);
+  Tell([&](auto& former) { former.OnLost(reason); });
 }
 
 void Recorder::OnClosed() {
   Append(Kind::Closed, {});
+  Tell([&](auto& former) { former.OnClosed(); });
 }
 
 void Recorder::Write(const logging::TLine& line) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <mutex>
 #include <string>
@@ -29,7 +30,7 @@ class Recorder final : public platform::ILineObserver, public logging::ISink {
   /// Has Content() hold everything, with a file or without.
   void KeepContent() { iKeepsContent = true; }
 
-  /// Takes the log and the lines over, until Stop. Lines of the log go on to the sink that had them before.
+  /// Takes the log and the lines over, until Stop. Whoever had them before goes on being told.
   void Start(const std::string& description);
 
   /// Gives the log and the lines back, if it has them.
@@ -52,6 +53,8 @@ class Recorder final : public platform::ILineObserver, public logging::ISink {
   void Write(const logging::TLine& line) override;
 
  private:
+  template <typename Call>
+  void Tell(Call call);
   void Append(Kind kind, std::string payload);
   void Put(const std::string& bytes);
 
@@ -61,6 +64,7 @@ class Recorder final : public platform::ILineObserver, public logging::ISink {
   bool iKeepsContent = false;
   bool iStarted = false;
   std::string iContent;
+  std::atomic<platform::ILineObserver*> iFormerObserver{nullptr};
   logging::ISink* iFormerSink = nullptr;
   logging::TLevel iFormerLevel = logging::EWarning;
 };

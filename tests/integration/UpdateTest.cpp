@@ -215,12 +215,13 @@ TEST_F(Update, FailsAtOnceWhenTheDeviceIsUnplugged) {
 
 // The worker is still waiting for the device when the program ends, which is where the engine keeps a buffer
 // on purpose; by then the module is unloaded and leak checking can tell it from no other.
-TEST_F(Update, OfASilentDeviceEndsWithTheStall) {
+TEST_F(Update, OfASilentDeviceSaysAtWhichStepItFellSilent) {
   Plug({"--baud", "0", "--silent-after", "version"});
   const auto process = Start({}, "update", {"ASAN_OPTIONS=detect_leaks=0"});
   EXPECT_EQ(process->WaitForEnd(80'000), kUpdateFailed) << process->Output();
   EXPECT_THAT(process->Output(), HasSubstr("Timeout in polling for status in XModemSwl"));
-  EXPECT_THAT(process->Output(), HasSubstr("[stalled]"));
+  EXPECT_THAT(process->Output(), HasSubstr("wr 1000, loader.bin: the device fell silent and has said"));
+  EXPECT_THAT(process->Output(), HasSubstr("[device-silent]"));
 }
 
 TEST_F(Update, AbortedByCtrlCSaysSoAndCanBeRunAgain) {

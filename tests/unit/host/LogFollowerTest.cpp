@@ -31,6 +31,7 @@ class LogFollowerTest : public testing::Test {
     return cause ? std::string(Describe(cause->code).name) + " | " + cause->detail : "none";
   }
 
+  host::Hearing iHearing;
   std::vector<std::string> iSteps;
   std::vector<std::string> iSent;
   LogFollower iFollower{{{"CAN controller", 3000}, {"Sanyo device", 2000}},
@@ -42,7 +43,8 @@ class LogFollowerTest : public testing::Test {
                                           std::to_string(sent.deviceBytes) + "/" +
                                           std::to_string(sent.deviceTotal) + " " +
                                           std::to_string(sent.bytes) + "/" + std::to_string(sent.total));
-                        }};
+                        },
+                        [this] { return iHearing; }};
 };
 
 TEST_F(LogFollowerTest, TellsEachStepOfEachDevice) {
@@ -118,6 +120,58 @@ TEST_F(LogFollowerTest, ASilentDeviceIsNamedBeforeTheFirstStep) {
   Take("Error: 3", logging::EError);
   EXPECT_EQ(Why(),
             "device-silent | CAN controller, before the first step: the device did not answer in time");
+}
+
+TEST_F(LogFollowerTest, TheLineTellsASilentDeviceFromASlowOne) {
+  using Kind = host::Hearing::Kind;
+  const std::pair<host::Hearing, const char*> heard[] = {
+      {{Kind::Unknown}, "stalled | CAN controller, wr 1000, loader.bin: nothing moved any more"},
+      {{Kind::Speaks}, "stalled | CAN controller, wr 1000, loader.bin: nothing moved any more"},
+      {{Kind::Nothing},
+       "device-silent | CAN controller, wr 1000, loader.bin: nothing was heard of the device at all"},
+      {{Kind::FellSilent, std::chrono::seconds(41)},
+       "device-silent | CAN controller, wr 1000, loader.bin: the device fell silent and has said nothing for "
+       "41 s"}};
+  for (const auto& [hearing, why] : heard) {
+    iHearing = hearing;
+    StartWriting();
+    Take("Timeout in polling for status in XModemSwl", logging::EError);
+    EXPECT_EQ(Why(), why);
+  }
+}
+
+TEST_F(LogFollowerTest, WhatComesAfterTheModuleGaveUpIsNoCause) {
+  iHearing = {host::Hearing::Kind::Nothing};
+  StartWriting();
+  Take("Timeout in polling for status in XModemSwl", logging::EError);
+  Take("Transfer cancelled while finalizing the delivery", logging::EWarning);
+  Take("Sending command gt 1000");
+  EXPECT_EQ(Why().substr(0, 13), "device-silent");
+}
+
+TEST_F(LogFollowerTest, KnowsWhetherMoreThanMemoryWasWritten) {
+  Take("SWL: Starting upload in PeripheralLoader", logging::EAlways);
+  EXPECT_FALSE(iFollower.OnlyMemoryWritten());
+  StartWriting();
+  EXPECT_TRUE(iFollower.OnlyMemoryWritten());
+  Take("Sending command gt 1000");
+  EXPECT_FALSE(iFollower.OnlyMemoryWritten());
+  StartWriting();
+  EXPECT_FALSE(iFollower.OnlyMemoryWritten()) << "the attempt before may have left something";
+  Take("SWL: Finished uploading using CanXModem", logging::EAlways);
+  Take("Sending command wr 1000 and file /tmp/loader.bin");
+  EXPECT_TRUE(iFollower.OnlyMemoryWritten());
+  Take("Sending file firmware.bin");
+  EXPECT_FALSE(iFollower.OnlyMemoryWritten());
+}
+
+TEST(ReasonFor, AFileThatWasOnlyNeverAskedForIsExplained) {
+  const std::string line = "The file /tmp/firmware.bin could not be opened";
+  EXPECT_EQ(host::ReasonFor(line, std::nullopt), line);
+  EXPECT_EQ(host::ReasonFor(line, host::Cause{host::ErrorCode::FileUnusable, ""}), line);
+  EXPECT_EQ(host::ReasonFor("The disk", host::Cause{host::ErrorCode::DeviceSilent, ""}), "The disk");
+  EXPECT_EQ(host::ReasonFor(line, host::Cause{host::ErrorCode::DeviceSilent, ""}),
+            line + " (not so: its transfer was not begun, since the device never asked for it)");
 }
 
 struct Failure {

@@ -255,7 +255,7 @@ TEST_F(Peripheralctl, AFailedPreparationGivesTheReasonOnce) {
     EXPECT_EQ(process.Err(),
               "The preparation failed.\nReasons given, oldest first:\n"
               "  - Cannot use serial port /dev/fake: another program holds it\n"
-              "Correct what is named above and run the command again.\nNothing was sent to the device.\n");
+              "Correct what is named above and run the command again.\nNothing was written to the device.\n");
   }
 }
 
@@ -271,7 +271,7 @@ TEST_F(Peripheralctl, AnUpdateThatCannotStartSaysThatNothingWasSent) {
   Process process(Command("update", "cannot-start"), ErrorFile());
   EXPECT_EQ(process.Wait(), 6);
   EXPECT_THAT(process.Err(),
-              AllOf(HasSubstr("The update failed.\n"), EndsWith("Nothing was sent to the device.\n")));
+              AllOf(HasSubstr("The update failed.\n"), EndsWith("Nothing was written to the device.\n")));
 }
 
 TEST_F(Peripheralctl, AFileThatChangesDuringTheUpdateMakesItFail) {
@@ -351,7 +351,7 @@ TEST_F(Peripheralctl, ASecondCtrlCWhilePreparingSaysThatNothingWasSent) {
   process.ReadUntil("Aborting.");
   process.Signal(SIGINT);
   EXPECT_EQ(process.Wait(), 7);
-  EXPECT_EQ(process.Err(), "\nExiting at once. Nothing was sent to the device.\n");
+  EXPECT_EQ(process.Err(), "\nExiting at once. Nothing was written to the device.\n");
 }
 
 TEST_F(Peripheralctl, AnOutputThatTakesNothingKeepsNeitherCtrlCFromTheModuleNorASecondOneFromTheProgram) {

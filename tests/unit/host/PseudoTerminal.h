@@ -18,6 +18,9 @@ class PseudoTerminal {
   PseudoTerminal& operator=(const PseudoTerminal&) = delete;
   ~PseudoTerminal() { close(iOther); }
 
+  /// What the port gets to read.
+  void Say(const std::string& bytes) const { (void)!write(iOther, bytes.data(), bytes.size()); }
+
   const std::string& Name() const { return iName; }
 
  private:

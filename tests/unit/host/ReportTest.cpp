@@ -18,6 +18,14 @@ using host::Outcome;
 using host::ReportFor;
 using testing::HasSubstr;
 
+TEST(Report, AFlashThatWasNotReachedIsNotIncomplete) {
+  host::RunResult result = {Goal::Update, Outcome::InstallFailed, true, {}};
+  result.onlyMemoryWritten = true;
+  EXPECT_THAT(ReportFor(result), testing::EndsWith("what it holds in its flash is as it was.\n"));
+  result.onlyMemoryWritten = false;
+  EXPECT_THAT(ReportFor(result), testing::EndsWith("incomplete image: run the update again.\n"));
+}
+
 TEST(Report, SuccessIsOneLine) {
   EXPECT_EQ(ReportFor({Goal::Update, Outcome::Succeeded, true, {"x"}}), "The update has succeeded.\n");
   EXPECT_EQ(ReportFor({Goal::Prepare, Outcome::Succeeded, false, {}}),
@@ -31,7 +39,7 @@ TEST(Report, AFailureHasItsReasonsAndAdvice) {
             "  - port is busy\n"
             "  - not ok\n"
             "Correct what is named above and run the command again.\n"
-            "Nothing was sent to the device.\n");
+            "Nothing was written to the device.\n");
   EXPECT_EQ(
       ReportFor({Goal::Update, Outcome::InstallFailed, true, {}}),
       "The update failed.\n"
@@ -45,7 +53,7 @@ TEST(Report, AnAbortSaysWhetherTheDeviceWasTouched) {
   EXPECT_EQ(ReportFor({Goal::Update, Outcome::Aborted, true, {"x"}}),
             "Aborted.\nThe device may hold an incomplete image: run the update again.\n");
   EXPECT_EQ(ReportFor({Goal::Update, Outcome::Aborted, false, {}}),
-            "Aborted.\nNothing was sent to the device.\n");
+            "Aborted.\nNothing was written to the device.\n");
 }
 
 TEST(Report, NoResultPointsAtTheTimeLimit) {
@@ -89,7 +97,7 @@ TEST(Report, FaultsThatTheModuleDoesNotSeeAreSaidToBeSo) {
             "The preparation failed.\n"
             "The module itself logs nothing about it.\n"
             "Correct what is named above and run the command again.\n"
-            "Nothing was sent to the device.\n");
+            "Nothing was written to the device.\n");
 }
 
 TEST(Report, TheCauseIsWhatTheLogTellsOrElseTheOutcome) {
@@ -116,7 +124,7 @@ TEST(Report, InHasteItIsOneLineAboutTheDevice) {
   EXPECT_EQ(HurriedReportFor({Goal::Update, Outcome::Aborted, true, {"x"}}),
             "\nExiting at once. The device may hold an incomplete image: run the update again.\n");
   EXPECT_EQ(HurriedReportFor({Goal::Update, Outcome::Aborted, false, {}}),
-            "\nExiting at once. Nothing was sent to the device.\n");
+            "\nExiting at once. Nothing was written to the device.\n");
   EXPECT_EQ(HurriedReportFor({Goal::Update, Outcome::Succeeded, true, {}}),
             "\nExiting at once. The update has succeeded.\n");
 }
