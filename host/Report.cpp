@@ -10,7 +10,7 @@ namespace {
 
 constexpr const char* kIncomplete = "The device may hold an incomplete image: run the update again.";
 constexpr const char* kOnlyMemory =
-    "Only the device's memory was written, with the loader program: what it holds in its flash is as it was.";
+    "Only the device's memory was written, its flash is as it was: run the update again.";
 constexpr const char* kUntouched = "Nothing was written to the device.";
 
 bool Succeeded(const RunResult& result) {

@@ -21,7 +21,7 @@ using testing::HasSubstr;
 TEST(Report, AFlashThatWasNotReachedIsNotIncomplete) {
   host::RunResult result = {Goal::Update, Outcome::InstallFailed, true, {}};
   result.onlyMemoryWritten = true;
-  EXPECT_THAT(ReportFor(result), testing::EndsWith("what it holds in its flash is as it was.\n"));
+  EXPECT_THAT(ReportFor(result), testing::EndsWith("its flash is as it was: run the update again.\n"));
   result.onlyMemoryWritten = false;
   EXPECT_THAT(ReportFor(result), testing::EndsWith("incomplete image: run the update again.\n"));
 }
