@@ -29,7 +29,7 @@ target_compile_definitions(injection_tests PRIVATE FAILING_CALLS_STRIDE=${stride
 if(NOT PERIPHERAL_SANITIZE)
   add_library(preloaded_failure MODULE injection/PreloadedFailure.cpp)
   target_link_libraries(preloaded_failure PRIVATE ${CMAKE_DL_LIBS})
-  peripheral_test(failing_program_tests LABEL long TIMEOUT 120
+  peripheral_test(failing_program_tests LABEL long TIMEOUT 300 ALONE
     SOURCES
       injection/KillTest.cpp
       injection/ProgramTest.cpp
