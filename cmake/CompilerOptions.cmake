@@ -12,7 +12,9 @@ set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
 find_package(Threads REQUIRED)
 find_program(CCACHE ccache)
 if(CCACHE)
-  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+  # It keeps what was compiled with precompiled headers only if it is told that they are what they seem.
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros ${CCACHE})
+  add_compile_options($<$<CXX_COMPILER_ID:GNU>:-fpch-preprocess>)
 endif()
 
 add_compile_options(
@@ -37,8 +39,10 @@ if(PERIPHERAL_SANITIZE)
 endif()
 
 # unhurried(SOURCE ...): sources of the folder that are mostly other people's templates, for options, settings and
-# reports. Their own speed nobody feels, and optimised they take three times as long to compile, instrumented even more;
-# only what is shipped has them so.
+# reports. Their own speed nobody feels, and optimised they take three times as long to compile, instrumented even more.
+option(PERIPHERAL_QUICK_BUILD "Leave unoptimised what takes long to compile and whose speed nobody feels" OFF)
 function(unhurried)
-  set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS $<$<NOT:$<CONFIG:Release>>:-O0>)
+  if(PERIPHERAL_QUICK_BUILD)
+    set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS -O0)
+  endif()
 endfunction()

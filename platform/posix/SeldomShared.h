@@ -5,9 +5,11 @@
 #include <chrono>
 #include <thread>
 
-/// A lock that its main user takes for every byte, and others hardly ever. With a std::mutex, locking would
-/// be the largest part of what sending costs. Who finds it taken looks again after a while. Unlike a
-/// std::mutex it may be unlocked in a child process, where the thread that held it does not exist.
+/// A lock that is hardly ever wanted by two threads at a time: that of a port, which its user takes for every
+/// byte, and those of the table of ports and of the observer. With a std::mutex, locking would be the largest
+/// part of what sending costs. Who finds it taken looks again after a while, which may be longer than need
+/// be. Unlike a std::mutex it may be unlocked in a child process, where the thread that held it does not
+/// exist.
 class CSeldomShared {
  public:
   void lock() {

@@ -80,7 +80,8 @@ class Commands(unittest.TestCase):
             if mark == "exit":
                 script += f"status=0\n{text.strip()} || status=$?\n[ $status -eq {what} ] || exit 99\n"
             elif mark == "runs on":
-                script += f"{text.strip()} &\nsleep 1\n"
+                port = re.search(r"--link (\S+)", text).group(1)
+                script += f"{text.strip()} &\nuntil [ -e {port} ]; do sleep 0.1; done\n"
             elif mark == "run as":
                 self.assertIn(text.strip(), what, "the same command")
                 script += f"{what}\n"

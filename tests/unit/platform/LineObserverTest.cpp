@@ -1,5 +1,6 @@
 // Goal: an observer of the lines learns of every byte in its order, of openings, losses and closings, and
 // changes nothing for the ports. Method: pseudo-terminals, whose master is the device at the other end.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -147,12 +148,16 @@ TEST(LineObserver, AtWorkHoldsUpNoShellWhichInheritsNothingOfAPort) {
   std::thread opening([&] { EXPECT_NE(MakePort(pty.Name()), nullptr); });
   observer.AwaitCall();
   constexpr int kNothingFound = 1;
-  const std::string look =
-      "ls -l /proc/self/fd | grep -e timerfd -e '" + pty.Name() + "$' -e '" + gathering.Name() + "$'";
-  const int status = std::system(look.c_str());
+  const int witness = open(pty.Name().c_str(), O_RDWR | O_NOCTTY);
+  const auto look_for = [](const std::string& pattern) {
+    return WEXITSTATUS(std::system(("ls -l /proc/self/fd | grep " + pattern).c_str()));
+  };
+  EXPECT_EQ(look_for("'" + pty.Name() + "$'"), 0) << "what is inherited is found";
+  close(witness);
+  const int found = look_for("-e timerfd -e '" + pty.Name() + "$' -e '" + gathering.Name() + "$'");
   observer.LetGo();
   opening.join();
-  EXPECT_EQ(WEXITSTATUS(status), kNothingFound);
+  EXPECT_EQ(found, kNothingFound);
 }
 
 }  // namespace
