@@ -8,9 +8,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <utility>
@@ -38,6 +40,20 @@ State& Present() {
 }
 
 thread_local bool exempt = false;
+
+std::atomic<std::size_t> running_threads{0};
+
+struct Start {
+  void* (*entry)(void*);
+  void* argument;
+};
+
+void* RunCounted(void* start) {
+  const std::unique_ptr<Start> own(static_cast<Start*>(start));
+  void* const result = own->entry(own->argument);
+  --running_threads;
+  return result;
+}
 
 // Whether this is the call that was to fail; errno is set then.
 bool ShallFail(Call call) {
@@ -108,6 +124,10 @@ void CloseOpenFiles() {
     return state.files;
   }();
   std::for_each(files.begin(), files.end(), [](std::FILE* file) { std::fclose(file); });
+}
+
+std::size_t RunningThreads() {
+  return running_threads;
 }
 
 std::string TakeStandardError() {
@@ -201,7 +221,18 @@ int __wrap_close(int descriptor) {
 
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*),
                           void* argument) {
-  return ShallFail(Call::kPthreadCreate) ? errno : __real_pthread_create(thread, attributes, entry, argument);
+  if (ShallFail(Call::kPthreadCreate)) {
+    return errno;
+  }
+  auto start = std::make_unique<Start>(Start{entry, argument});
+  ++running_threads;
+  const int error = __real_pthread_create(thread, attributes, RunCounted, start.get());
+  if (error == 0) {
+    start.release();
+  } else {
+    --running_threads;
+  }
+  return error;
 }
 
 int __wrap_stat(const char* path, struct stat* status) {

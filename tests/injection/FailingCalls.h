@@ -52,6 +52,9 @@ std::size_t OpenFiles();
 /// Closes these.
 void CloseOpenFiles();
 
+/// Threads that pthread_create has started and whose work is not done. Those of std::thread do not count.
+std::size_t RunningThreads();
+
 /// What was written to the standard error since the last call. It goes nowhere else.
 std::string TakeStandardError();
 

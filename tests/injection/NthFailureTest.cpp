@@ -120,7 +120,8 @@ class AnUpdate : public testing::TestWithParam<std::tuple<const char*, Failure>>
     JudgeKeptFiles(log);
     if (hasFailed) {
       PlugAnew();
-      Judge(host.Update(), Outcome::kSuccess, "(the next update) " + failing_calls::TakeStandardError());
+      const Told next = host.Update();
+      Judge(next, Outcome::kSuccess, "(the next update) " + failing_calls::TakeStandardError());
     }
     EXPECT_TRUE(host.DeleteModule()) << "a subscription is left, or another thread has called the broker";
     EXPECT_TRUE(iDescriptors == 0 || OpenDescriptors() == iDescriptors) << "descriptors are left";

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
-#include <filesystem>
 
+#include "FailingCalls.h"
 #include "FeatureEntry.h"
 #include "FeatureEvents.h"
 #include "LineTime.h"
@@ -26,11 +26,6 @@ constexpr TFeatureEventId kHeard[] = {EPrepareResult, EInstallResult, EInstallPr
 
 bool IsTick(const TEvent& filter) {
   return filter.type == ETimerEvent && filter.id == 0;
-}
-
-std::ptrdiff_t Threads() {
-  return std::distance(std::filesystem::directory_iterator("/proc/self/task"),
-                       std::filesystem::directory_iterator());
 }
 
 template <typename TPayload>
@@ -100,7 +95,8 @@ void PumpedBroker::NoteThread() {
 
 // ---- UpdatingHost ----
 
-UpdatingHost::UpdatingHost(const IFeatureProperties& properties) {
+UpdatingHost::UpdatingHost(const IFeatureProperties& properties)
+    : iThreadsWithoutUpload(failing_calls::RunningThreads()) {
   for (const TFeatureEventId id : kHeard) {
     iBroker.Subscribe({EUserEvent, id, 0, nullptr}, *this);
   }
@@ -112,7 +108,6 @@ UpdatingHost::~UpdatingHost() = default;
 Told UpdatingHost::Update() {
   iTold = {};
   iPercent = 0;
-  iThreadsWithoutUpload = Threads();
   Request(EPrepareRequest);
   Drive([this] { return iTold.prepared.has_value(); });
   if (iTold.prepared == true) {
@@ -172,5 +167,6 @@ void UpdatingHost::Drive(TEnough enough) {
 // By the line's time, so that an upload on a loaded machine is not taken for one that stalls. Without an
 // upload there is nobody to wait for.
 bool UpdatingHost::TickIsDue(std::int64_t last_us) const {
-  return line_time::Now_us() - last_us >= kTickPeriod_us || Threads() <= iThreadsWithoutUpload;
+  return line_time::Now_us() - last_us >= kTickPeriod_us ||
+         failing_calls::RunningThreads() <= iThreadsWithoutUpload;
 }

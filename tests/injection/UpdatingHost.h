@@ -85,10 +85,10 @@ class UpdatingHost : private IEventObserver {
   void Drive(TEnough enough);
   bool TickIsDue(std::int64_t last_us) const;
 
+  const std::size_t iThreadsWithoutUpload;
   PumpedBroker iBroker;
   FakeInterfaceBroker iInterfaces;
   std::unique_ptr<IFeatureModule2> iModule;
   Told iTold;
   int iPercent = 0;
-  std::ptrdiff_t iThreadsWithoutUpload = 0;
 };
