@@ -9,6 +9,7 @@
 #include <charconv>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <system_error>
 
 #include "Groups.h"
@@ -21,6 +22,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kModemManager = "ModemManager";
+constexpr const char* kUdevRule = "78-peripheral-loader.rules";
 // What the kernel says of a UART that is not there.
 constexpr const char* kUnknownType = "0";
 
@@ -74,6 +76,20 @@ bool PlaysDevice(const fs::path& process, const fs::path& device) {
                      [&index](const fs::path& file) { return HasLine(file, index); });
 }
 
+// Whether the udev rule in that file names an adapter by both of its numbers, or all of its vendor's.
+bool IsNamed(const fs::path& rule, const std::string& vendor, const std::string& product) {
+  std::ifstream file(rule);
+  for (std::string line; std::getline(file, line);) {
+    const std::size_t products = line.find("ATTRS{idProduct}");
+    const std::string vendors = line.substr(0, products);
+    if (vendors.rfind("ATTRS{idVendor}", 0) == 0 && vendors.find(vendor) != std::string::npos &&
+        (products == std::string::npos || line.find(product, products) != std::string::npos)) {
+      return true;
+    }
+  }
+  return false;
+}
+
 // Looks at one machine's folders.
 class Machine {
  public:
@@ -120,6 +136,7 @@ class Machine {
       port.howToGainAccess = port.mayBeOpened ? "" : HowToGainAccess(status);
     }
     port.modemManager = Risk(entry, !usb.empty());
+    port.howToKeepAway = port.modemManager == ModemManagerRisk::Likely ? HowToKeepAway(usb) : "";
     return port;
   }
 
@@ -191,6 +208,34 @@ class Machine {
     return onUsb ? ModemManagerRisk::Likely : ModemManagerRisk::Unlikely;
   }
 
+  std::string HowToKeepAway(const fs::path& usb) const {
+    const std::optional<std::string> rule = InstalledRule();
+    if (!rule) {
+      return fmt::format("install the udev rule {}", kUdevRule);
+    }
+    const std::string vendor = FirstLine(usb / "idVendor");
+    const std::string product = FirstLine(usb / "idProduct");
+    if (IsNamed(*rule, vendor, product)) {
+      return fmt::format("the udev rule {} names it; run \"udevadm control --reload\" and plug it in again",
+                         kUdevRule);
+    }
+    return fmt::format(
+        "the udev rule {0} does not name {1}:{2}; write SUBSYSTEM==\"tty\", ATTRS{{idVendor}}==\"{1}\", "
+        "ATTRS{{idProduct}}==\"{2}\", ENV{{ID_MM_PORT_IGNORE}}=\"1\" into "
+        "/etc/udev/rules.d/78-own-adapters.rules, run \"udevadm control --reload\" and plug it in again",
+        kUdevRule, vendor, product);
+  }
+
+  std::optional<std::string> InstalledRule() const {
+    for (const char* folder : {"/etc", "/run", "/usr/local/lib", "/usr/lib", "/lib"}) {
+      const std::string path = fmt::format("{}{}/udev/rules.d/{}", iRoot, folder, kUdevRule);
+      if (std::error_code error; fs::exists(path, error)) {
+        return path;
+      }
+    }
+    return std::nullopt;
+  }
+
   bool IsExempt(const std::string& number) const {
     const std::string data = iRoot + "/run/udev/data/c" + number;
     return HasLine(data, "E:ID_MM_PORT_IGNORE=1") || HasLine(data, "E:ID_MM_DEVICE_IGNORE=1");
@@ -209,7 +254,7 @@ const char* Describe(ModemManagerRisk risk) {
     case ModemManagerRisk::Unlikely:
       return "runs, but hardly looks at such a port";
     case ModemManagerRisk::Likely:
-      return "runs and may talk to the device: install the udev rule 78-peripheral-loader.rules";
+      return "runs and may talk to the device: ";
   }
   return "";
 }
@@ -257,7 +302,7 @@ std::string DescribePorts(const std::vector<Port>& ports) {
     text += fmt::format("  held by        {}\n", Describe(port.holders, "nobody that you may see"));
     text += port.mayBeOpened ? "  access         yes\n"
                              : fmt::format("  access         no: {}\n", port.howToGainAccess);
-    text += fmt::format("  modem manager  {}\n", Describe(port.modemManager));
+    text += fmt::format("  modem manager  {}{}\n", Describe(port.modemManager), port.howToKeepAway);
   }
   return text;
 }

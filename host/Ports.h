@@ -29,6 +29,7 @@ struct Port {
   std::string group;                     ///< whom the device belongs to
   ModemManagerRisk modemManager;
   std::string howToGainAccess = {};  ///< for people, an order; empty when it may be opened
+  std::string howToKeepAway = {};    ///< a modem manager, likewise; empty when it is not likely to disturb
 };
 
 /// The serial ports of this machine, by name. `root` stands before every path that is looked at.

@@ -54,12 +54,12 @@ class Udev(unittest.TestCase):
         return "\nID_MM_PORT_IGNORE=1\n" in run(RULE.read_text(), adapter, subsystem).stdout
 
     def test_keeps_the_modem_manager_away_from_the_named_adapters(self):
-        for adapter in ("0403:6001", "0403:6010", "0403:6011", "0403:6014", "0403:6015", "10c4:ea60", "1a86:7523",
-                        "067b:2303"):
+        for adapter in ("0403:6001", "0403:6015", "10c4:ea60", "10c4:ea71", "1a86:7523", "1a86:55d4", "067b:2303",
+                        "04d8:00dd", "0483:374b", "0483:5740", "2341:0043", "2a03:0043", "0d28:0204", "2e8a:000c"):
             self.assertTrue(self.exempted(adapter), adapter)
 
     def test_leaves_everything_else_alone(self):
-        for adapter in ("0403:6002", "067b:6001", "1a86:2303"):
+        for adapter in ("0403:6002", "067b:6001", "1a86:2303", "1209:0001"):
             self.assertFalse(self.exempted(adapter), adapter)
         self.assertFalse(self.exempted("0403:6001", "net"))
 

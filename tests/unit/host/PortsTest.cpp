@@ -164,6 +164,29 @@ TEST_F(Ports, AModemManagerIsARiskUnlessARuleKeepsItAway) {
   EXPECT_EQ(Find()[1].modemManager, ModemManagerRisk::KeptAway);
 }
 
+TEST_F(Ports, TheAdviceFitsWhatTheInstalledRuleNames) {
+  AddProcess("99", "ModemManager");
+  EXPECT_EQ(FindOne().howToKeepAway, "install the udev rule 78-peripheral-loader.rules");
+  fs::create_directories(iFolder.Path("usr/lib/udev/rules.d"));
+  fs::copy_file(UDEV_RULES, iFolder.Path("usr/lib/udev/rules.d/78-peripheral-loader.rules"));
+  const std::string again = "run \"udevadm control --reload\" and plug it in again";
+  EXPECT_EQ(FindOne().howToKeepAway, "the udev rule 78-peripheral-loader.rules names it; " + again);
+  for (const std::string vendor : {"1209", "2341", "0403"}) {
+    Write(std::string(kUsb) + "/idVendor", vendor + "\n");
+    Write(std::string(kUsb) + "/idProduct", "0001\n");
+    EXPECT_EQ(FindOne().howToKeepAway,
+              "the udev rule 78-peripheral-loader.rules " +
+                  (vendor == "2341" ? "names it; "
+                                    : "does not name " + vendor +
+                                          ":0001; write SUBSYSTEM==\"tty\", ATTRS{idVendor}==\"" + vendor +
+                                          "\", ATTRS{idProduct}==\"0001\", ENV{ID_MM_PORT_IGNORE}=\"1\" into "
+                                          "/etc/udev/rules.d/78-own-adapters.rules, ") +
+                  again);
+  }
+  Write("run/udev/data/c188:0", "E:ID_MM_PORT_IGNORE=1\n");
+  EXPECT_EQ(FindOne().howToKeepAway, "");
+}
+
 TEST_F(Ports, TheShippedRuleSetsWhatIsLookedFor) {
   std::ifstream rules(UDEV_RULES);
   int exempted = 0;
@@ -172,32 +195,32 @@ TEST_F(Ports, TheShippedRuleSetsWhatIsLookedFor) {
     exempted += names ? 1 : 0;
     EXPECT_TRUE(!names || line.find(", ENV{ID_MM_PORT_IGNORE}=\"1\"") != std::string::npos) << line;
   }
-  EXPECT_EQ(exempted, 8);
+  EXPECT_EQ(exempted, 9);
 }
 
 TEST_F(Ports, PeopleGetThemOneBelowTheOther) {
   EXPECT_EQ(host::DescribePorts({}), "There is no serial port. Is the adapter plugged in?\n");
-  EXPECT_EQ(
-      host::DescribePorts({{"/dev/ttyUSB0",
-                            {"/dev/serial/by-id/a"},
-                            "an adapter",
-                            {{12, "minicom"}, {13, "cat"}},
-                            false,
-                            "dialout",
-                            ModemManagerRisk::KeptAway,
-                            "do something"},
-                           {"/dev/ttyUSB1", {}, "another", {}, true, "root", ModemManagerRisk::Likely}}),
-      "/dev/ttyUSB0\n"
-      "  stable name    /dev/serial/by-id/a\n"
-      "  adapter        an adapter\n"
-      "  held by        minicom (process 12), cat (process 13)\n"
-      "  access         no: do something\n"
-      "  modem manager  kept away by a udev rule\n"
-      "/dev/ttyUSB1\n"
-      "  adapter        another\n"
-      "  held by        nobody that you may see\n"
-      "  access         yes\n"
-      "  modem manager  runs and may talk to the device: install the udev rule 78-peripheral-loader.rules\n");
+  EXPECT_EQ(host::DescribePorts(
+                {{"/dev/ttyUSB0",
+                  {"/dev/serial/by-id/a"},
+                  "an adapter",
+                  {{12, "minicom"}, {13, "cat"}},
+                  false,
+                  "dialout",
+                  ModemManagerRisk::KeptAway,
+                  "do something"},
+                 {"/dev/ttyUSB1", {}, "another", {}, true, "root", ModemManagerRisk::Likely, "", "beware"}}),
+            "/dev/ttyUSB0\n"
+            "  stable name    /dev/serial/by-id/a\n"
+            "  adapter        an adapter\n"
+            "  held by        minicom (process 12), cat (process 13)\n"
+            "  access         no: do something\n"
+            "  modem manager  kept away by a udev rule\n"
+            "/dev/ttyUSB1\n"
+            "  adapter        another\n"
+            "  held by        nobody that you may see\n"
+            "  access         yes\n"
+            "  modem manager  runs and may talk to the device: beware\n");
   EXPECT_THAT(host::DescribePorts({{"/dev/x", {}, "", {}, true, "", ModemManagerRisk::NotRunning}}),
               HasSubstr("does not run"));
   EXPECT_THAT(host::DescribePorts({{"/dev/x", {}, "", {}, true, "", ModemManagerRisk::Unlikely}}),
