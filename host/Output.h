@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <functional>
+#include <iostream>
 #include <optional>
 #include <string>
 #include <utility>
@@ -40,6 +41,9 @@ class Output : public UpdateListener {
   virtual void OnRefusal(const Faults& faults, ExitCode exitCode) = 0;
   /// How it ended: the last that is told.
   virtual void OnResult(const RunResult& result, ExitCode exitCode) = 0;
+
+  /// Where log lines go that no file takes, each flushed as a whole.
+  virtual std::ostream& Log() { return std::cerr; }
 
   /// Has retries give the cause that `why` knows for the attempt before, counted from 1.
   void AskWhy(std::function<std::optional<Cause>(int)> why) { iWhy = std::move(why); }

@@ -16,7 +16,6 @@ constexpr int kMaxBarWidthBesideStatus = 20;
 constexpr int kMinStatusWidth = 12;
 constexpr int kMostBeforeTheEnd = 99;
 constexpr int kColumnsBesideBar = 9;  // brackets, two blanks, "100 %"
-constexpr const char* kClearLine = "\r\x1b[K";
 constexpr const char* kGreen = "\x1b[32m";
 constexpr const char* kPlain = "\x1b[0m";
 
@@ -50,7 +49,16 @@ int PercentOfDevice(const SentBytes& sent) {
 
 ProgressDisplay::ProgressDisplay(std::ostream& out, std::ostream& err, Look look,
                                  std::vector<std::string> devices)
-    : iOut(out), iErr(err), iLook(std::move(look)), iDevices(std::move(devices)) {}
+    : iOut(out),
+      iErr(err),
+      iLook(std::move(look)),
+      iScreen(out),
+      iLog(iScreen, err),
+      iDevices(std::move(devices)) {}
+
+std::ostream& ProgressDisplay::Log() {
+  return iLook.terminal && iLook.errorsToo ? iLog : iErr;
+}
 
 void ProgressDisplay::OnState(UpdateState state) {
   switch (state) {
@@ -138,7 +146,7 @@ void ProgressDisplay::OnWarning(const std::string& text) {
   if (iLook.terminal) {
     LeaveBar();
   }
-  iErr << "peripheralctl: " << text << std::endl;
+  iScreen.Print(iErr, "peripheralctl: " + text + "\n");
 }
 
 // The faults say it all.
@@ -158,20 +166,12 @@ void ProgressDisplay::EndProgress(bool isDone) {
   LeaveBar();
 }
 
-// Flushed at once: a line that waits in a buffer while the device is updated helps nobody.
 void ProgressDisplay::Line(const std::string& text) {
-  if (iLook.terminal && iPercent >= 0) {
-    iOut << kClearLine << text << "\n";
-    DrawBar();
-  } else {
-    iOut << text << std::endl;
-  }
+  iScreen.Print(iOut, text + "\n");
 }
 
 void ProgressDisplay::LeaveBar() {
-  if (iLook.terminal && iPercent >= 0) {
-    iOut << std::endl;
-  }
+  iScreen.LeaveBar();
   iPercent = -1;
 }
 
@@ -183,10 +183,8 @@ void ProgressDisplay::DrawBar() {
   const int width = status.empty() ? std::clamp(rest, kMinBarWidth, kMaxBarWidth)
                                    : std::min(rest, kMaxBarWidthBesideStatus);
   const int filled = width * iPercent / 100;
-  iOut << kClearLine
-       << fmt::format("[{}{:#>{}}{}{:.>{}}]  {:3} %", iLook.colour ? kGreen : "", "", filled,
-                      iLook.colour ? kPlain : "", "", width - filled, iPercent)
-       << status << std::flush;
+  iScreen.ShowBar(fmt::format("[{}{:#>{}}{}{:.>{}}]  {:3} %{}", iLook.colour ? kGreen : "", "", filled,
+                              iLook.colour ? kPlain : "", "", width - filled, iPercent, status));
 }
 
 std::string ProgressDisplay::Device(std::size_t index) const {

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Output.h"
+#include "Screen.h"
 
 namespace host {
 
@@ -13,6 +14,7 @@ namespace host {
 struct Look {
   bool terminal;                 ///< lines may be redrawn in place
   bool colour;                   ///< without effect when `terminal` is false
+  bool errorsToo;                ///< standard error is a terminal as well, most likely the same one
   std::function<int()> columns;  ///< the terminal's width, which may change
 };
 
@@ -37,6 +39,9 @@ class ProgressDisplay : public Output {
   void OnRefusal(const Faults& faults, ExitCode exitCode) override;
   void OnResult(const RunResult& result, ExitCode exitCode) override;
 
+  /// Any thread, unlike the rest: lines that share the terminal with the bar stand above it.
+  std::ostream& Log() override;
+
  protected:
   /// No progress is shown after this; all of it is, if it is done.
   void EndProgress(bool isDone);
@@ -52,6 +57,8 @@ class ProgressDisplay : public Output {
   std::ostream& iOut;
   std::ostream& iErr;
   const Look iLook;
+  Screen iScreen;
+  ScreenStream iLog;
   const std::vector<std::string> iDevices;
   int iPercent = -1;    ///< what the bar shows; below 0 there is no bar
   int iLastTenth = -1;  ///< the last tenth that has a line

@@ -216,9 +216,10 @@ ExitCode Replay(const std::string& name, const std::string& library, bool fast) 
   ReplayDisplay display(replaying, name, NamesOf(PlanOf(properties)));
   const SourceFiles files(properties);
   const Retries retries = {std::max(AttemptsIn(trace) - 1, 0), std::chrono::milliseconds(0)};
-  const ExitCode code = UpdateRun{Goal::Update, {},      retries,   library, kFeatureId,   properties, files,
-                                  {},           display, std::cerr, nullptr, std::nullopt, &replaying}
-                            .Execute();
+  const ExitCode code =
+      UpdateRun{Goal::Update, {},      retries,       library, kFeatureId,   properties, files,
+                {},           display, display.Log(), nullptr, std::nullopt, &replaying}
+          .Execute();
   return replaying.Verdict() ? CodeFor(*replaying.Verdict(), trace) : code;
 }
 

@@ -33,7 +33,7 @@ int Columns() {
 Look LookOfStandardOutput() {
   const std::string_view terminal = Variable("TERM");
   const bool redraws = isatty(STDOUT_FILENO) != 0 && !terminal.empty() && terminal != "dumb";
-  return {redraws, redraws && Variable("NO_COLOR").empty(), Columns};
+  return {redraws, redraws && Variable("NO_COLOR").empty(), isatty(STDERR_FILENO) != 0, Columns};
 }
 
 // Whoever closed a stream is told of what is lost with it, as of any other that takes nothing.

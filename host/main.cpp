@@ -185,7 +185,7 @@ ExitCode Run(Options& options, const Configuration& configuration, const SourceF
                 files,
                 faults,
                 output,
-                hasFile ? lines : std::cerr,
+                hasFile ? lines : output.Log(),
                 hasFile ? &logFile : nullptr,
                 options.logLevel};
   const bool isRecorded = !options.traceFile.empty() || !options.reportFile.empty();

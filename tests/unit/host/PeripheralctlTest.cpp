@@ -46,11 +46,12 @@ bool Soon(const std::function<bool()>& happened) {
   return true;
 }
 
-// Where a program's outputs go: standard error to a file unless both go to the full pipe.
+// Where a program's outputs go: standard error to a file unless both go to the same place.
 enum class Output {
   Pipe,
   Socket,
   Terminal,
+  TerminalForBoth,
   FullPipe,
   FullPipeWithoutWaiting,
   FullPipeForBoth,
@@ -69,6 +70,7 @@ class Process {
       argv.push_back(argument.data());
     }
     argv.push_back(nullptr);
+    const bool isForBoth = output == Output::FullPipeForBoth || output == Output::TerminalForBoth;
     const int out = Open(output);
     const int error = open(iErrorFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     iPid = fork();
@@ -78,7 +80,7 @@ class Process {
       // Whoever runs the tests may ignore it, which the program would then do too.
       std::signal(SIGHUP, SIG_DFL);
       dup2(out, STDOUT_FILENO);
-      dup2(output == Output::FullPipeForBoth ? out : error, STDERR_FILENO);
+      dup2(isForBoth ? out : error, STDERR_FILENO);
       if (output == Output::None) {
         close(STDOUT_FILENO);
       }
@@ -141,6 +143,7 @@ class Process {
   int Open(Output output) {
     switch (output) {
       case Output::Terminal:
+      case Output::TerminalForBoth:
         return OpenTerminal();
       case Output::FullDisk:
         return open("/dev/full", O_WRONLY | O_CLOEXEC);
@@ -246,6 +249,39 @@ TEST_F(Peripheralctl, ATerminalGetsABar) {
   EXPECT_EQ(process.Wait(), 0);
   EXPECT_THAT(process.Out(),
               HasSubstr("\r\x1b[K[##################################################]  100 %"));
+}
+
+// What a terminal shows of a text: a line that is cleared leaves nothing.
+std::string Shown(const std::string& bytes) {
+  constexpr std::string_view kClear = "\r\x1b[K";
+  std::string shown;
+  for (std::size_t at = 0; at < bytes.size(); ++at) {
+    if (bytes.compare(at, kClear.size(), kClear) == 0) {
+      shown.erase(shown.rfind('\n') + 1);
+      at += kClear.size() - 1;
+    } else if (bytes[at] != '\r') {
+      shown += bytes[at];
+    }
+  }
+  return shown;
+}
+
+TEST_F(Peripheralctl, TheLogStandsAboveTheBar) {
+  Process process(Command("update", "logs", {"--log-level", "info"}), ErrorFile(), Output::TerminalForBoth);
+  EXPECT_EQ(process.Wait(), 0);
+  std::istringstream lines(Shown(process.Out()));
+  int logged = 0;
+  int bars = 0;
+  for (std::string line; std::getline(lines, line);) {
+    bars += line.front() == '[' ? 1 : 0;
+    if (line.find("Line of the log") != std::string::npos) {
+      ++logged;
+      EXPECT_THAT(line, testing::MatchesRegex("[-0-9 :.]+ Info +[A-Za-z]+ .*"));
+    }
+  }
+  EXPECT_EQ(logged, 200);
+  EXPECT_EQ(bars, 1);
+  EXPECT_THAT(Shown(process.Out()), EndsWith("]  100 %\nThe update has succeeded.\n"));
 }
 
 TEST_F(Peripheralctl, AFailedPreparationGivesTheReasonOnce) {

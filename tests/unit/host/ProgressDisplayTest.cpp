@@ -17,7 +17,8 @@ using testing::Not;
 
 ProgressDisplay Display(std::ostream& out, bool terminal, int columns, std::vector<std::string> devices = {},
                         bool colour = false) {
-  return ProgressDisplay(out, out, {terminal, colour, [columns] { return columns; }}, std::move(devices));
+  return ProgressDisplay(out, out, {terminal, colour, false, [columns] { return columns; }},
+                         std::move(devices));
 }
 
 TEST(ProgressDisplay, WritesALineEveryTenPercentWhereThereIsNoTerminal) {
@@ -141,7 +142,7 @@ TEST(ProgressDisplay, TheStepStandsBehindTheBarAndOfTheBytesWhatThereIsRoomFor) 
 TEST(ProgressDisplay, ATerminalThatShrinksIsRespectedAtOnce) {
   std::ostringstream out;
   int columns = 80;
-  ProgressDisplay display(out, out, {true, false, [&columns] { return columns; }}, {});
+  ProgressDisplay display(out, out, {true, false, false, [&columns] { return columns; }}, {});
   display.OnProgress(0);
   columns = 20;
   out.str("");
@@ -184,7 +185,7 @@ TEST(ProgressDisplay, ARetryGivesTheCauseAndBeginsAnew) {
 TEST(ProgressDisplay, FailuresGoToTheOtherStream) {
   std::ostringstream out;
   std::ostringstream err;
-  ProgressDisplay display(out, err, {false, false, [] { return 80; }}, {});
+  ProgressDisplay display(out, err, {false, false, false, [] { return 80; }}, {});
   display.OnFaults({{host::ErrorCode::PortBusy, "one"}, {host::ErrorCode::PortMissing, "two"}});
   display.OnWarning("three");
   display.OnRefusal({}, host::ExitCode::BadConfiguration);

@@ -71,6 +71,14 @@ class FakeModule final : public IFeatureModule2, public IEventObserver {
       }
       Result(EInstallResult, true);
       LOG_ALWAYS(logging::PeripheralLoader, "SWL: Finished upload in fake");
+    } else if (iFeatureId == "logs") {
+      for (int i = 0; i < 100; ++i) {
+        Progress(i);
+        LOG_INFO(logging::PeripheralLoader, "Line of the log before a pause");
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        LOG_INFO(logging::PeripheralLoader, "Line of the log");
+      }
+      Result(EInstallResult, true);
     } else if (iFeatureId == "fails-once") {
       Progress(iFailedOnce ? 100 : 60);
       Result(EInstallResult, iFailedOnce);
