@@ -9,41 +9,7 @@ namespace host {
 
 namespace {
 
-constexpr int kMinBarWidth = 10;
-constexpr int kMaxBarWidth = 50;
-constexpr int kMinBarWidthBesideStatus = 5;
-constexpr int kMaxBarWidthBesideStatus = 20;
-constexpr int kMinStatusWidth = 12;
 constexpr int kMostBeforeTheEnd = 99;
-constexpr int kColumnsBesideBar = 9;  // brackets, two blanks, "100 %"
-constexpr const char* kGreen = "\x1b[32m";
-constexpr const char* kPlain = "\x1b[0m";
-
-std::string Size(double bytes) {
-  constexpr double kKibi = 1024;
-  return bytes < kKibi * kKibi ? fmt::format("{:.1f} KiB", bytes / kKibi)
-                               : fmt::format("{:.1f} MiB", bytes / kKibi / kKibi);
-}
-
-std::string Duration(std::chrono::seconds time) {
-  return fmt::format("{}:{:02}", time.count() / 60, time.count() % 60);
-}
-
-std::vector<std::string> Describe(const SentBytes& sent, const Pace& pace) {
-  std::vector<std::string> facts = {fmt::format("{} of {}", Size(static_cast<double>(sent.deviceBytes)),
-                                                Size(static_cast<double>(sent.deviceTotal)))};
-  if (pace.rate_Bps) {
-    facts.push_back(Size(*pace.rate_Bps) + "/s");
-  }
-  if (pace.left) {
-    facts.push_back(Duration(*pace.left) + " left");
-  }
-  return facts;
-}
-
-int PercentOfDevice(const SentBytes& sent) {
-  return sent.deviceTotal > 0 ? static_cast<int>(sent.deviceBytes * 100 / sent.deviceTotal) : 0;
-}
 
 }  // namespace
 
@@ -73,24 +39,33 @@ void ProgressDisplay::OnState(UpdateState state) {
       Line("Updating. Leave the device powered and connected; Ctrl-C aborts.");
       break;
     case UpdateState::Aborting:
+      LeaveBar();
       Line("Aborting. Waiting for the module's answer; a second Ctrl-C exits at once.");
       break;
   }
 }
 
-// Every byte may be on its way and the update fail all the same.
+// What is told of the bytes says the same more finely. Two measures side by side would contradict each other.
 void ProgressDisplay::OnProgress(int percent) {
-  ShowProgress(std::min(percent, kMostBeforeTheEnd));
+  if (!iCountsBytes || iFacts.percent < 0) {
+    ShowProgress(percent);
+  }
 }
 
+// Every byte may be on its way and the update fail all the same.
 void ProgressDisplay::ShowProgress(int percent) {
-  iPercent = percent;
+  iFacts.percent = std::max(iFacts.percent, std::min(percent, kMostBeforeTheEnd));
+  Redraw();
+}
+
+void ProgressDisplay::Redraw() {
   if (iLook.terminal) {
-    DrawBar();
-  } else if (percent / 10 > iLastTenth || iLastTenth < 0) {
-    iLastTenth = percent / 10;
-    const std::string facts = iSent.empty() ? "" : fmt::format(" ({})", fmt::join(iSent, ", "));
-    Line(fmt::format("Progress: {} %{}", percent, facts));
+    iScreen.ShowBar(ProgressLine(iFacts, iLook.columns(), iLook.colour));
+  } else if (iFacts.percent / 10 > iLastTenth || iLastTenth < 0) {
+    iLastTenth = iFacts.percent / 10;
+    const std::vector<std::string> known = DescribeBytes(iFacts);
+    const std::string facts = known.empty() ? "" : fmt::format(" ({})", fmt::join(known, ", "));
+    Line(fmt::format("Progress: {} %{}", iFacts.percent, facts));
   }
 }
 
@@ -100,8 +75,6 @@ void ProgressDisplay::OnMilestone(const std::string& text) {
 
 void ProgressDisplay::OnRetry(int attempt, const Retries& retries) {
   LeaveBar();
-  iStep.clear();
-  iSent.clear();
   iLastTenth = -1;
   const std::optional<Cause> cause = Why(attempt - 1);
   Line(fmt::format("The attempt failed{}; attempt {} of {} begins in {:.0f} s.",
@@ -110,21 +83,25 @@ void ProgressDisplay::OnRetry(int attempt, const Retries& retries) {
 }
 
 void ProgressDisplay::OnStep(const DeviceStep& step) {
-  iStep = fmt::format("{}: {}", Device(step.device), step.text);
+  if (iFacts.sent && iFacts.sent->device != step.device) {
+    iFacts.sent.reset();
+  }
+  iFacts.device = ShownDevice(step.device);
+  iFacts.step = step.text;
   if (!iLook.terminal) {
-    Line("  " + iStep);
-  } else if (iPercent >= 0) {
-    DrawBar();
+    Line(fmt::format("  {}: {}", Device(step.device), step.text));
+  } else if (iFacts.percent >= 0) {
+    Redraw();
   }
 }
 
 void ProgressDisplay::OnSentBytes(const SentBytes& sent, const Pace& pace) {
-  iSent = Describe(sent, pace);
-  if (iDevices.size() > 1) {
-    iSent.front() = fmt::format("{} {} %, {}", Device(sent.device), PercentOfDevice(sent), iSent.front());
-  }
-  if (iLook.terminal && iPercent >= 0) {
-    DrawBar();
+  iFacts.device = ShownDevice(sent.device);
+  iFacts.sent = sent;
+  iFacts.pace = pace;
+  iCountsBytes = sent.total > 0;
+  if (iFacts.percent >= 0) {
+    ShowProgress(iCountsBytes ? static_cast<int>(sent.bytes * 100 / sent.total) : 0);
   }
 }
 
@@ -143,9 +120,6 @@ void ProgressDisplay::OnFaults(const Faults& faults) {
 }
 
 void ProgressDisplay::OnWarning(const std::string& text) {
-  if (iLook.terminal) {
-    LeaveBar();
-  }
   iScreen.Print(iErr, "peripheralctl: " + text + "\n");
 }
 
@@ -158,10 +132,10 @@ void ProgressDisplay::OnResult(const RunResult& result, ExitCode exitCode) {
 }
 
 void ProgressDisplay::EndProgress(bool isDone) {
-  iStep.clear();
-  iSent.clear();
-  if (isDone && iPercent >= 0) {
-    ShowProgress(100);
+  if (isDone && iFacts.percent >= 0) {
+    iFacts = {};
+    iFacts.percent = 100;
+    Redraw();
   }
   LeaveBar();
 }
@@ -172,37 +146,17 @@ void ProgressDisplay::Line(const std::string& text) {
 
 void ProgressDisplay::LeaveBar() {
   iScreen.LeaveBar();
-  iPercent = -1;
-}
-
-// The line never reaches the last column, where some terminals would begin another.
-void ProgressDisplay::DrawBar() {
-  const int room = iLook.columns() - 1;
-  const std::string status = Status(room - kColumnsBesideBar - kMinBarWidthBesideStatus);
-  const int rest = room - kColumnsBesideBar - static_cast<int>(status.size());
-  const int width = status.empty() ? std::clamp(rest, kMinBarWidth, kMaxBarWidth)
-                                   : std::min(rest, kMaxBarWidthBesideStatus);
-  const int filled = width * iPercent / 100;
-  iScreen.ShowBar(fmt::format("[{}{:#>{}}{}{:.>{}}]  {:3} %{}", iLook.colour ? kGreen : "", "", filled,
-                              iLook.colour ? kPlain : "", "", width - filled, iPercent, status));
+  iFacts = {};
+  iCountsBytes = false;
 }
 
 std::string ProgressDisplay::Device(std::size_t index) const {
   return index < iDevices.size() ? iDevices[index] : "device";
 }
 
-// The step counts most, and of the bytes what is left.
-std::string ProgressDisplay::Status(int room) const {
-  if (room < kMinStatusWidth) {
-    return "";
-  }
-  for (auto fact = iSent.begin();; ++fact) {
-    std::string status = fact == iSent.end() ? "" : fmt::format("  {}", fmt::join(fact, iSent.end(), ", "));
-    status += iStep.empty() ? "" : "  " + iStep;
-    if (fact == iSent.end() || status.size() <= static_cast<std::size_t>(room)) {
-      return status.substr(0, static_cast<std::size_t>(room));
-    }
-  }
+// Where there is but one its name tells nothing.
+std::string ProgressDisplay::ShownDevice(std::size_t index) const {
+  return iDevices.size() > 1 ? Device(index) : "";
 }
 
 }  // namespace host

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Output.h"
+#include "ProgressLine.h"
 #include "Screen.h"
 
 namespace host {
@@ -50,9 +51,9 @@ class ProgressDisplay : public Output {
   void ShowProgress(int percent);
   void Line(const std::string& text);
   void LeaveBar();
-  void DrawBar();
+  void Redraw();
   std::string Device(std::size_t index) const;
-  std::string Status(int room) const;
+  std::string ShownDevice(std::size_t index) const;
 
   std::ostream& iOut;
   std::ostream& iErr;
@@ -60,10 +61,9 @@ class ProgressDisplay : public Output {
   Screen iScreen;
   ScreenStream iLog;
   const std::vector<std::string> iDevices;
-  int iPercent = -1;    ///< what the bar shows; below 0 there is no bar
-  int iLastTenth = -1;  ///< the last tenth that has a line
-  std::string iStep;
-  std::vector<std::string> iSent;  ///< what is known of the bytes, the least important first
+  ProgressFacts iFacts;       ///< without a percentage nothing is shown
+  bool iCountsBytes = false;  ///< the percentage is that of the bytes, not the module's
+  int iLastTenth = -1;        ///< the last tenth that has a line
 };
 
 }  // namespace host

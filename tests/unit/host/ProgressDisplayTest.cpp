@@ -38,26 +38,28 @@ TEST(ProgressDisplay, TheFirstProgressIsShownWhateverItIs) {
 
 TEST(ProgressDisplay, RedrawsABarInPlaceOnATerminal) {
   std::ostringstream out;
-  ProgressDisplay display = Display(out, true, 20);
+  ProgressDisplay display = Display(out, true, 24);
   display.OnProgress(0);
   display.OnProgress(55);
   display.OnProgress(100);
-  EXPECT_EQ(out.str(), "\r\x1b[K[..........]    0 %\r\x1b[K[#####.....]   55 %\r\x1b[K[#########.]   99 %");
+  EXPECT_EQ(out.str(),
+            "\r\x1b[K[............]    0 %\r\x1b[K[######......]   55 %\r\x1b[K[###########.]   99 %");
 }
 
-TEST(ProgressDisplay, TheBarFitsTheTerminalAndIsNeverTooLong) {
-  for (const auto& [columns, width] :
-       {std::pair(40, 30), std::pair(80, 50), std::pair(500, 50), std::pair(0, 10)}) {
+TEST(ProgressDisplay, TheBarFitsTheTerminalAndIsNeitherTooLongNorTooShort) {
+  for (const auto& [columns, bar] :
+       {std::pair(40, "[" + std::string(28, '.') + "]  "), std::pair(80, "[" + std::string(50, '.') + "]  "),
+        std::pair(500, "[" + std::string(50, '.') + "]  "), std::pair(22, "[" + std::string(10, '.') + "]  "),
+        std::pair(21, std::string())}) {
     std::ostringstream out;
     Display(out, true, columns).OnProgress(0);
-    EXPECT_THAT(out.str(), HasSubstr("[" + std::string(static_cast<std::size_t>(width), '.') + "]"))
-        << columns;
+    EXPECT_EQ(out.str(), "\r\x1b[K" + bar + "  0 %") << columns;
   }
 }
 
 TEST(ProgressDisplay, AMilestoneStandsAboveTheBar) {
   std::ostringstream out;
-  ProgressDisplay display = Display(out, true, 20);
+  ProgressDisplay display = Display(out, true, 22);
   display.OnMilestone("before");
   display.OnProgress(50);
   display.OnMilestone("after");
@@ -81,12 +83,37 @@ TEST(ProgressDisplay, OnlyASuccessIsAHundredPercent) {
   }
 }
 
-TEST(ProgressDisplay, AWarningStandsBelowTheBar) {
+TEST(ProgressDisplay, WarningsAndTheLogStandAboveTheBar) {
   std::ostringstream out;
-  ProgressDisplay display = Display(out, true, 20);
+  ProgressDisplay display(out, out, {true, false, true, [] { return 22; }}, {});
   display.OnProgress(50);
+  out.str("");
   display.OnWarning("late");
-  EXPECT_THAT(out.str(), EndsWith("50 %\nperipheralctl: late\n"));
+  display.Log() << "a line "
+                << "of the log" << std::endl;
+  EXPECT_EQ(out.str(),
+            "\r\x1b[Kperipheralctl: late\n\r\x1b[K[#####.....]   50 %"
+            "\r\x1b[Ka line of the log\n\r\x1b[K[#####.....]   50 %");
+}
+
+TEST(ProgressDisplay, AnAbortGoesOnBelowTheBarAndDrawsItNoMore) {
+  std::ostringstream out;
+  ProgressDisplay display = Display(out, true, 22);
+  display.OnProgress(50);
+  out.str("");
+  display.OnState(UpdateState::Aborting);
+  display.OnSentBytes({0, 5, 8, 5, 8}, {});
+  display.OnResult({host::Goal::Update, host::Outcome::Aborted, false, {}}, host::ExitCode::Aborted);
+  EXPECT_EQ(out.str(),
+            "\nAborting. Waiting for the module's answer; a second Ctrl-C exits at once.\n"
+            "Aborted.\nNothing was sent to the device.\n");
+}
+
+TEST(ProgressDisplay, ALogThatGoesElsewhereIsNoneOfTheTerminals) {
+  std::ostringstream out;
+  std::ostringstream err;
+  ProgressDisplay display(out, err, {true, false, false, [] { return 22; }}, {});
+  EXPECT_EQ(&display.Log(), &err);
 }
 
 TEST(ProgressDisplay, EveryStateOfInterestIsALine) {
@@ -120,23 +147,53 @@ using host::SentBytes;
 
 constexpr std::int64_t kKiB = 1024;
 
-TEST(ProgressDisplay, TheStepStandsBehindTheBarAndOfTheBytesWhatThereIsRoomFor) {
-  for (const auto& [columns, status] :
-       {std::pair(120,
-                  "[#####...............]   25 %  64.0 KiB of 256.0 KiB, 11.0 KiB/s, 0:18 left  CAN "
-                  "controller: wr 8000, firmware.bin"),
-        std::pair(80, "[##......]   25 %  11.0 KiB/s, 0:18 left  CAN controller: wr 8000, firmware.bin"),
-        std::pair(60, "[##.........]   25 %  CAN controller: wr 8000, firmware.bin"),
-        std::pair(40, "[#....]   25 %  CAN controller: wr 8000")}) {
-    std::ostringstream out;
-    ProgressDisplay display = Display(out, true, columns, {"CAN controller"});
-    display.OnStep({0, "wr 8000, firmware.bin"});
-    display.OnSentBytes({0, 64 * kKiB, 256 * kKiB, 64 * kKiB, 256 * kKiB}, {11.0 * 1024, 18s});
-    EXPECT_EQ(out.str(), "");
-    display.OnProgress(25);
-    EXPECT_EQ(out.str(), std::string("\r\x1b[K") + status);
-    EXPECT_LT(out.str().size() - std::string("\r\x1b[K").size(), static_cast<std::size_t>(columns));
-  }
+// The bar, as the terminal shows it, of an update at a quarter of its first device.
+std::string BarAt(int columns, const std::vector<std::string>& devices) {
+  std::ostringstream out;
+  ProgressDisplay display = Display(out, true, columns, devices);
+  display.OnStep({0, "wr 8000, firmware.bin"});
+  display.OnSentBytes({0, 64 * kKiB, 256 * kKiB, 64 * kKiB, 512 * kKiB}, {11.0 * 1024, 18s});
+  EXPECT_EQ(out.str(), "");
+  display.OnProgress(0);
+  display.OnSentBytes({0, 64 * kKiB, 256 * kKiB, 64 * kKiB, 512 * kKiB}, {11.0 * 1024, 18s});
+  const std::string bar = out.str().substr(out.str().rfind("\x1b[K") + 3);
+  EXPECT_LT(bar.size() + 2, static_cast<std::size_t>(columns)) << "^C makes the terminal begin another line";
+  return bar;
+}
+
+TEST(ProgressDisplay, WhatCountsMostIsShownLongest) {
+  const std::vector<std::string> two = {"CAN controller", "Sanyo device"};
+  EXPECT_EQ(BarAt(120, two),
+            "[##................]   12 %  CAN controller 25 %  wr 8000, firmware.bin  0:18 left  64.0 KiB of "
+            "256.0 KiB  11.0 KiB/s");
+  EXPECT_EQ(BarAt(80, two), "[#.........]   12 %  CAN controller 25 %  wr 8000  0:18  64.0 KiB  11.0 KiB/s");
+  EXPECT_EQ(BarAt(60, two), " 12 %  CAN 25 %  wr 8000  0:18 left  64.0 KiB  11.0 KiB/s");
+  EXPECT_EQ(BarAt(40, two), " 12 %  CAN 25 %  wr 8000  0:18 left");
+  EXPECT_EQ(BarAt(20, two), " 12 %  CAN 25 %");
+}
+
+TEST(ProgressDisplay, OfASingleDeviceTheNameIsLeftOut) {
+  const std::vector<std::string> one = {"CAN controller"};
+  EXPECT_EQ(BarAt(120, one),
+            "[####...................................]   12 %  wr 8000, firmware.bin  0:18 left  64.0 KiB of "
+            "256.0 KiB  11.0 KiB/s");
+  EXPECT_EQ(BarAt(80, one), "[#...........]   12 %  wr 8000, firmware.bin  0:18 left  64.0 KiB  11.0 KiB/s");
+  EXPECT_EQ(BarAt(60, one), "[#..........]   12 %  wr 8000  0:18  64.0 KiB  11.0 KiB/s");
+  EXPECT_EQ(BarAt(40, one), " 12 %  wr 8000  0:18 left  64.0 KiB");
+  EXPECT_EQ(BarAt(20, one), " 12 %  wr 8000");
+}
+
+TEST(ProgressDisplay, PercentageAndBytesSayTheSameAndNeverGoBack) {
+  std::ostringstream out;
+  ProgressDisplay display = Display(out, false, 80, {"CAN controller"});
+  display.OnProgress(0);
+  display.OnSentBytes({0, 30 * kKiB, 100 * kKiB, 30 * kKiB, 100 * kKiB}, Pace());
+  display.OnProgress(57);
+  display.OnSentBytes({0, 50 * kKiB, 100 * kKiB, 50 * kKiB, 100 * kKiB}, Pace());
+  display.OnSentBytes({0, 10 * kKiB, 100 * kKiB, 10 * kKiB, 100 * kKiB}, Pace());
+  EXPECT_EQ(
+      out.str(),
+      "Progress: 0 %\nProgress: 30 % (30.0 KiB of 100.0 KiB)\nProgress: 50 % (50.0 KiB of 100.0 KiB)\n");
 }
 
 TEST(ProgressDisplay, ATerminalThatShrinksIsRespectedAtOnce) {
@@ -146,24 +203,24 @@ TEST(ProgressDisplay, ATerminalThatShrinksIsRespectedAtOnce) {
   display.OnProgress(0);
   columns = 20;
   out.str("");
-  display.OnStep({0, "a step that finds no room"});
-  EXPECT_EQ(out.str(), "\r\x1b[K[..........]    0 %");
+  display.OnStep({0, "a step that finds"});
+  EXPECT_EQ(out.str(), "\r\x1b[K  0 %");
 }
 
 TEST(ProgressDisplay, OfSeveralDevicesEachHasItsShare) {
   std::ostringstream out;
   ProgressDisplay display = Display(out, false, 80, {"CAN controller", "Sanyo device"});
   display.OnStep({1, "image, firmware.bin"});
+  display.OnProgress(0);
   display.OnSentBytes({1, 3 * kKiB * kKiB, 4 * kKiB * kKiB, 7, 8}, Pace());
-  display.OnProgress(87);
   EXPECT_EQ(out.str(),
-            "  Sanyo device: image, firmware.bin\n"
+            "  Sanyo device: image, firmware.bin\nProgress: 0 %\n"
             "Progress: 87 % (Sanyo device 75 %, 3.0 MiB of 4.0 MiB)\n");
 }
 
 TEST(ProgressDisplay, TheBarHasAColourWhereThatIsWanted) {
   std::ostringstream out;
-  Display(out, true, 20, {}, true).OnProgress(50);
+  Display(out, true, 22, {}, true).OnProgress(50);
   EXPECT_EQ(out.str(), "\r\x1b[K[\x1b[32m#####\x1b[0m.....]   50 %");
 }
 
