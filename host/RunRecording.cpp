@@ -6,6 +6,7 @@
 #include <chrono>
 #include <filesystem>
 
+#include "Digest.h"
 #include "ExitCode.h"
 #include "OutputFile.h"
 #include "Peripherals.h"
@@ -30,6 +31,7 @@ std::string ReadProperties(const PropertyMap& properties) {
     lines += fmt::format("property.{}={}\n", key, value);
     if (FindPropertyKey(key)->kind == ValueKind::File) {
       lines += fmt::format("size.{}={}\n", key, std::filesystem::file_size(value));
+      lines += fmt::format("sha256.{}={}\n", key, Sha256Of(value).value_or(""));
     }
   }
   return lines;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "Peripherals.h"
 #include "report/Figures.h"
 #include "report/RunReport.h"
 #include "trace/Chart.h"
@@ -22,12 +23,14 @@ constexpr int kLeft = 90;
 constexpr int kRight = 20;
 constexpr int kTop = 20;
 constexpr int kBottom = 30;
+// More rows than anybody reads from top to bottom.
+constexpr std::size_t kMostUnfolded = 200;
 
 constexpr const char* kStyle =
     "body{font:15px/1.4 sans-serif;max-width:1040px;margin:2em auto;padding:0 1em;color:#222;background:#fff}"
     "h1.good{color:#2a7a3b}h1.bad{color:#b3261e}table{border-collapse:collapse;display:block;overflow-x:auto}"
     "td,th{border:1px solid #ccc;padding:.2em .6em;text-align:left}td.number{text-align:right}"
-    "svg{max-width:100%;height:auto}"
+    "svg{max-width:100%;height:auto}#summary td{overflow-wrap:anywhere}"
     ".rate{font:12px sans-serif}.rate rect{fill:#3b5b92}.rate line{stroke:#999}"
     "#log td{font-family:monospace;font-size:12px;overflow-wrap:anywhere}#log .Error td{color:#b3261e}"
     "#log .Warning td{color:#8a5a00}";
@@ -111,8 +114,14 @@ std::string RetransmissionTable(const Figures& figures) {
     rows += "<tr>" + Number(trace::Seconds(again.time_us)) + Cell(trace::Name(again.sender)) +
             Number(again.block) + Cell(again.transfer) + Cell(again.after) + "</tr>\n";
   }
-  return Table({"Time (s)", "By the", "Block", "Of", "After the other side's"}, rows,
-               "No block was sent again.");
+  const std::string table = Table({"Time (s)", "By the", "Block", "Of", "After the other side's"}, rows,
+                                  "No block was sent again.");
+  const std::size_t count = figures.retransmissions.size();
+  return count <= kMostUnfolded ? table
+                                : fmt::format(
+                                      "<details>\n<summary>{} times a block was sent again</summary>\n"
+                                      "{}</details>\n",
+                                      count, table);
 }
 
 std::string TransferTable(const Dialogue& dialogue) {
@@ -130,14 +139,65 @@ std::string TransferTable(const Dialogue& dialogue) {
 std::string LogTable(const Dialogue& dialogue) {
   std::string rows;
   for (const Frame& frame : dialogue.frames) {
-    if (frame.kind == Frame::Kind::Log) {
-      const trace::LogLine line = LogLineOf(frame);
+    const trace::LogLine line = frame.kind == Frame::Kind::Log ? LogLineOf(frame) : trace::LogLine();
+    if (!line.message.empty()) {
       rows += fmt::format("<tr class=\"{}\">", Escaped(std::string(line.level))) +
               Number(trace::Seconds(frame.begin_us)) + Cell(std::string(line.level)) +
               Cell(std::string(line.module)) + Cell(std::string(line.message)) + "</tr>\n";
     }
   }
   return Table({"Time (s)", "Level", "Module", "Message"}, rows, "The log is empty.");
+}
+
+std::string Described(const Dialogue& dialogue, const std::string& key) {
+  const auto found = dialogue.description.find(key);
+  return found == dialogue.description.end() ? "" : found->second;
+}
+
+std::string Devices(const Dialogue& dialogue) {
+  std::vector<std::string> names;
+  const std::string list = Described(dialogue, std::string("property.") + kUpdateListKey);
+  for (const std::string_view entry : UpdateListEntries(list)) {
+    const PeripheralKind* kind = FindPeripheralKind(entry);
+    names.emplace_back(kind != nullptr ? kind->device : entry);
+  }
+  return fmt::format("{}", fmt::join(names, ", "));
+}
+
+std::string FileFacts(const Dialogue& dialogue) {
+  std::string rows;
+  for (const std::string& key : FileKeyNames()) {
+    const std::string name = Described(dialogue, "property." + key);
+    const std::string digest = Described(dialogue, "sha256." + key);
+    if (!name.empty()) {
+      rows += Fact("File", Escaped(fmt::format("{}, {} bytes", name, Described(dialogue, "size." + key)))) +
+              Fact("SHA-256 of it", Escaped(digest.empty() ? "not recorded" : digest));
+    }
+  }
+  return rows;
+}
+
+// What people look for first; without a beginning of the run only its result is known.
+std::string Summary(const Dialogue& dialogue, const std::string& outcome) {
+  if (dialogue.description.empty()) {
+    return "";
+  }
+  const std::string exitCode =
+      dialogue.exitCode ? fmt::format(" Exit code {}.", *dialogue.exitCode) : std::string();
+  return "<table id=\"summary\">\n" + Fact("Device", Escaped(Devices(dialogue))) +
+         Fact("Port", Escaped(Described(dialogue, "property.xmodemportname"))) + FileFacts(dialogue) +
+         Fact("Begun", Escaped(Described(dialogue, "time"))) + Fact("Result", outcome + exitCode) +
+         "</table>\n";
+}
+
+// Tells the pages of several runs apart.
+std::string Title(const Dialogue& dialogue, const std::string& outcome) {
+  if (dialogue.description.empty()) {
+    return outcome;
+  }
+  return fmt::format("{} {} on {}, {}", outcome, Escaped(Devices(dialogue)),
+                     Escaped(Described(dialogue, "property.xmodemportname")),
+                     Escaped(Described(dialogue, "time")));
 }
 
 std::string RunTable(const Dialogue& dialogue) {
@@ -168,10 +228,10 @@ std::string HtmlReport(const trace::Trace& trace, const Faults& errors) {
   return fmt::format(
              "{3}<meta charset=\"utf-8\">\n"
              "<meta name=\"viewport\" content=\"width=device-width\">\n"
-             "<title>{0}</title>\n<style>{1}</style>\n"
+             "<title>{4}</title>\n<style>{1}</style>\n"
              "</head>\n<body>\n<h1 id=\"outcome\" class=\"{2}\">{0}</h1>\n",
-             outcome, kStyle, good ? "good" : "bad", BeginningOf(Format::Html)) +
-         (good ? "" : Section("errors", "What went wrong", ErrorTable(errors))) +
+             outcome, kStyle, good ? "good" : "bad", BeginningOf(Format::Html), Title(dialogue, outcome)) +
+         Summary(dialogue, outcome) + (good ? "" : Section("errors", "What went wrong", ErrorTable(errors))) +
          Section("figures", "Figures", FigureTable(figures)) +
          Section("rate", "Rate over time", RateChart(figures.rate)) +
          Section("retransmissions", "Blocks that were sent again", RetransmissionTable(figures)) +

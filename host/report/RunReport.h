@@ -23,7 +23,8 @@ std::string ReportFor(const std::string& file, const trace::Trace& trace, const 
 /// A run as a JSON object; docs/TRACES.md has its members.
 std::string JsonReport(const trace::Trace& trace, const Faults& errors);
 
-/// A run as one HTML page that needs nothing else: how it ended and why, its figures, the rate over time,
+/// A run as one HTML page that needs nothing else: how it ended and why, of which device, port and files, its
+/// figures, the rate over time,
 /// what was sent again, the dialogue as a chart, and the log.
 std::string HtmlReport(const trace::Trace& trace, const Faults& errors);
 

@@ -20,10 +20,13 @@ constexpr int kUpdateFailed = 6;
 // Writes into the page what is visible, how many arrows and columns have a size, and their colours.
 constexpr const char* kProbe = R"(<script>
 const seen = [];
-for (const id of ['outcome', 'figures', 'rate', 'retransmissions', 'transfers', 'timeline', 'run', 'log']) {
+for (const id of ['outcome', 'summary', 'figures', 'rate', 'retransmissions', 'transfers', 'timeline', 'run', 'log']) {
   const box = document.getElementById(id).getBoundingClientRect();
   seen.push(id + (box.width > 100 && box.height > 20 ? ' is visible' : ' is not visible'));
 }
+const topOf = (id) => document.getElementById(id).getBoundingClientRect().top;
+seen.push('summary before figures ' + (topOf('outcome') < topOf('summary') && topOf('summary') < topOf('figures')));
+seen.push('empty messages ' + [...document.querySelectorAll('#log tr td:last-child')].filter((c) => !c.innerText).length);
 const shapes = (selector) => [...document.querySelectorAll(selector)];
 const count = (selector) => shapes(selector).filter((s) => s.getBBox().width > 0 && s.getBBox().height > 0).length;
 seen.push('columns ' + (count('#rate rect') > 0));
@@ -85,12 +88,15 @@ TEST_F(Report, AsAPageShowsTheRunInABrowser) {
   ASSERT_EQ(Run(page, {"--nak-every", "5", "--once"}), kSuccess) << iOutput;
   const std::string probed = iFolder.Write("probed.html", ContentOf(page) + kProbe);
   const std::string seen = InBrowser(probed);
-  EXPECT_THAT(seen,
-              HasSubstr("<pre id=\"seen\">outcome is visible\nfigures is visible\nrate is visible\n"
-                        "retransmissions is visible\ntransfers is visible\ntimeline is visible\n"
-                        "run is visible\nlog is visible\ncolumns true\nhighest 170\ngood arrows true\n"
-                        "bad arrows 4\nbad is rgb(179, 38, 30)\nresent 2\nbeyond the page 0\nsideways false\n"
-                        "last line within the chart true\n</pre>"));
+  EXPECT_THAT(
+      seen,
+      HasSubstr(
+          "<pre id=\"seen\">outcome is visible\nsummary is visible\nfigures is visible\nrate is visible\n"
+          "retransmissions is visible\ntransfers is visible\ntimeline is visible\n"
+          "run is visible\nlog is visible\nsummary before figures true\nempty messages 0\ncolumns "
+          "true\nhighest 170\ngood arrows true\n"
+          "bad arrows 4\nbad is rgb(179, 38, 30)\nresent 2\nbeyond the page 0\nsideways false\n"
+          "last line within the chart true\n</pre>"));
   EXPECT_THAT(seen, AllOf(HasSubstr("<h1 id=\"outcome\" class=\"good\">The update has succeeded.</h1>"),
                           HasSubstr("<td>file for 8000</td><td>NAK</td>"), HasSubstr("command \"wr 8000\""),
                           HasSubstr("<td>Received answer 000</td>")));

@@ -2,6 +2,7 @@
 // Method: traces made by hand; the JSON is read by the library that others would use.
 #include "report/RunReport.h"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
 #include <nlohmann/json.hpp>
@@ -135,6 +136,43 @@ TEST(RunReport, AsAPageHoldsTheRunAndNothingFromElsewhere) {
   for (const char* outside : {"<script", "src=", "href=", "url(", "@import"}) {
     EXPECT_THAT(page, Not(HasSubstr(outside)));
   }
+}
+
+TEST(RunReport, AsAPageBeginsWithWhatTheRunWasOf) {
+  Script script;
+  script.Add(Kind::Start,
+             "time=now\nproperty.updatelist=xmodem;sanyoxmodem\nproperty.xmodemportname=/dev/p\n"
+             "property.xmodemsource-image=<i>\nsize.xmodemsource-image=7\nsha256.xmodemsource-image=abc\n");
+  const std::string page = HtmlReport(script.Add(Kind::End, "0 Good.").Done(), {});
+  EXPECT_THAT(page, HasSubstr("<title>Good. CAN controller, Sanyo device on /dev/p, now</title>"));
+  EXPECT_THAT(page, HasSubstr("Good.</h1>\n<table id=\"summary\">\n"
+                              "<tr><th>Device</th><td>CAN controller, Sanyo device</td></tr>\n"
+                              "<tr><th>Port</th><td>/dev/p</td></tr>\n"
+                              "<tr><th>File</th><td>&#60;i&#62;, 7 bytes</td></tr>\n"
+                              "<tr><th>SHA-256 of it</th><td>abc</td></tr>\n"
+                              "<tr><th>Begun</th><td>now</td></tr>\n"
+                              "<tr><th>Result</th><td>Good. Exit code 0.</td></tr>\n</table>\n"
+                              "<section id=\"figures\">"));
+}
+
+TEST(RunReport, AsAPageFoldsWhatWasSentAgainTooOften) {
+  for (const int times : {200, 201}) {
+    Script script;
+    script.Add(Kind::Opened, "9600 port").Device("C").Host(Block(1, "", kZeroCrc));
+    for (int i = 0; i < times; ++i) {
+      script.Device("\x15").Host(Block(1, "", kZeroCrc));
+    }
+    const std::string folded = fmt::format("<summary>{} times a block was sent again</summary>", times);
+    EXPECT_EQ(HtmlReport(script.Done(), {}).find(folded) != std::string::npos, times == 201);
+  }
+}
+
+TEST(RunReport, AsAPageLeavesOutLogLinesThatSayNothing) {
+  Script script;
+  script.Add(Kind::Log, "Info Platform ").Add(Kind::Log, "Info Platform said");
+  const std::string page = HtmlReport(script.Done(), {});
+  EXPECT_THAT(page, HasSubstr("<td>said</td>"));
+  EXPECT_THAT(page, Not(HasSubstr("<td></td>")));
 }
 
 TEST(RunReport, AsAPageOfARunThatDidNotGetFarSaysSo) {
