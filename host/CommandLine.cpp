@@ -1,10 +1,17 @@
 #include "CommandLine.h"
 
+#include <fmt/format.h>
+
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <map>
+#include <sstream>
 #include <string_view>
 
 #include "ExitCode.h"
+#include "Help.h"
+#include "Peripherals.h"
+#include "Terminal.h"
 #include "Version.h"
 #include "report/RunReport.h"
 
@@ -53,7 +60,7 @@ void AddOptions(CLI::App& command, RawOptions& raw) {
   command.add_option("--log-level", raw.logLevel, "Lowest level to log (default with --log-file: info)")
       ->check(CLI::IsMember({"interface", "info", "warning", "error", "always", kOff}));
   command
-      .add_option("--log-file", raw.options.logFile, "Write log lines to this file, not to standard error")
+      .add_option("--log-file", raw.options.logFile, "Append log lines to this file, not to standard error")
       ->type_name("FILE");
   command
       .add_option("--timeout", raw.timeout_s,
@@ -117,7 +124,7 @@ constexpr const char* kExamples =
     "  xmodemportname      = \"/dev/ttyUSB0\"\n"
     "  xmodemramaddress    = \"20000000\"        # text, as the device reads it\n"
     "  xmodemflashaddress  = \"08000000\"\n"
-    "  [sha256]                                # optional: what sha256sum prints for the file\n"
+    "  [sha256]                                # optional: what sha256sum prints\n"
     "  xmodemsource-image  = \"...\"\n"
     "\n";
 
@@ -125,20 +132,21 @@ constexpr const char* kUpdateExamples =
     "Examples:\n"
     "  peripheralctl update --config can.toml --set xmodemportname=/dev/ttyUSB0\n"
     "  peripheralctl update --config can.toml --log-level info --log-file update.log\n"
-    "  peripheralctl update --config can.toml --trace update.trace --report update.html\n"
+    "  peripheralctl update --config can.toml --trace update.trace --report run.html\n"
     "  peripheralctl update --config can.toml --retries 2 --json\n"
     "\n";
 
 constexpr const char* kPrepareExamples =
     "Examples:\n"
     "  peripheralctl prepare --config can.toml\n"
-    "  peripheralctl prepare --config can.toml --set xmodemportname=/dev/ttyUSB0 --json\n"
+    "  peripheralctl prepare --config can.toml --set xmodemportname=/dev/ttyUSB0\n"
     "\n";
 
 constexpr const char* kPortsExamples =
     "Examples:\n"
     "  peripheralctl ports\n"
-    "  peripheralctl ports --json\n";
+    "  peripheralctl ports --json\n"
+    "\n";
 
 std::chrono::milliseconds OrDefault(int timeout_s, std::chrono::milliseconds standard) {
   return timeout_s > 0 ? std::chrono::seconds(timeout_s) : standard;
@@ -177,13 +185,36 @@ std::string MissingCommand(int argc, const char* const* argv) {
   return "say what to do: update, prepare, ports or trace" + instead + ".";
 }
 
+std::vector<std::string> OptionNames(const CLI::App& app) {
+  const CLI::App* command = &app;
+  while (!command->get_subcommands().empty()) {
+    command = command->get_subcommands().front();
+  }
+  std::vector<std::string> names;
+  for (const CLI::Option* option : command->get_options()) {
+    names.insert(names.end(), option->get_lnames().begin(), option->get_lnames().end());
+  }
+  return names;
+}
+
+// In the order in which it was typed, with the option that the first word may have meant.
+std::string NotUnderstood(const CLI::App& app) {
+  const std::vector<std::string> words = app.remaining(true);
+  const std::string text = fmt::format("not understood: {}.", fmt::join(words, " "));
+  const std::string first = words.empty() ? "" : words.front();
+  const std::size_t name = std::min(first.find_first_not_of('-'), first.size());
+  const std::string near =
+      name > 0 ? NearestName(first.substr(name, first.find('=') - name), OptionNames(app)) : "";
+  return near.empty() ? text : fmt::format("{} Did you mean --{}?", text, near);
+}
+
 }  // namespace
 
 CommandLine ParseCommandLine(int argc, const char* const* argv, std::ostream& out) {
   RawOptions raw;
   CLI::App app("Updates the firmware of peripherals: loads the peripheral loader module and drives it.",
                "peripheralctl");
-  app.footer(kExamples + DescribeExitCodes());
+  app.footer(kExamples + DescribeExitCodes(kAllCommands));
   app.set_version_flag("--version", std::string("peripheralctl ") + kVersion);
   app.require_subcommand(1);
   app.fallthrough(false);
@@ -196,18 +227,22 @@ CommandLine ParseCommandLine(int argc, const char* const* argv, std::ostream& ou
   for (CLI::App* command : {update, prepare}) {
     AddOptions(*command, raw);
   }
-  update->footer(kUpdateExamples + DescribeExitCodes());
-  prepare->footer(kPrepareExamples + DescribeExitCodes());
-  ports->footer(kPortsExamples);
+  update->footer(kUpdateExamples + DescribeExitCodes(kUpdate));
+  prepare->footer(kPrepareExamples + DescribeExitCodes(kPrepare));
+  ports->footer(kPortsExamples + DescribeExitCodes(kPorts));
   AddRecordingOptions(*update, raw);
   trace::AddTraceCommand(app, raw.options.trace);
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& success) {
-    app.exit(success, out, out);
+    std::ostringstream answer;
+    app.exit(success, answer, answer);
+    out << WrapHelp(answer.str(), HelpColumns());
     return {raw.options, true, ""};
   } catch (const CLI::RequiredError&) {
     return {raw.options, false, MissingCommand(argc, argv)};
+  } catch (const CLI::ExtrasError&) {
+    return {raw.options, false, NotUnderstood(app)};
   } catch (const CLI::ParseError& error) {
     return {raw.options, false, error.what()};
   }

@@ -10,27 +10,28 @@ namespace {
 
 struct Description {
   ExitCode code;
+  unsigned commands;  ///< that can end with it
   const char* meaning;
 };
 
 constexpr Description kDescriptions[] = {
-    {ExitCode::Success, "success"},
-    {ExitCode::Internal, "internal error"},
-    {ExitCode::BadUsage, "bad usage of the command line"},
-    {ExitCode::BadConfiguration, "bad configuration; nothing was sent"},
-    {ExitCode::ModuleNotLoadable, "module not loadable"},
-    {ExitCode::PrepareFailed, "preparation failed; nothing was sent"},
-    {ExitCode::UpdateFailed, "update failed"},
-    {ExitCode::Aborted, "aborted on request"},
-    {ExitCode::NoResult, "no result in time"},
-    {ExitCode::SourceChanged, "a file changed while it was sent"},
-    {ExitCode::WrongDigest,
+    {ExitCode::Success, kAllCommands, "success"},
+    {ExitCode::Internal, kAllCommands, "internal error"},
+    {ExitCode::BadUsage, kAllCommands, "bad usage of the command line"},
+    {ExitCode::BadConfiguration, kRuns, "bad configuration; nothing was sent"},
+    {ExitCode::ModuleNotLoadable, kRuns | kTraceReplay, "module not loadable"},
+    {ExitCode::PrepareFailed, kRuns, "preparation failed; nothing was sent"},
+    {ExitCode::UpdateFailed, kUpdate, "update failed"},
+    {ExitCode::Aborted, kRuns | kTraceReplay, "aborted on request"},
+    {ExitCode::NoResult, kRuns, "no result in time"},
+    {ExitCode::SourceChanged, kUpdate, "a file changed while it was sent"},
+    {ExitCode::WrongDigest, kRuns,
      "a file is not the one that its digest stands for, or has none; nothing was sent"},
-    {ExitCode::ConfigUntrusted, "others than root may change the configuration; nothing was sent"},
-    {ExitCode::OutputLost, "all went well, but what was to be said could not be written"},
-    {ExitCode::TraceBroken,
+    {ExitCode::ConfigUntrusted, kRuns, "others than root may change the configuration; nothing was sent"},
+    {ExitCode::OutputLost, kAllCommands, "all went well, but what was to be said could not be written"},
+    {ExitCode::TraceBroken, kTraces,
      "the trace is broken, or none; what stands before the break was shown or replayed"},
-    {ExitCode::ReplayDeparts, "the replay departs from the trace"},
+    {ExitCode::ReplayDeparts, kTraceReplay, "the replay departs from the trace"},
 };
 
 }  // namespace
@@ -79,10 +80,12 @@ ExitCode ExitCodeOf(const Faults& faults) {
   return alike ? first : ExitCode::BadConfiguration;
 }
 
-std::string DescribeExitCodes() {
+std::string DescribeExitCodes(unsigned commands) {
   std::string text = "Exit codes:\n";
   for (const Description& description : kDescriptions) {
-    text += fmt::format("  {:2}  {}\n", static_cast<int>(description.code), description.meaning);
+    if ((description.commands & commands) != 0) {
+      text += fmt::format("  {:2}  {}\n", static_cast<int>(description.code), description.meaning);
+    }
   }
   return text;
 }

@@ -33,7 +33,19 @@ ExitCode ExitCodeOf(Outcome outcome);
 /// in common, otherwise that of a bad configuration.
 ExitCode ExitCodeOf(const Faults& faults);
 
-/// All exit codes with their meaning, one a line, for --help.
-std::string DescribeExitCodes();
+/// The commands of peripheralctl; they can be combined.
+enum Commands : unsigned {
+  kUpdate = 1,
+  kPrepare = 2,
+  kPorts = 4,
+  kTraceShow = 8,
+  kTraceReplay = 16,
+  kRuns = kUpdate | kPrepare,
+  kTraces = kTraceShow | kTraceReplay,
+  kAllCommands = kRuns | kPorts | kTraces
+};
+
+/// The exit codes that any of these commands can end with and their meaning, one a line, for --help.
+std::string DescribeExitCodes(unsigned commands);
 
 }  // namespace host

@@ -5,6 +5,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <charconv>
 #include <cstdlib>
 #include <iostream>
 #include <string_view>
@@ -34,6 +35,13 @@ Look LookOfStandardOutput() {
   const std::string_view terminal = Variable("TERM");
   const bool redraws = isatty(STDOUT_FILENO) != 0 && !terminal.empty() && terminal != "dumb";
   return {redraws, redraws && Variable("NO_COLOR").empty(), isatty(STDERR_FILENO) != 0, Columns};
+}
+
+int HelpColumns() {
+  const std::string_view wanted = Variable("COLUMNS");
+  int columns = 0;
+  std::from_chars(wanted.data(), wanted.data() + wanted.size(), columns);
+  return columns > 0 ? columns : Columns();
 }
 
 // Whoever closed a stream is told of what is lost with it, as of any other that takes nothing.

@@ -10,6 +10,9 @@ namespace host {
 /// What standard output can show, by what it is and by the variables TERM and NO_COLOR.
 Look LookOfStandardOutput();
 
+/// How wide help may be: what the variable COLUMNS says, else the terminal's width, else 80.
+int HelpColumns();
+
 /// Sees to it that the descriptors of the standard streams are taken, so that nothing that is opened later, a
 /// port for one, gets what is written there. Call it before anything is opened.
 void HoldStandardStreams();

@@ -22,7 +22,8 @@ void AddShow(CLI::App& command, TraceOptions& options) {
   show->footer(
       "Examples:\n"
       "  peripheralctl trace show update.trace --bytes --log\n"
-      "  peripheralctl trace show update.trace --format svg > chart.svg\n");
+      "  peripheralctl trace show update.trace --format svg > chart.svg\n\n" +
+      DescribeExitCodes(kTraceShow));
   show->callback([&options] { options.action = TraceOptions::Action::Show; });
 }
 
@@ -37,7 +38,8 @@ void AddReplay(CLI::App& command, TraceOptions& options) {
   replay->add_option("--module", options.library, "The module's shared library")->type_name("PATH");
   replay->footer(
       "Examples:\n"
-      "  peripheralctl trace replay update.trace --fast\n");
+      "  peripheralctl trace replay update.trace --fast\n\n" +
+      DescribeExitCodes(kTraceReplay));
   replay->callback([&options] { options.action = TraceOptions::Action::Replay; });
 }
 
@@ -49,7 +51,8 @@ void AddTraceCommand(CLI::App& app, TraceOptions& options) {
   command->footer(
       "Examples:\n"
       "  peripheralctl trace show update.trace\n"
-      "  peripheralctl trace replay update.trace\n");
+      "  peripheralctl trace replay update.trace\n\n" +
+      DescribeExitCodes(kTraces));
   AddShow(*command, options);
   AddReplay(*command, options);
 }

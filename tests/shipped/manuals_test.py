@@ -42,6 +42,10 @@ def packaged(name):
     return (SOURCE / "packaging" / name).read_text()
 
 
+# Each text of a help stands on one line.
+os.environ["COLUMNS"] = "1000"
+
+
 class Manuals(unittest.TestCase):
     def test_name_every_option_and_no_other(self):
         for program in PROGRAMS:

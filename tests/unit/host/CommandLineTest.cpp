@@ -2,8 +2,11 @@
 // Method: command lines parsed in the test's process.
 #include "CommandLine.h"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <sstream>
 
 namespace {
@@ -99,6 +102,57 @@ TEST_F(CommandLine, HelpShowsExamplesAndExitCodesAndIsASuccess) {
     EXPECT_THAT(iOut.str(), HasSubstr("Examples:\n  peripheralctl "));
     EXPECT_THAT(iOut.str(), HasSubstr("   8  no result in time\n"));
   }
+}
+
+// What people copy is left as it is, and narrow enough for most.
+TEST_F(CommandLine, HelpFitsTheWidthThatIsAskedFor) {
+  for (const auto& [columns, indent] : {std::pair(80U, 30U), std::pair(40U, 6U)}) {
+    setenv("COLUMNS", std::to_string(columns).c_str(), 1);
+    for (const std::vector<const char*>& arguments : {std::vector<const char*>{"--help"},
+                                                      {"update", "--help"},
+                                                      {"prepare", "--help"},
+                                                      {"ports", "--help"},
+                                                      {"trace", "--help"},
+                                                      {"trace", "show", "--help"},
+                                                      {"trace", "replay", "--help"}}) {
+      EXPECT_FALSE(Parse(arguments));
+      std::istringstream lines(iOut.str());
+      for (std::string line; std::getline(lines, line);) {
+        const bool isCopied = line.rfind("  peripheralctl", 0) == 0 ||
+                              line.find(" = ") != std::string::npos ||
+                              line.find("sha256sum") != std::string::npos;
+        EXPECT_LE(line.size(), isCopied ? 80 : columns) << line;
+      }
+    }
+    Parse({"update", "--help"});
+    EXPECT_THAT(iOut.str(), HasSubstr("\n" + std::string(indent, ' ') + "Lowest level to log"));
+  }
+  unsetenv("COLUMNS");
+}
+
+TEST_F(CommandLine, HelpListsTheExitCodesThatTheCommandHas) {
+  const std::vector<std::pair<std::vector<const char*>, std::vector<int>>> expected = {
+      {{"prepare", "--help"}, {0, 1, 2, 3, 4, 5, 7, 8, 10, 11, 12}},
+      {{"trace", "show", "--help"}, {0, 1, 2, 12, 20}},
+      {{"trace", "replay", "--help"}, {0, 1, 2, 4, 7, 12, 20, 21}},
+      {{"ports", "--help"}, {0, 1, 2, 12}}};
+  for (const auto& [arguments, codes] : expected) {
+    EXPECT_FALSE(Parse(arguments));
+    for (int code = 0; code <= 21; ++code) {
+      const bool isListed = std::find(codes.begin(), codes.end(), code) != codes.end();
+      EXPECT_EQ(iOut.str().find(fmt::format("\n  {:2}  ", code)) != std::string::npos, isListed)
+          << arguments[0] << " " << code;
+    }
+  }
+}
+
+TEST_F(CommandLine, AMisspeltOptionIsToldFromWhatItMayHaveMeant) {
+  EXPECT_FALSE(Parse({"update", "--confg", "can.toml"}));
+  EXPECT_EQ(iLine.fault, "not understood: --confg can.toml. Did you mean --config?");
+  EXPECT_FALSE(Parse({"trace", "show", "t", "--byts"}));
+  EXPECT_EQ(iLine.fault, "not understood: --byts. Did you mean --bytes?");
+  EXPECT_FALSE(Parse({"update", "--config", "c", "--xyz"}));
+  EXPECT_EQ(iLine.fault, "not understood: --xyz.");
 }
 
 TEST_F(CommandLine, VersionIsOneLine) {
