@@ -125,6 +125,10 @@ std::string ReasonFor(const std::string& line, const std::optional<Cause>& cause
                   : line;
 }
 
+bool BeginsAnAttempt(std::string_view text) {
+  return StartsWith(text, kStarting);
+}
+
 LogFollower::LogFollower(std::vector<PlannedDevice> plan, StepHandler onStep, SentBytesHandler onSentBytes,
                          Hear hear)
     : iPlan(std::move(plan)),
@@ -143,7 +147,7 @@ void LogFollower::Take(const logging::TLine& line) {
   const auto rest = [&text](std::string_view head) { return logging::Printable(text.substr(head.size())); };
   if (StartsWith(text, kLeft)) {
     TakeFileProgress(text);
-  } else if (StartsWith(text, kStarting)) {
+  } else if (BeginsAnAttempt(text)) {
     StartOver();
   } else if (StartsWith(text, kFinishedDevice)) {
     NextDevice();

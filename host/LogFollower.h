@@ -1,4 +1,5 @@
-// What the module's log tells of the dialogue with a device. The one place that knows the texts of the log.
+// What the module's log tells of the dialogue with a device. The one place that knows the texts of the log,
+// but for the prefix by which RunLog knows milestones.
 #pragma once
 
 #include <cstdint>
@@ -52,6 +53,9 @@ std::vector<std::string> NamesOf(const std::vector<PlannedDevice>& plan);
 
 /// An error line as a reason to give to people: one that says what is not so is explained.
 std::string ReasonFor(const std::string& line, const std::optional<Cause>& cause);
+
+/// Whether an attempt at updating all devices begins with the logged text.
+bool BeginsAnAttempt(std::string_view text);
 
 /// Follows an update through the lines that are logged.
 class LogFollower {

@@ -119,11 +119,10 @@ PropertyMap Rebuild(const trace::Dialogue& dialogue, const Scratch& scratch, con
 }
 
 // How often the recorded run began an installation; the others were repetitions of a failed one.
-int AttemptsIn(const trace::Trace& trace) {
+int AttemptsIn(const trace::Dialogue& dialogue) {
   return static_cast<int>(
-      std::count_if(trace.records.begin(), trace.records.end(), [](const trace::Record& record) {
-        return record.kind == trace::Kind::Log &&
-               record.payload.find("SWL: Starting upload in PeripheralLoader") != std::string::npos;
+      std::count_if(dialogue.frames.begin(), dialogue.frames.end(), [](const trace::Frame& frame) {
+        return frame.kind == trace::Frame::Kind::Log && BeginsAnAttempt(trace::LogLineOf(frame).message);
       }));
 }
 
@@ -205,7 +204,8 @@ ExitCode Replay(const std::string& name, const std::string& library, bool fast) 
     return ExitCode::Internal;
   }
   const Scratch scratch;
-  const PropertyMap properties = Rebuild(trace::Understand(trace), scratch, player.PortName());
+  const trace::Dialogue dialogue = trace::Understand(trace);
+  const PropertyMap properties = Rebuild(dialogue, scratch, player.PortName());
   if (const Faults faults = CheckProperties(properties).faults; !faults.empty()) {
     std::cerr << "peripheralctl: the trace does not tell what is needed for a run: " << faults.front().text
               << std::endl;
@@ -215,7 +215,7 @@ ExitCode Replay(const std::string& name, const std::string& library, bool fast) 
   Replaying replaying(player);
   ReplayDisplay display(replaying, name, NamesOf(PlanOf(properties)));
   const SourceFiles files(properties);
-  const Retries retries = {std::max(AttemptsIn(trace) - 1, 0), std::chrono::milliseconds(0)};
+  const Retries retries = {std::max(AttemptsIn(dialogue) - 1, 0), std::chrono::milliseconds(0)};
   const ExitCode code =
       UpdateRun{Goal::Update, {},      retries,       library, kFeatureId,   properties, files,
                 {},           display, display.Log(), nullptr, std::nullopt, &replaying}

@@ -102,9 +102,9 @@ std::vector<std::string> RunRecording::OnEnd(const RunResult& result, bool modul
   std::vector<std::string> faults;
   AddUnlessEmpty(faults, iRecorder.Fault());
   if (!iFiles.report.empty()) {
-    const std::string report =
-        report::ReportFor(iFiles.report, trace::Decode(iRecorder.Content()), ErrorsOf(result));
-    AddUnlessEmpty(faults, WriteWhole(iFiles.report, kReportFile, report));
+    const std::string content =
+        report::Render(iFiles.report, trace::Decode(iRecorder.Content()), ErrorsOf(result));
+    AddUnlessEmpty(faults, WriteWhole(iFiles.report, kReportFile, content));
   }
   return faults;
 }
@@ -121,8 +121,8 @@ std::vector<std::string> RecordNoRun(const RunRecording::Files& files, ExitCode 
   std::vector<std::string> faults;
   AddUnlessEmpty(faults, files.trace.empty() ? "" : ReplaceTrace(files.trace, end));
   if (!files.report.empty()) {
-    const std::string report = report::ReportFor(files.report, trace::Decode(end), errors);
-    AddUnlessEmpty(faults, ReplaceReport(files.report, report));
+    const std::string content = report::Render(files.report, trace::Decode(end), errors);
+    AddUnlessEmpty(faults, ReplaceReport(files.report, content));
   }
   return faults;
 }

@@ -22,7 +22,7 @@ std::string_view BeginningOf(Format format) {
   return format == Format::Json ? kJsonBeginning : kHtmlBeginning;
 }
 
-std::string ReportFor(const std::string& file, const trace::Trace& trace, const Faults& errors) {
+std::string Render(const std::string& file, const trace::Trace& trace, const Faults& errors) {
   Format format = {};
   FormatOf(file, format);
   return format == Format::Json ? JsonReport(trace, errors) : HtmlReport(trace, errors);

@@ -18,7 +18,7 @@ bool FormatOf(const std::string& file, Format& format);
 std::string_view BeginningOf(Format format);
 
 /// A run in the format that the file's name asks for. `errors` are why it did not succeed.
-std::string ReportFor(const std::string& file, const trace::Trace& trace, const Faults& errors);
+std::string Render(const std::string& file, const trace::Trace& trace, const Faults& errors);
 
 /// A run as a JSON object; docs/TRACES.md has its members.
 std::string JsonReport(const trace::Trace& trace, const Faults& errors);

@@ -186,7 +186,7 @@ TEST(RunReport, AsAPageOfARunThatDidNotGetFarSaysSo) {
 
 TEST(RunReport, BeginsAsOtherFilesDoNot) {
   for (const auto& [file, format] : {std::pair("r.json", Format::Json), std::pair("r.html", Format::Html)}) {
-    const std::string report = ReportFor(file, FileInThreeBlocks(), kErrors);
+    const std::string report = Render(file, FileInThreeBlocks(), kErrors);
     EXPECT_EQ(report.substr(0, BeginningOf(format).size()), BeginningOf(format));
     EXPECT_THAT(report, HasSubstr("port-lost"));
   }
