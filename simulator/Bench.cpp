@@ -37,6 +37,9 @@ Bench::Bench(const Settings& settings) : iSettings(settings) {
 
 bool Bench::Start(Micros now) {
   iPort.emplace();
+  if (!MayBeDumped(*iDevices, iSettings.dump_ram, iSettings.dump_flash)) {
+    return false;
+  }
   if (!iPort->Open() || (!iSettings.link.empty() && !iPort->Link(iSettings.link))) {
     return false;
   }

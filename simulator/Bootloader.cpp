@@ -53,7 +53,10 @@ void Bootloader::Advance(Micros now) {
   }
   switch (iActivity) {
     case Activity::kStarting:
-      return Begin(now);
+      if (!DiesAt(SilentStage::kStart, now)) {
+        Begin(now);
+      }
+      return;
     case Activity::kThinking:
       iActivity = Activity::kSending;
       iSender.Start(iAnswer, AnswerOptions(), iHostAsks, now);

@@ -91,10 +91,11 @@ void AddDialogueFaults(CLI::App& app, Faults& faults) {
            if (!ParseSilence(text, faults.silent_after)) {
              throw CLI::ValidationError(
                  "--silent-after",
-                 "\"" + text + "\" is none of version, wr-ram, gt, wr-flash, ck, a byte count");
+                 "\"" + text + "\" is none of start, version, wr-ram, gt, wr-flash, ck, a byte count");
            }
          },
-         "Die once the version was sent, or once what wr-ram, gt, wr-flash, ck need was received, before the "
+         "Be switched off from the start; die once the version was sent, or once what wr-ram, gt, wr-flash, "
+         "ck need was received, before the "
          "answer; or after a number of bytes received")
       ->group(group);
   app.add_option("--slow", faults.slow_ms, "Think so many milliseconds before each answer")

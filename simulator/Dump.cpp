@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <fmt/core.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -20,8 +21,11 @@ std::FILE* Open(const std::string& path) {
   return file < 0 ? nullptr : fdopen(file, "wb");
 }
 
-std::string Reason() {
-  return errno == ELOOP ? "it is a symbolic link" : std::generic_category().message(errno);
+constexpr const char* kIsLink = "it is a symbolic link";
+
+bool Complain(const std::string& path, const std::string& reason) {
+  fmt::print(stderr, "Cannot write the dump {}: {}. Name a file that can be written.\n", path, reason);
+  return false;
 }
 
 bool WriteFile(const std::string& path, const std::vector<std::uint8_t>& bytes) {
@@ -31,26 +35,43 @@ bool WriteFile(const std::string& path, const std::vector<std::uint8_t>& bytes) 
     written = bytes.empty() || std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
     written = std::fclose(file) == 0 && written;
   }
-  if (!written) {
-    fmt::print(stderr, "Cannot write the dump {}: {}. Name a file that can be written.\n", path, Reason());
+  return written || Complain(path, errno == ELOOP ? kIsLink : std::generic_category().message(errno));
+}
+
+bool IsLink(const std::string& path) {
+  struct stat status {};
+  return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+}
+
+/// Does something with each file and the memory that it is for. False if that was false for one.
+template <typename Action>
+bool ForEachDump(const DeviceList& devices, const std::string& ram_path, const std::string& flash_path,
+                 Action action) {
+  bool done = true;
+  for (std::size_t index = 0; index < devices.Size(); ++index) {
+    const std::string suffix = devices.Size() == 1 ? "" : "." + std::to_string(index + 1);
+    if (!ram_path.empty()) {
+      done = action(ram_path + suffix, devices.At(index).Ram()) && done;
+    }
+    if (!flash_path.empty()) {
+      done = action(flash_path + suffix, devices.At(index).Flash()) && done;
+    }
   }
-  return written;
+  return done;
 }
 
 }  // namespace
 
+bool MayBeDumped(const DeviceList& devices, const std::string& ram_path, const std::string& flash_path) {
+  return ForEachDump(devices, ram_path, flash_path, [](const std::string& path, const Memory&) {
+    return !IsLink(path) || Complain(path, kIsLink);
+  });
+}
+
 bool DumpMemories(const DeviceList& devices, const std::string& ram_path, const std::string& flash_path) {
-  bool written = true;
-  for (std::size_t index = 0; index < devices.Size(); ++index) {
-    const std::string suffix = devices.Size() == 1 ? "" : "." + std::to_string(index + 1);
-    if (!ram_path.empty()) {
-      written = WriteFile(ram_path + suffix, devices.At(index).Ram().Contents()) && written;
-    }
-    if (!flash_path.empty()) {
-      written = WriteFile(flash_path + suffix, devices.At(index).Flash().Contents()) && written;
-    }
-  }
-  return written;
+  return ForEachDump(devices, ram_path, flash_path, [](const std::string& path, const Memory& memory) {
+    return WriteFile(path, memory.Contents());
+  });
 }
 
 }  // namespace simulator

@@ -44,11 +44,10 @@ bool ParseRefusal(const std::string& text, Refusal& refusal) {
 }
 
 bool ParseSilence(const std::string& text, Silence& silence) {
-  static const std::map<std::string, SilentStage> kStages = {{"version", SilentStage::kVersion},
-                                                             {"wr-ram", SilentStage::kWriteRam},
-                                                             {"gt", SilentStage::kGo},
-                                                             {"wr-flash", SilentStage::kWriteFlash},
-                                                             {"ck", SilentStage::kCheck}};
+  static const std::map<std::string, SilentStage> kStages = {
+      {"start", SilentStage::kStart},         {"version", SilentStage::kVersion},
+      {"wr-ram", SilentStage::kWriteRam},     {"gt", SilentStage::kGo},
+      {"wr-flash", SilentStage::kWriteFlash}, {"ck", SilentStage::kCheck}};
   const auto stage = kStages.find(text);
   if (stage != kStages.end()) {
     silence = Silence{stage->second, 0};

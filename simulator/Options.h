@@ -32,6 +32,7 @@ struct Refusal {
 /// Where a device dies: it neither hears nor says anything more until the power is cycled.
 enum class SilentStage {
   kNone,
+  kStart,     ///< It is switched off from the start.
   kVersion,   ///< The version text was sent.
   kWriteRam,  ///< A file for RAM was received; its answer is missing.
   kGo,        ///< "gt" was received; its answer is missing.
@@ -85,8 +86,8 @@ struct LineOptions {
 /// Reads "wr|gt|ck[:N][=ANSWER]". False, with `refusal` as it was, if the text is none.
 bool ParseRefusal(const std::string& text, Refusal& refusal);
 
-/// Reads "version", "wr-ram", "gt", "wr-flash", "ck" or a number of bytes from 1. False, with `silence` as it
-/// was, if the text is none.
+/// Reads "start", "version", "wr-ram", "gt", "wr-flash", "ck" or a number of bytes from 1. False, with
+/// `silence` as it was, if the text is none.
 bool ParseSilence(const std::string& text, Silence& silence);
 
 }  // namespace simulator

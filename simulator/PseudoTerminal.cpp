@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <fmt/core.h>
 #include <poll.h>
-#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -17,15 +16,11 @@ namespace simulator {
 
 namespace {
 
-bool IsLink(const std::string& path) {
-  struct stat status {};
-  return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
-}
-
-bool PointsTo(const std::string& link, const std::string& target) {
+// Where a link leads; empty if the path is none.
+std::string TargetOf(const std::string& link) {
   char buffer[PATH_MAX];
   const ssize_t size = readlink(link.c_str(), buffer, sizeof(buffer));
-  return size >= 0 && std::string(buffer, static_cast<std::size_t>(size)) == target;
+  return std::string(buffer, static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
 }
 
 bool MakeRaw(int descriptor) {
@@ -41,7 +36,7 @@ bool MakeRaw(int descriptor) {
 
 PseudoTerminal::~PseudoTerminal() {
   Unplug();
-  if (!iLink.empty() && PointsTo(iLink, iName)) {
+  if (!iLink.empty() && TargetOf(iLink) == iName) {
     unlink(iLink.c_str());
   }
 }
@@ -65,7 +60,8 @@ bool PseudoTerminal::Open() {
 }
 
 bool PseudoTerminal::Link(const std::string& path) {
-  if (IsLink(path)) {
+  // One that an earlier run has left. Any other is somebody's own.
+  if (TargetOf(path).rfind("/dev/pts/", 0) == 0) {
     unlink(path.c_str());
   }
   if (symlink(iName.c_str(), path.c_str()) != 0) {

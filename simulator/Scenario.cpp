@@ -8,6 +8,7 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <set>
 #include <system_error>
 
 // The parser then reports faults in its result instead of throwing them.
@@ -116,7 +117,7 @@ const std::vector<Key<Plan>>& DeviceKeys() {
        [](const Node& n, Plan& p) { return ReadNumber(n, 1, kMaxPatience_s, p.options.patience_s); }},
       {"refuse", "a text wr|gt|ck[:N][=ANSWER], or a list of them",
        [](const Node& n, Plan& p) { return ReadRefusals(n, p.options.faults.refusals); }},
-      {"silent-after", "one of version, wr-ram, gt, wr-flash, ck in quotes, or a number of bytes",
+      {"silent-after", "one of start, version, wr-ram, gt, wr-flash, ck in quotes, or a number of bytes",
        [](const Node& n, Plan& p) { return ReadSilence(n, p.options.faults.silent_after); }},
       {"slow", "milliseconds from 0 to 3600000",
        [](const Node& n, Plan& p) { return ReadNumber(n, 0, kMaxSlow_ms, p.options.faults.slow_ms); }},
@@ -193,6 +194,10 @@ class Reader {
     for (std::string* path : {&line.link, &line.dump_ram, &line.dump_flash}) {
       *path = path->empty() ? "" : (std::filesystem::path(iPath).parent_path() / *path).string();
     }
+    const std::string link = std::filesystem::path(line.link).lexically_normal().string();
+    if (!link.empty() && !iLinks.insert(link).second) {
+      Complain(*table.get("link"), "another line has this link already. Each port needs its own.");
+    }
     return line;
   }
 
@@ -241,6 +246,7 @@ class Reader {
 
   std::string iPath;
   std::vector<std::string>& iFaults;
+  std::set<std::string> iLinks;
 };
 
 }  // namespace

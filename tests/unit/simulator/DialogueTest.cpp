@@ -437,6 +437,16 @@ TEST(SanyoFaults, DiesAfterTheGivenBytes) {
   EXPECT_THAT(bench.milestones, ElementsAre("sanyo: silent from here"));
 }
 
+TEST(Silence, FromTheStartIsADeviceThatIsSwitchedOff) {
+  for (const std::string kind : {"can", "sanyo"}) {
+    Bench bench(kind, SilentAfter("start"));
+    EXPECT_EQ(bench.host.Read(600 * kSecond), ScriptedHost::kNothing);
+    bench.host.Write({'C'});
+    EXPECT_EQ(bench.host.Read(600 * kSecond), ScriptedHost::kNothing);
+    EXPECT_THAT(bench.milestones, ElementsAre(kind + ": silent from here"));
+  }
+}
+
 TEST(List, KnowsItsKinds) {
   EXPECT_EQ(MakeDevices(""), nullptr);
   EXPECT_EQ(MakeDevices("can,"), nullptr);

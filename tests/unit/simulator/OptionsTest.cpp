@@ -39,10 +39,10 @@ TEST(Silence, IsReadFromItsText) {
     SilentStage stage;
     std::uint64_t bytes;
   };
-  for (const Case& each :
-       {Case{"version", SilentStage::kVersion, 0}, Case{"wr-ram", SilentStage::kWriteRam, 0},
-        Case{"gt", SilentStage::kGo, 0}, Case{"wr-flash", SilentStage::kWriteFlash, 0},
-        Case{"ck", SilentStage::kCheck, 0}, Case{"1500", SilentStage::kBytes, 1500}}) {
+  for (const Case& each : {Case{"start", SilentStage::kStart, 0}, Case{"version", SilentStage::kVersion, 0},
+                           Case{"wr-ram", SilentStage::kWriteRam, 0}, Case{"gt", SilentStage::kGo, 0},
+                           Case{"wr-flash", SilentStage::kWriteFlash, 0}, Case{"ck", SilentStage::kCheck, 0},
+                           Case{"1500", SilentStage::kBytes, 1500}}) {
     Silence silence;
     ASSERT_TRUE(ParseSilence(each.text, silence)) << each.text;
     EXPECT_EQ(silence.stage, each.stage) << each.text;

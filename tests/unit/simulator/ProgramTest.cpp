@@ -199,7 +199,7 @@ TEST(Program, SurvivesTheHostOpeningAndClosingThePort) {
 TEST(Program, LinksToThePortAndDumpsAtASignal) {
   const std::string link = TemporaryPath("link");
   const std::string dump = TemporaryPath("ram");
-  ASSERT_EQ(symlink("/nowhere", link.c_str()), 0);
+  ASSERT_EQ(symlink("/dev/pts/left", link.c_str()), 0);
   Program program({"--link", link, "--dump-ram", dump, "--device", "can,sanyo"});
   const std::string path = program.Port();
   char target[256] = {};
@@ -233,12 +233,18 @@ TEST(Program, NoDumpGoesWhereALinkLeads) {
   const std::string link = TemporaryPath("flash");
   std::ofstream(file) << "precious";
   ASSERT_EQ(symlink(file.c_str(), link.c_str()), 0);
+  const std::string fault =
+      "Cannot write the dump " + link + ": it is a symbolic link. Name a file that can be written.\n";
+  Program refused({"--dump-flash", link});
+  EXPECT_EQ(refused.Wait(), 3);
+  EXPECT_EQ(refused.Rest(), fault);
+  unlink(link.c_str());
   Program program({"--dump-flash", link});
   program.Port();
+  ASSERT_EQ(symlink(file.c_str(), link.c_str()), 0);
   program.Signal(SIGTERM);
   EXPECT_EQ(program.Wait(), 3);
-  EXPECT_EQ(program.Rest(),
-            "Cannot write the dump " + link + ": it is a symbolic link. Name a file that can be written.\n");
+  EXPECT_EQ(program.Rest(), fault);
   EXPECT_EQ(ReadFile(file), FromText("precious"));
   unlink(link.c_str());
   unlink(file.c_str());
@@ -258,6 +264,16 @@ TEST(Program, NeverReplacesAFileByALink) {
   EXPECT_EQ(ReadFile(file), FromText("precious"));
   EXPECT_THAT(program.Rest(), HasSubstr(file));
   unlink(file.c_str());
+}
+
+TEST(Program, NeverReplacesALinkOfSomebodyElse) {
+  const std::string link = TemporaryPath("link");
+  ASSERT_EQ(symlink("/nowhere", link.c_str()), 0);
+  Program program({"--link", link});
+  EXPECT_EQ(program.Wait(), 3);
+  EXPECT_THAT(program.Rest(), HasSubstr("Cannot make the link " + link + ": File exists."));
+  EXPECT_TRUE(Exists(link));
+  unlink(link.c_str());
 }
 
 TEST(Program, AnsweringOnceIsOverOnlyWhenTheHostHasReadIt) {

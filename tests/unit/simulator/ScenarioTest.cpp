@@ -147,6 +147,9 @@ TEST_F(Scenario, IsRefusedWithThePlaceOfWhatIsWrong) {
         Case{"[[line]]\nunplug-at = 'x'\n[[line.device]]\nkind = 'can'\n",
              "2:13: 'unplug-at' wants seconds from 0 to 1000000."},
         Case{"[[line]]\nlink = 1\n[[line.device]]\nkind = 'can'\n", "2:8: 'link' wants a text in quotes."},
+        Case{"[[line]]\nlink = 'a'\n[[line.device]]\nkind = 'can'\n[[line]]\nlink = './b/../a'\n"
+             "[[line.device]]\nkind = 'can'\n",
+             "6:8: another line has this link already. Each port needs its own."},
         Case{kCan + "checksum = 1\n", "4:12: 'checksum' wants true or false."},
         Case{kCan + "ram-size = 4294967296\n", "4:12: 'ram-size' " + count},
         Case{kCan + "ram-size = '1'\n", "4:12: 'ram-size' " + count},
@@ -155,7 +158,8 @@ TEST_F(Scenario, IsRefusedWithThePlaceOfWhatIsWrong) {
         Case{kCan + "refuse = [['wr']]\n",
              "4:10: 'refuse' wants a text wr|gt|ck[:N][=ANSWER], or a list of them."},
         Case{kCan + "silent-after = 'lunch'\n",
-             "4:16: 'silent-after' wants one of version, wr-ram, gt, wr-flash, ck in quotes, or a number of "
+             "4:16: 'silent-after' wants one of start, version, wr-ram, gt, wr-flash, ck in quotes, or a "
+             "number of "
              "bytes."},
         Case{kCan + "speed = 1\n",
              "4:9: unknown key 'speed'. Known here: kind, version-text, ram-base, ram-size, flash-base, "
