@@ -21,9 +21,8 @@ std::string HowToGainAccess(const struct stat& device) {
   if (device.st_gid != kRoot && (device.st_mode & kGroupMay) == kGroupMay) {
     return fmt::format("have your user added to the group {} and log in again", GroupName(device.st_gid));
   }
-  return "use another port, or have a udev rule give it to a group of yours (GROUP=\"dialout\", "
-         "MODE=\"0660\"): "
-         "it is open to no group that users belong to";
+  return "use another port, or have a udev rule give it to a group of yours "
+         "(GROUP=\"dialout\", MODE=\"0660\"): it is open to no group that users belong to";
 }
 
 }  // namespace host
