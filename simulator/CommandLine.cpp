@@ -1,8 +1,14 @@
 #include "simulator/CommandLine.h"
 
 #include <fmt/format.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdlib>
+#include <iostream>
+#include <memory>
 
 #include "simulator/Scenario.h"
 
@@ -13,15 +19,67 @@ namespace {
 constexpr char kFooter[] =
     "Examples:\n"
     "  bootloader-simulator --device can --link /tmp/port\n"
-    "  bootloader-simulator --device can,sanyo --baud 921600 --link port --once --dump-flash flash\n"
+    "  bootloader-simulator --device can,sanyo --link port --once --dump-flash flash\n"
     "  bootloader-simulator --silent-after wr-flash --link port\n"
     "  bootloader-simulator --scenario bench.toml\n"
     "\n"
-    "Every fault that ends an update happens once; the next update shows the recovery.\n"
-    "Exit codes: 0 ended by a signal, or every device of the list was updated; 1 with --once: an update "
-    "failed or\n"
-    "the program was ended before the last one; 2 bad usage; 3 no pseudo-terminal, link or dump could be "
-    "made.";
+    "Every fault that ends an update happens once; the next one shows the recovery.\n"
+    "\n"
+    "Exit codes:\n"
+    "  0  ended by a signal, or every device of the list was updated\n"
+    "  1  with --once: an update failed, or the program was ended before the last one\n"
+    "  2  bad usage, or a scenario that cannot be played\n"
+    "  3  no pseudo-terminal, link or dump could be made, or this could not be said";
+
+constexpr std::size_t kNarrow_columns = 60;
+constexpr std::size_t kDefault_columns = 80;
+constexpr std::size_t kTextColumn = 30;
+constexpr std::size_t kNarrowTextColumn = 6;
+
+/// What the variable COLUMNS says, else the terminal's width, else what most have.
+std::size_t Columns() {
+  const char* wanted = std::getenv("COLUMNS");  // NOLINT(concurrency-mt-unsafe): nobody sets variables
+  const unsigned long columns = wanted == nullptr ? 0 : std::strtoul(wanted, nullptr, 10);
+  winsize size = {};
+  if (columns > 0) {
+    return columns;
+  }
+  return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : kDefault_columns;
+}
+
+/// Breaks the options' texts into lines that fit.
+class HelpFormatter : public CLI::Formatter {
+ public:
+  explicit HelpFormatter(std::size_t columns) {
+    column_width(columns < kNarrow_columns ? kNarrowTextColumn : kTextColumn);
+    iRoom = std::max(columns, 2 * get_column_width()) - get_column_width();
+  }
+
+  std::string make_option_desc(const CLI::Option* option) const override {
+    std::string text = option->get_description();
+    for (std::size_t begin = 0; text.size() - begin > iRoom;) {
+      const std::size_t blank = text.rfind(' ', begin + iRoom);
+      if (blank == std::string::npos || blank < begin) {
+        break;
+      }
+      text[blank] = '\n';
+      begin = blank + 1;
+    }
+    return text;
+  }
+
+ private:
+  std::size_t iRoom;
+};
+
+/// Whether all that was to be said on standard output was. Complains where it was not.
+bool IsSaid() {
+  if (std::cout.flush()) {
+    return true;
+  }
+  std::cerr << "bootloader-simulator: standard output could not be written. Is the disk full?\n";
+  return false;
+}
 
 /// What the options say, before it becomes a line to be played.
 struct RawOptions {
@@ -166,9 +224,10 @@ std::vector<Settings> Choose(RawOptions& raw, int argc) {
 }  // namespace
 
 std::optional<int> ParseCommandLine(int argc, char** argv, std::vector<Settings>& lines) {
-  CLI::App app("Plays the bootloaders of a CAN controller and of a Sanyo device on a pseudo-terminal.");
+  CLI::App app("Plays bootloaders of a CAN controller and a Sanyo device on a pseudo-terminal.");
   RawOptions raw;
   app.footer(kFooter);
+  app.formatter(std::make_shared<HelpFormatter>(Columns()));
   app.set_version_flag("--version", "bootloader-simulator " SIMULATOR_VERSION);
   AddProgramOptions(app, raw);
   AddDeviceOptions(app, raw.device);
@@ -179,7 +238,10 @@ std::optional<int> ParseCommandLine(int argc, char** argv, std::vector<Settings>
     app.parse(argc, argv);
     lines = Choose(raw, argc);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? kExitOk : kExitBadUsage;
+    if (app.exit(error) != 0) {
+      return kExitBadUsage;
+    }
+    return IsSaid() ? kExitOk : kExitSystem;
   }
   return std::nullopt;
 }

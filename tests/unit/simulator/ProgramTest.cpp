@@ -30,7 +30,8 @@ using Clock = std::chrono::steady_clock;
 /// The program as a child, its output on a pipe.
 class Program {
  public:
-  explicit Program(std::vector<std::string> arguments) {
+  /// Both outputs are read, unless the standard one goes to a file.
+  explicit Program(std::vector<std::string> arguments, const char* file = nullptr) {
     arguments.insert(arguments.begin(), BOOTLOADER_SIMULATOR);
     std::vector<char*> argv;
     for (std::string& each : arguments) {
@@ -41,7 +42,7 @@ class Program {
     EXPECT_EQ(pipe(ends), 0);
     iPid = fork();
     if (iPid == 0) {
-      dup2(ends[1], STDOUT_FILENO);
+      dup2(file == nullptr ? ends[1] : open(file, O_WRONLY), STDOUT_FILENO);
       dup2(ends[1], STDERR_FILENO);
       execv(argv[0], argv.data());
       _exit(127);
@@ -407,6 +408,34 @@ TEST(Program, HelpNamesEveryOption) {
         "--cancel-after",  "--faulty",     "--noise",        "--seed",         "--unplug-after",
         "--patience",      "--version"}) {
     EXPECT_THAT(help, HasSubstr(option));
+  }
+}
+
+TEST(Program, HelpFitsTheWidthThatIsAskedFor) {
+  for (const auto& [columns, indent] : {std::pair(80U, 30U), std::pair(40U, 6U)}) {
+    setenv("COLUMNS", std::to_string(columns).c_str(), 1);
+    Program program({"--help"});
+    unsetenv("COLUMNS");
+    EXPECT_EQ(program.Wait(), 0);
+    int texts = 0;
+    for (std::string line = program.ReadLine(); line != "Examples:"; line = program.ReadLine()) {
+      const bool isText = line.rfind(std::string(indent, ' '), 0) == 0;
+      texts += isText ? 1 : 0;
+      // Names of options are not broken, and in the usage stands where the program is.
+      EXPECT_LE(line.size(),
+                isText ? columns : std::max<std::size_t>(80, line.rfind("Usage", 0) == 0 ? line.size() : 0))
+          << line;
+    }
+    EXPECT_GT(texts, 10);
+  }
+}
+
+TEST(Program, HelpThatCannotBeWrittenIsNoSuccess) {
+  for (const char* option : {"--help", "--version"}) {
+    Program program({option}, "/dev/full");
+    EXPECT_EQ(program.Wait(), 3);
+    EXPECT_EQ(program.Rest(),
+              "bootloader-simulator: standard output could not be written. Is the disk full?\n");
   }
 }
 
