@@ -106,7 +106,7 @@ TEST(ProgressDisplay, AnAbortGoesOnBelowTheBarAndDrawsItNoMore) {
   display.OnResult({host::Goal::Update, host::Outcome::Aborted, false, {}}, host::ExitCode::Aborted);
   EXPECT_EQ(out.str(),
             "\nAborting. Waiting for the module's answer; a second Ctrl-C exits at once.\n"
-            "Aborted.\nNothing was sent to the device.\n");
+            "Aborted.\nNothing was written to the device.\n");
 }
 
 TEST(ProgressDisplay, ALogThatGoesElsewhereIsNoneOfTheTerminals) {
