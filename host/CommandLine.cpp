@@ -10,6 +10,7 @@
 
 #include "ExitCode.h"
 #include "Help.h"
+#include "OutputFile.h"
 #include "Peripherals.h"
 #include "Terminal.h"
 #include "Version.h"
@@ -177,6 +178,35 @@ Options Finish(const RawOptions& raw, Goal goal) {
   return options;
 }
 
+// The first value of an option as it stands, for when the command line as a whole was not understood.
+std::string ValueOf(std::string_view option, int argc, const char* const* argv) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view word = argv[i];
+    if (word.size() > option.size() && word.substr(0, option.size()) == option &&
+        word[option.size()] == '=') {
+      return std::string(word.substr(option.size() + 1));
+    }
+    if (word == option && i + 1 < argc && argv[i + 1][0] != '-') {
+      return argv[i + 1];
+    }
+  }
+  return "";
+}
+
+// A mistake elsewhere does not keep the report and the trace from telling of it.
+CommandLine Mistake(const std::string& fault, int argc, const char* const* argv) {
+  CommandLine line = {{}, false, fault};
+  if (argc > 1 && std::string_view(argv[1]) == "update") {
+    line.options.traceFile = ValueOf(kTraceFile.option, argc, argv);
+    line.options.reportFile = ValueOf(kReportFile.option, argc, argv);
+  }
+  report::Format format = {};
+  if (!report::FormatOf(line.options.reportFile, format)) {
+    line.options.reportFile.clear();
+  }
+  return line;
+}
+
 std::string MissingCommand(int argc, const char* const* argv) {
   if (argc > 1 && std::string_view(argv[1]) == "trace") {
     return "say what to do with which trace: trace show FILE or trace replay FILE.";
@@ -240,11 +270,11 @@ CommandLine ParseCommandLine(int argc, const char* const* argv, std::ostream& ou
     out << WrapHelp(answer.str(), HelpColumns());
     return {raw.options, true, ""};
   } catch (const CLI::RequiredError&) {
-    return {raw.options, false, MissingCommand(argc, argv)};
+    return Mistake(MissingCommand(argc, argv), argc, argv);
   } catch (const CLI::ExtrasError&) {
-    return {raw.options, false, NotUnderstood(app)};
+    return Mistake(NotUnderstood(app), argc, argv);
   } catch (const CLI::ParseError& error) {
-    return {raw.options, false, error.what()};
+    return Mistake(error.what(), argc, argv);
   }
   if (raw.options.trace.action != trace::TraceOptions::Action::None) {
     return {raw.options, false, ""};

@@ -90,6 +90,18 @@ const std::vector<ErrorDescription> kDescriptions = {
     {ErrorCode::NoResult, "no-result",
      "the module gave no sign of life in time",
      "check the port and the device; --timeout allows for more time"},
+    {ErrorCode::PortShared, "port-shared",
+     "another program has the port open, too",
+     "close it; it takes bytes that the device sends"},
+    {ErrorCode::LogNotWritten, "log-not-written",
+     "the log file is incomplete",
+     "make room, or choose another file after --log-file"},
+    {ErrorCode::TraceNotWritten, "trace-not-written",
+     "the trace is missing or incomplete",
+     "make room, or choose another file after --trace"},
+    {ErrorCode::ReportNotWritten, "report-not-written",
+     "there is no report of this run",
+     "make room, or choose another file after --report"},
     // clang-format on
 };
 

@@ -34,6 +34,10 @@ enum class ErrorCode {
   UpdateFailed,
   Aborted,
   NoResult,
+  PortShared,
+  LogNotWritten,
+  TraceNotWritten,
+  ReportNotWritten,
 };
 
 /// What a code stands for.

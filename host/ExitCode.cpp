@@ -2,8 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
-
 namespace host {
 
 namespace {
@@ -28,7 +26,8 @@ constexpr Description kDescriptions[] = {
     {ExitCode::WrongDigest, kRuns,
      "a file is not the one that its digest stands for, or has none; nothing was sent"},
     {ExitCode::ConfigUntrusted, kRuns, "others than root may change the configuration; nothing was sent"},
-    {ExitCode::OutputLost, kAllCommands, "all went well, but what was to be said could not be written"},
+    {ExitCode::OutputLost, kAllCommands,
+     "all went well, but an output, a log, a trace or a report could not be written"},
     {ExitCode::TraceBroken, kTraces,
      "the trace is broken, or none; what stands before the break was shown or replayed"},
     {ExitCode::ReplayDeparts, kTraceReplay, "the replay departs from the trace"},
@@ -66,6 +65,8 @@ ExitCode ExitCodeOf(ErrorCode code) {
       return ExitCode::ConfigUntrusted;
     case ErrorCode::BadUsage:
       return ExitCode::BadUsage;
+    case ErrorCode::ModuleNotLoadable:
+      return ExitCode::ModuleNotLoadable;
     default:
       return ExitCode::BadConfiguration;
   }
@@ -74,10 +75,11 @@ ExitCode ExitCodeOf(ErrorCode code) {
 }  // namespace
 
 ExitCode ExitCodeOf(const Faults& faults) {
-  const ExitCode first = faults.empty() ? ExitCode::BadConfiguration : ExitCodeOf(faults.front().code);
-  const bool alike = std::all_of(faults.begin(), faults.end(),
-                                 [first](const Fault& fault) { return ExitCodeOf(fault.code) == first; });
-  return alike ? first : ExitCode::BadConfiguration;
+  return faults.empty() ? ExitCode::BadConfiguration : ExitCodeOf(faults.front().code);
+}
+
+ExitCode WithLoss(ExitCode exitCode) {
+  return exitCode == ExitCode::Success ? ExitCode::OutputLost : exitCode;
 }
 
 std::string DescribeExitCodes(unsigned commands) {

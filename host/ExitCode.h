@@ -29,9 +29,11 @@ enum class ExitCode {
 /// The exit code that stands for an outcome.
 ExitCode ExitCodeOf(Outcome outcome);
 
-/// The exit code that stands for what is wrong before anything was sent: that of the faults if they have one
-/// in common, otherwise that of a bad configuration.
+/// The exit code that stands for what is wrong before anything was sent: that of the first fault.
 ExitCode ExitCodeOf(const Faults& faults);
+
+/// What an exit code becomes when something that was to be written could not be: what else went wrong counts.
+ExitCode WithLoss(ExitCode exitCode);
 
 /// The commands of peripheralctl; they can be combined.
 enum Commands : unsigned {

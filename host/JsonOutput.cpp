@@ -78,12 +78,13 @@ const char* Name(ModemManagerRisk risk) {
   return "";
 }
 
-Json ErrorFields(ErrorCode code, const std::string& message) {
+Json ErrorFields(ErrorCode code, const std::string& message, bool isFinal = true) {
   const ErrorDescription& description = Describe(code);
   return {{"code", description.name},
           {"message", message},
           {"cause", description.cause},
-          {"advice", description.advice}};
+          {"advice", description.advice},
+          {"final", isFinal}};
 }
 
 // Of several faults the first one gives the code.
@@ -127,7 +128,7 @@ void JsonOutput::OnMilestone(const std::string& text) {
 
 void JsonOutput::OnRetry(int attempt, const Retries& retries) {
   if (const std::optional<Cause> cause = Why(attempt - 1)) {
-    Write(iOut, "error", ErrorFields(cause->code, cause->detail));
+    Write(iOut, "error", ErrorFields(cause->code, cause->detail, false));
   }
   Write(iOut, "retry",
         {{"attempt", attempt}, {"attempts", retries.count + 1}, {"pause_ms", retries.pause.count()}});
@@ -180,8 +181,8 @@ void JsonOutput::OnFaults(const Faults& faults) {
   }
 }
 
-void JsonOutput::OnWarning(const std::string& text) {
-  Write(iOut, "warning", {{"text", text}});
+void JsonOutput::OnWarning(const Fault& warning) {
+  Write(iOut, "warning", {{"code", Describe(warning.code).name}, {"text", warning.text}});
 }
 
 void JsonOutput::OnRefusal(const Faults& faults, ExitCode exitCode) {

@@ -23,7 +23,7 @@ class JsonOutput final : public Output {
   void OnPorts(const std::vector<Port>& ports) override;
   void OnFiles(const std::vector<CheckedFile>& files) override;
   void OnFaults(const Faults& faults) override;
-  void OnWarning(const std::string& text) override;
+  void OnWarning(const Fault& warning) override;
   void OnRefusal(const Faults& faults, ExitCode exitCode) override;
   void OnResult(const RunResult& result, ExitCode exitCode) override;
 

@@ -35,8 +35,8 @@ class Output : public UpdateListener {
   virtual void OnFiles(const std::vector<CheckedFile>& files) = 0;
   /// What is wrong and keeps the update from being begun.
   virtual void OnFaults(const Faults& faults) = 0;
-  /// What is wrong but changes nothing.
-  virtual void OnWarning(const std::string& text) = 0;
+  /// What is wrong but ends nothing.
+  virtual void OnWarning(const Fault& warning) = 0;
   /// The faults, told before, are the end of it: nothing was begun.
   virtual void OnRefusal(const Faults& faults, ExitCode exitCode) = 0;
   /// How it ended: the last that is told.

@@ -349,8 +349,10 @@ class Checker {
   void WarnOfListeners(const char* key, const std::string& port) {
     if (const std::vector<PortHolder> holders = HoldersOf(port); !holders.empty()) {
       iWarnings.push_back(
-          fmt::format("{}: {} has the port '{}' open, too, and may take the device's bytes away; close that.",
-                      key, Describe(holders, ""), port));
+          {ErrorCode::PortShared,
+           fmt::format(
+               "{}: {} has the port '{}' open, too, and may take the device's bytes away; close that.", key,
+               Describe(holders, ""), port)});
     }
   }
 
@@ -380,7 +382,7 @@ class Checker {
   std::optional<TUint32> iSpeed_bps;  ///< known before the port is looked at
   Faults iFaults;
   std::vector<CheckedFile> iFiles;
-  std::vector<std::string> iWarnings;
+  Faults iWarnings;
 };
 
 }  // namespace

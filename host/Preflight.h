@@ -31,7 +31,7 @@ struct CheckRules {
 struct Findings {
   Faults faults;
   std::vector<CheckedFile> files;
-  std::vector<std::string> warnings;  ///< what may spoil an update, for people
+  Faults warnings;  ///< what may spoil an update, for people
 };
 
 /// Checks the module's properties before the module sees them, as a person wants them checked: the update

@@ -119,16 +119,18 @@ void ProgressDisplay::OnFaults(const Faults& faults) {
   }
 }
 
-void ProgressDisplay::OnWarning(const std::string& text) {
-  iScreen.Print(iErr, "peripheralctl: " + text + "\n");
+void ProgressDisplay::OnWarning(const Fault& warning) {
+  iScreen.Print(iErr, "peripheralctl: " + warning.text + "\n");
 }
 
 // The faults say it all.
 void ProgressDisplay::OnRefusal(const Faults& /*faults*/, ExitCode /*exitCode*/) {}
 
 void ProgressDisplay::OnResult(const RunResult& result, ExitCode exitCode) {
-  EndProgress(exitCode == ExitCode::Success);
-  (exitCode == ExitCode::Success ? iOut : iErr) << ReportFor(result) << std::flush;
+  // What could not be written elsewhere makes it no failure.
+  const bool isGood = exitCode == ExitCode::Success || exitCode == ExitCode::OutputLost;
+  EndProgress(isGood);
+  (isGood ? iOut : iErr) << ReportFor(result) << std::flush;
 }
 
 void ProgressDisplay::EndProgress(bool isDone) {

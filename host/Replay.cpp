@@ -132,7 +132,7 @@ class Replaying final : public RunCompanion {
   explicit Replaying(trace::Player& player) : iPlayer(player) {}
 
   void OnBegin(const std::function<void()>& abort) override { iPlayer.Start(abort); }
-  std::vector<std::string> OnEnd(const RunResult& result, bool /*moduleGone*/) override {
+  Faults OnEnd(const RunResult& result, bool /*moduleGone*/) override {
     iVerdict = iPlayer.Finish(static_cast<int>(ExitCodeOf(result.outcome)));
     return {};
   }

@@ -49,9 +49,9 @@ Faults ErrorsOf(const RunResult& result) {
   return cause ? Faults{{cause->code, cause->detail}} : result.faults;
 }
 
-void AddUnlessEmpty(std::vector<std::string>& faults, const std::string& fault) {
+void AddUnlessEmpty(Faults& faults, ErrorCode code, const std::string& fault) {
   if (!fault.empty()) {
-    faults.push_back(fault);
+    faults.push_back({code, fault});
   }
 }
 
@@ -94,35 +94,36 @@ void RunRecording::OnBegin(const std::function<void()>& /*abort*/) {
 }
 
 // A module that is still there goes on logging and sending, to a recorder that must live as long.
-std::vector<std::string> RunRecording::OnEnd(const RunResult& result, bool moduleGone) {
+Faults RunRecording::OnEnd(const RunResult& result, bool moduleGone) {
   if (moduleGone) {
     iRecorder.Stop();
   }
   iRecorder.End(static_cast<int>(ExitCodeOf(result.outcome)), Headline(result));
-  std::vector<std::string> faults;
-  AddUnlessEmpty(faults, iRecorder.Fault());
+  Faults faults;
+  AddUnlessEmpty(faults, ErrorCode::TraceNotWritten, iRecorder.Fault());
   if (!iFiles.report.empty()) {
     const std::string content =
         report::Render(iFiles.report, trace::Decode(iRecorder.Content()), ErrorsOf(result));
-    AddUnlessEmpty(faults, WriteWhole(iFiles.report, kReportFile, content));
+    AddUnlessEmpty(faults, ErrorCode::ReportNotWritten, WriteWhole(iFiles.report, kReportFile, content));
   }
   return faults;
 }
 
-std::vector<std::string> RunRecording::OnRefusal(const Faults& faults, ExitCode exitCode) {
+Faults RunRecording::OnRefusal(const Faults& faults, ExitCode exitCode) {
   return RecordNoRun(iFiles, exitCode, kRefused, faults);
 }
 
-std::vector<std::string> RecordNoRun(const RunRecording::Files& files, ExitCode exitCode,
-                                     const std::string& outcome, const Faults& errors) {
+Faults RecordNoRun(const RunRecording::Files& files, ExitCode exitCode, const std::string& outcome,
+                   const Faults& errors) {
   const std::string end =
       trace::FileHeader() +
       trace::Encode({trace::Kind::End, 0, fmt::format("{} {}", static_cast<int>(exitCode), outcome)});
-  std::vector<std::string> faults;
-  AddUnlessEmpty(faults, files.trace.empty() ? "" : ReplaceTrace(files.trace, end));
+  Faults faults;
+  AddUnlessEmpty(faults, ErrorCode::TraceNotWritten,
+                 files.trace.empty() ? "" : ReplaceTrace(files.trace, end));
   if (!files.report.empty()) {
     const std::string content = report::Render(files.report, trace::Decode(end), errors);
-    AddUnlessEmpty(faults, ReplaceReport(files.report, content));
+    AddUnlessEmpty(faults, ErrorCode::ReportNotWritten, ReplaceReport(files.report, content));
   }
   return faults;
 }

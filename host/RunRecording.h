@@ -2,7 +2,6 @@
 
 #include <functional>
 #include <string>
-#include <vector>
 
 #include "Report.h"
 #include "UpdateRun.h"
@@ -28,8 +27,8 @@ class RunRecording final : public RunCompanion {
 
   void OnBegin(const std::function<void()>& abort) override;
   /// Returns why what was recorded is incomplete.
-  std::vector<std::string> OnEnd(const RunResult& result, bool moduleGone) override;
-  std::vector<std::string> OnRefusal(const Faults& faults, ExitCode exitCode) override;
+  Faults OnEnd(const RunResult& result, bool moduleGone) override;
+  Faults OnRefusal(const Faults& faults, ExitCode exitCode) override;
 
  private:
   const Files iFiles;
@@ -39,7 +38,7 @@ class RunRecording final : public RunCompanion {
 
 /// Leaves behind what a run has to say that does not take place: a trace with nothing but its end, and a
 /// report that says why. Older ones make way, any other file stays. Returns what went wrong, for people.
-std::vector<std::string> RecordNoRun(const RunRecording::Files& files, ExitCode exitCode,
-                                     const std::string& outcome, const Faults& errors);
+Faults RecordNoRun(const RunRecording::Files& files, ExitCode exitCode, const std::string& outcome,
+                   const Faults& errors);
 
 }  // namespace host

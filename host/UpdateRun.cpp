@@ -190,36 +190,36 @@ ExitCode UpdateRun::Execute() const {
   const ScopedDelivery delivery(broker);
   const bool stopped = Drive(controller, broker, module);
   const RunResult ended = result();
+  Faults complaints = companion != nullptr ? companion->OnEnd(ended, stopped) : Faults{};
   if (listening.Log().LinesLost() && logFile != nullptr) {
-    output.OnWarning(logFile->Fault());
+    complaints.push_back({ErrorCode::LogNotWritten, logFile->Fault()});
   }
-  if (companion != nullptr) {
-    Warn(companion->OnEnd(ended, stopped));
-  }
-  output.OnResult(ended, ExitCodeOf(ended));
+  const ExitCode exitCode = Warn(complaints, ExitCodeOf(ended));
+  output.OnResult(ended, exitCode);
   if (!stopped) {
-    ExitAtOnce(ExitCodeOf(ended));
+    ExitAtOnce(exitCode);
   }
-  return ExitCodeOf(ended);
+  return exitCode;
 }
 
-// What was found wrong before decides the exit code.
 ExitCode UpdateRun::RefuseModule(const std::string& fault) const {
-  const ExitCode exitCode = faults.empty() ? ExitCode::ModuleNotLoadable : host::ExitCodeOf(faults);
   Faults all = faults;
   all.push_back({ErrorCode::ModuleNotLoadable, fault});
+  const ExitCode exitCode = host::ExitCodeOf(all);
   output.OnFaults({all.back()});
   if (companion != nullptr) {
-    Warn(companion->OnRefusal(all, exitCode));
+    Warn(companion->OnRefusal(all, exitCode), exitCode);
   }
   output.OnRefusal(all, exitCode);
   return exitCode;
 }
 
-void UpdateRun::Warn(const std::vector<std::string>& texts) const {
-  for (const std::string& text : texts) {
-    output.OnWarning(text);
+// Returns the exit code that the complaints make of that one.
+ExitCode UpdateRun::Warn(const Faults& complaints, ExitCode exitCode) const {
+  for (const Fault& complaint : complaints) {
+    output.OnWarning(complaint);
   }
+  return complaints.empty() ? exitCode : WithLoss(exitCode);
 }
 
 }  // namespace host

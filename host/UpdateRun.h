@@ -4,7 +4,6 @@
 #include <iosfwd>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "ExitCode.h"
 #include "Logging.h"
@@ -27,9 +26,9 @@ class RunCompanion {
   virtual void OnBegin(const std::function<void()>& abort) = 0;
   /// The run is over. Without `moduleGone` the module is still at work, and the process ends at the return.
   /// Not called when the process is ended in haste. Returns what went wrong with accompanying it, for people.
-  virtual std::vector<std::string> OnEnd(const RunResult& result, bool moduleGone) = 0;
+  virtual Faults OnEnd(const RunResult& result, bool moduleGone) = 0;
   /// Instead of both: the module could not be had. Returns what OnEnd does.
-  virtual std::vector<std::string> OnRefusal(const Faults& /*faults*/, ExitCode /*exitCode*/) { return {}; }
+  virtual Faults OnRefusal(const Faults& /*faults*/, ExitCode /*exitCode*/) { return {}; }
 };
 
 /// One run of the module from loading to unloading: everything that peripheralctl does once it knows what
@@ -59,7 +58,7 @@ struct UpdateRun {
 
  private:
   ExitCode RefuseModule(const std::string& fault) const;
-  void Warn(const std::vector<std::string>& texts) const;
+  ExitCode Warn(const Faults& complaints, ExitCode exitCode) const;
 };
 
 }  // namespace host

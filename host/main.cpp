@@ -63,17 +63,18 @@ std::unique_ptr<Output> MakeOutput(bool json, const PropertyMap& properties) {
   return std::make_unique<ProgressDisplay>(std::cout, std::cerr, LookOfStandardOutput(), devices);
 }
 
-// No run leaves what an earlier one has left.
-void Record(const Options& options, Output& output, ExitCode exitCode, const std::string& outcome,
-            const Faults& faults) {
-  for (const std::string& text :
-       RecordNoRun({options.traceFile, options.reportFile}, exitCode, outcome, faults)) {
-    const bool isTold =
-        std::any_of(faults.begin(), faults.end(), [&text](const Fault& told) { return told.text == text; });
+// No run leaves what an earlier one has left. Returns what the exit code then is.
+ExitCode Record(const Options& options, Output& output, ExitCode exitCode, const std::string& outcome,
+                const Faults& faults) {
+  const Faults complaints = RecordNoRun({options.traceFile, options.reportFile}, exitCode, outcome, faults);
+  for (const Fault& complaint : complaints) {
+    const bool isTold = std::any_of(faults.begin(), faults.end(),
+                                    [&](const Fault& told) { return told.text == complaint.text; });
     if (!isTold) {
-      output.OnWarning(text);
+      output.OnWarning(complaint);
     }
   }
+  return complaints.empty() ? exitCode : WithLoss(exitCode);
 }
 
 ExitCode Refuse(const Options& options, Output& output, const Faults& faults, ExitCode exitCode) {
@@ -96,7 +97,7 @@ void Check(const Options& options, const Configuration& configuration, Output& o
   if (options.goal == Goal::Prepare) {
     output.OnFiles(found.files);
   }
-  for (const std::string& warning : found.warnings) {
+  for (const Fault& warning : found.warnings) {
     output.OnWarning(warning);
   }
 }
@@ -215,9 +216,9 @@ ExitCode Execute(Options& options) {
   }
   if (faults.empty() && properties.at(kUpdateListKey).empty()) {
     const RunResult result = {options.goal, Outcome::NothingToUpdate, false, {}};
-    Record(options, *output, ExitCode::Success, Headline(result), {});
-    output->OnResult(result, ExitCode::Success);
-    return ExitCode::Success;
+    const ExitCode exitCode = Record(options, *output, ExitCode::Success, Headline(result), {});
+    output->OnResult(result, exitCode);
+    return exitCode;
   }
   output->OnFaults(faults);
   return Run(options, configuration, files, faults, *output);
@@ -235,7 +236,7 @@ ExitCode WithOutput(ExitCode exitCode) {
   }
   std::cerr << "peripheralctl: what was to be said on standard output could not be written. Is the disk full?"
             << std::endl;
-  return exitCode == ExitCode::Success ? ExitCode::OutputLost : exitCode;
+  return WithLoss(exitCode);
 }
 
 // Ends the program before or outside of a run. People who watch a program that reads JSON are told too.

@@ -103,6 +103,7 @@ TEST_F(JsonOutputTest, ARetryGivesItsCause) {
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_EQ(lines[0]["code"], "stalled");
   EXPECT_EQ(lines[0]["message"], "nothing moved");
+  EXPECT_EQ(lines[0]["final"], false);
   EXPECT_EQ(lines[1]["attempt"], 3);
 }
 
@@ -114,12 +115,14 @@ TEST_F(JsonOutputTest, FaultsAndARefusal) {
                             {"code", "port-busy"},
                             {"message", "one"},
                             {"cause", host::Describe(ErrorCode::PortBusy).cause},
-                            {"advice", host::Describe(ErrorCode::PortBusy).advice}},
+                            {"advice", host::Describe(ErrorCode::PortBusy).advice},
+                            {"final", true}},
                            {{"event", "error"},
                             {"code", "digest-wrong"},
                             {"message", "two"},
                             {"cause", host::Describe(ErrorCode::DigestWrong).cause},
-                            {"advice", host::Describe(ErrorCode::DigestWrong).advice}},
+                            {"advice", host::Describe(ErrorCode::DigestWrong).advice},
+                            {"final", true}},
                            {{"event", "result"},
                             {"outcome", "refused"},
                             {"exit_code", 3},
@@ -197,8 +200,9 @@ TEST_F(JsonOutputTest, AFileIsToldWithOrWithoutADigest) {
 }
 
 TEST_F(JsonOutputTest, AWarningChangesNothing) {
-  iOutput.OnWarning("the log is incomplete");
-  EXPECT_EQ(Line(), (json{{"event", "warning"}, {"text", "the log is incomplete"}}));
+  iOutput.OnWarning({ErrorCode::LogNotWritten, "the log is incomplete"});
+  EXPECT_EQ(Line(),
+            (json{{"event", "warning"}, {"code", "log-not-written"}, {"text", "the log is incomplete"}}));
 }
 
 TEST_F(JsonOutputTest, WhatIsNoTextDoesNotBreakALine) {
@@ -230,7 +234,7 @@ TEST(ErrorCodes, AreThoseOfTheSchemaAndOfTheDocument) {
     EXPECT_THAT(document.str(), testing::HasSubstr("| `" + std::string(error.name) + "` | " + error.cause +
                                                    " | " + error.advice + " |\n"));
   }
-  EXPECT_EQ(json(names), Schema()["$defs"]["code"]["enum"]);
+  EXPECT_EQ(json(names), Schema()["$defs"]["knownCode"]["enum"]);
 }
 
 }  // namespace

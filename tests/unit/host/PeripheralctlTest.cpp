@@ -498,10 +498,25 @@ TEST_F(Peripheralctl, ALogLevelWithoutAFileLogsToStandardError) {
 
 TEST_F(Peripheralctl, ALogFileThatCannotBeWrittenIsReportedOnce) {
   Process process(Command("update", "succeeds", {"--log-file", "/dev/full"}), ErrorFile());
-  EXPECT_EQ(process.Wait(), 0);
+  EXPECT_EQ(process.Wait(), 12);
   EXPECT_EQ(
       process.Err(),
       "peripheralctl: the log file '/dev/full' is incomplete: No space left on device. Is the disk full?\n");
+}
+
+TEST_F(Peripheralctl, WhatCouldNotBeWrittenIsExitCode12AndAWarningOfItsOwn) {
+  for (const auto& [option, code] : {std::pair("--log-file", "log"), std::pair("--trace", "trace")}) {
+    Process process(Command("update", "succeeds", {option, "/dev/full", "--json"}), ErrorFile());
+    EXPECT_EQ(process.Wait(), 12);
+    EXPECT_THAT(process.Out(), AllOf(HasSubstr(std::string("\"code\":\"") + code + "-not-written\""),
+                                     HasSubstr("\"exit_code\":12,\"code\":null")));
+  }
+  Process failed(Command("update", "install-fails", {"--trace", "/dev/full"}), ErrorFile());
+  EXPECT_EQ(failed.Wait(), 6);
+  Process nothing(Command("update", "succeeds",
+                          {"--set", "updatelist=", "--report", iFolder.File("mine.html", "no report")}),
+                  ErrorFile());
+  EXPECT_EQ(nothing.Wait(), 12);
 }
 
 TEST_F(Peripheralctl, BadUsageIsRefused) {
@@ -728,6 +743,7 @@ class WhatIsLeft : public Peripheralctl {
   // Runs that go no further than their preparation here, each with its code and exit code.
   std::vector<std::tuple<std::vector<std::string>, std::string, int>> Refusals() const {
     return {{{"--bogus"}, "bad-usage", 2},
+            {{"--timeout", "x"}, "bad-usage", 2},
             {{"--set", "xmodemspeed=x"}, "property-invalid", 3},
             {{"--set", "bogus=1"}, "config-invalid", 3},
             {{"--require-digest"}, "digest-missing", 10},

@@ -344,8 +344,9 @@ TEST_F(Preflight, WhoHasThePortOpenWithoutALockIsWarnedOf) {
   std::filesystem::create_symlink(iPort.Name(), link);
   const host::Findings found = host::CheckProperties(With("xmodemportname", link));
   EXPECT_THAT(Texts(found.faults), IsEmpty());
-  EXPECT_THAT(found.warnings, ElementsAre("xmodemportname: " + listener.Name() + " has the port '" + link +
-                                          "' open, too, and may take the device's bytes away; close that."));
+  EXPECT_THAT(Texts(found.warnings),
+              ElementsAre("xmodemportname: " + listener.Name() + " has the port '" + link +
+                          "' open, too, and may take the device's bytes away; close that."));
 }
 
 TEST_F(Preflight, ThePortsSettingsStayAsTheyAre) {

@@ -88,7 +88,7 @@ TEST(ProgressDisplay, WarningsAndTheLogStandAboveTheBar) {
   ProgressDisplay display(out, out, {true, false, true, [] { return 22; }}, {});
   display.OnProgress(50);
   out.str("");
-  display.OnWarning("late");
+  display.OnWarning({host::ErrorCode::LogNotWritten, "late"});
   display.Log() << "a line "
                 << "of the log" << std::endl;
   EXPECT_EQ(out.str(),
@@ -244,7 +244,7 @@ TEST(ProgressDisplay, FailuresGoToTheOtherStream) {
   std::ostringstream err;
   ProgressDisplay display(out, err, {false, false, false, [] { return 80; }}, {});
   display.OnFaults({{host::ErrorCode::PortBusy, "one"}, {host::ErrorCode::PortMissing, "two"}});
-  display.OnWarning("three");
+  display.OnWarning({host::ErrorCode::LogNotWritten, "three"});
   display.OnRefusal({}, host::ExitCode::BadConfiguration);
   EXPECT_EQ(out.str(), "");
   EXPECT_EQ(err.str(), "peripheralctl: one\nperipheralctl: two\nperipheralctl: three\n");

@@ -140,7 +140,8 @@ TEST(ExitCode, StandsForTheOutcome) {
 
 TEST(ExitCode, AllAreDescribed) {
   for (const char* code : {"0", "1", "2", "3", "4", "5", "6", "7", "8", "9", "10", "11"}) {
-    EXPECT_THAT(host::DescribeExitCodes(host::kAllCommands), testing::ContainsRegex(std::string("\n +") + code + "  [a-z]"));
+    EXPECT_THAT(host::DescribeExitCodes(host::kAllCommands),
+                testing::ContainsRegex(std::string("\n +") + code + "  [a-z]"));
   }
 }
 
@@ -149,7 +150,8 @@ TEST(ExitCode, OfFaultsIsThatOfDigestsOnlyWhenNothingElseIsWrong) {
   const host::Fault missing = {host::ErrorCode::DigestMissing, "x"};
   const host::Fault other = {host::ErrorCode::PortBusy, "x"};
   EXPECT_EQ(ExitCodeOf(host::Faults{wrong, missing}), ExitCode::WrongDigest);
-  EXPECT_EQ(ExitCodeOf(host::Faults{wrong, other}), ExitCode::BadConfiguration);
+  EXPECT_EQ(ExitCodeOf(host::Faults{wrong, other}), ExitCode::WrongDigest) << "the first counts";
+  EXPECT_EQ(ExitCodeOf(host::Faults{other, wrong}), ExitCode::BadConfiguration);
   EXPECT_EQ(ExitCodeOf(host::Faults{other}), ExitCode::BadConfiguration);
   EXPECT_EQ(ExitCodeOf(host::Faults{{host::ErrorCode::ConfigUntrusted, "x"}}), ExitCode::ConfigUntrusted);
 }
@@ -160,7 +162,7 @@ TEST(ErrorCode, EachIsDescribedAtItsPlaceAndNoNameIsThereTwice) {
     EXPECT_EQ(&host::Describe(description.code), &description);
     EXPECT_TRUE(names.insert(description.name).second) << description.name;
   }
-  EXPECT_EQ(names.size(), static_cast<std::size_t>(host::ErrorCode::NoResult) + 1);
+  EXPECT_EQ(names.size(), static_cast<std::size_t>(host::ErrorCode::ReportNotWritten) + 1);
 }
 
 }  // namespace
