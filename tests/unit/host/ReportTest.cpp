@@ -145,7 +145,7 @@ TEST(ExitCode, AllAreDescribed) {
   }
 }
 
-TEST(ExitCode, OfFaultsIsThatOfDigestsOnlyWhenNothingElseIsWrong) {
+TEST(ExitCode, OfFaultsIsThatOfTheFirst) {
   const host::Fault wrong = {host::ErrorCode::DigestWrong, "x"};
   const host::Fault missing = {host::ErrorCode::DigestMissing, "x"};
   const host::Fault other = {host::ErrorCode::PortBusy, "x"};
