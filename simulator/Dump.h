@@ -11,7 +11,8 @@ namespace simulator {
 /// means no dump. False, after a complaint on stderr, if a file cannot be written.
 bool DumpMemories(const DeviceList& devices, const std::string& ram_path, const std::string& flash_path);
 
-/// What is known before anything is written: false, after a complaint on stderr, if a file is a symbolic link.
+/// What is known before anything is written: false, after a complaint on stderr, if a file is a symbolic
+/// link.
 bool MayBeDumped(const DeviceList& devices, const std::string& ram_path, const std::string& flash_path);
 
 }  // namespace simulator

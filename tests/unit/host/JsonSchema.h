@@ -47,7 +47,8 @@ class JsonSchema {
       return !value.is_number() || value <= rule;
     }
     if (name == "pattern") {
-      return !value.is_string() || std::regex_search(value.get<std::string>(), std::regex(rule.get<std::string>()));
+      return !value.is_string() ||
+             std::regex_search(value.get<std::string>(), std::regex(rule.get<std::string>()));
     }
     if (name == "items") {
       return std::all_of(value.begin(), value.end(), [&](const Json& item) { return Admits(rule, item); });
