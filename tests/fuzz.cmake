@@ -8,10 +8,12 @@ add_library(fuzzed_host STATIC
   ${PROJECT_SOURCE_DIR}/host/Digest.cpp
   ${PROJECT_SOURCE_DIR}/host/Groups.cpp
   ${PROJECT_SOURCE_DIR}/host/Peripherals.cpp
+  ${PROJECT_SOURCE_DIR}/host/Ports.cpp
   ${PROJECT_SOURCE_DIR}/host/Preflight.cpp
-  ${PROJECT_SOURCE_DIR}/host/PropertyStore.cpp)
+  ${PROJECT_SOURCE_DIR}/host/PropertyStore.cpp
+  fuzz/AnySpeed.cpp)
 target_include_directories(fuzzed_host PUBLIC ${PROJECT_SOURCE_DIR}/host)
-target_link_libraries(fuzzed_host PUBLIC platform_headers fmt::fmt nettle::nettle)
+target_link_libraries(fuzzed_host PUBLIC platform_headers platform_observation fmt::fmt nettle::nettle)
 # The TOML parser (3.3) declares characters from U+FCC6 to U+FEFE unreachable where it looks for blanks, and then finds
 # that they are none. Only such a claim is not reported; what would come of it is.
 target_compile_options(fuzzed_host PRIVATE -fno-sanitize=unreachable)
@@ -19,6 +21,7 @@ target_compile_options(fuzzed_host PRIVATE -fno-sanitize=unreachable)
 # What decodes and reports traces.
 add_library(fuzzed_trace STATIC
   ${PROJECT_SOURCE_DIR}/host/ErrorCode.cpp
+  ${PROJECT_SOURCE_DIR}/host/Peripherals.cpp
   ${PROJECT_SOURCE_DIR}/host/report/Figures.cpp
   ${PROJECT_SOURCE_DIR}/host/report/HtmlReport.cpp
   ${PROJECT_SOURCE_DIR}/host/report/JsonReport.cpp

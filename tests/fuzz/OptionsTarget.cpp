@@ -26,6 +26,8 @@ std::string TextOf(const Refusal& refusal) {
 
 std::string TextOf(const Silence& silence) {
   switch (silence.stage) {
+    case SilentStage::kStart:
+      return "start";
     case SilentStage::kVersion:
       return "version";
     case SilentStage::kWriteRam:
