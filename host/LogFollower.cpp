@@ -32,8 +32,8 @@ constexpr std::string_view kNotOpened = " could not be opened";
 struct Symptom {
   std::string_view text;  ///< the line begins with it
   ErrorCode code;
-  const char* what;            ///< for people; the line itself when it is null
-  std::string_view also = "";  ///< the line holds it, too
+  const char* what;         ///< for people; the line itself when it is null
+  std::string_view also{};  ///< the line holds it, too
 };
 
 constexpr Symptom kSymptoms[] = {
