@@ -41,7 +41,8 @@ RunLog::~RunLog() {
 
 void RunLog::Write(const logging::TLine& line) {
   if (iLowest && line.level >= *iLowest) {
-    iOut << Now() << " " << logging::Format(line) << std::endl;
+    // As one text: a display may write to the same stream at the same time.
+    iOut << Now() + " " + logging::Format(line) + "\n" << std::flush;
     iLinesLost = iLinesLost || !iOut;
   }
   iOnLine(line);

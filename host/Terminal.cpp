@@ -55,13 +55,14 @@ void HoldStandardStreams() {
   }
 }
 
-PatientOutput::PatientOutput() : iBefore(std::cout.rdbuf(this)) {
+PatientOutput::PatientOutput() : iBefore(std::cout.rdbuf(this)), iTiedBefore(std::cerr.tie(nullptr)) {
   setp(iBytes.data(), iBytes.data() + iBytes.size());
 }
 
 PatientOutput::~PatientOutput() {
   std::cout.flush();
   std::cout.rdbuf(iBefore);
+  std::cerr.tie(iTiedBefore);
 }
 
 int PatientOutput::sync() {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <ostream>
 #include <streambuf>
 
 #include "ProgressDisplay.h"
@@ -18,7 +19,8 @@ int HelpColumns();
 void HoldStandardStreams();
 
 /// While it lives, what std::cout gets waits for room on standard output, also where another program that
-/// shares it has set it not to wait.
+/// shares it has set it not to wait. std::cerr does not flush std::cout meanwhile: unlike the buffer that it
+/// replaces, this one is for one thread at a time, and other threads log on std::cerr.
 class PatientOutput final : private std::streambuf {
  public:
   PatientOutput();
@@ -31,6 +33,7 @@ class PatientOutput final : private std::streambuf {
   int_type overflow(int_type letter) override;
 
   std::streambuf* const iBefore;
+  std::ostream* const iTiedBefore;
   std::array<char, 4096> iBytes = {};
 };
 

@@ -32,6 +32,7 @@ peripheral_test(host_tests LABEL unit TIMEOUT 120
     unit/host/ReportTest.cpp
     unit/host/RunLogTest.cpp
     unit/host/SourceFilesTest.cpp
+    unit/host/TerminalTest.cpp
     unit/host/TransferRateTest.cpp
     unit/host/TrustTest.cpp
     unit/host/UpdateControllerTest.cpp
