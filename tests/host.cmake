@@ -41,6 +41,7 @@ peripheral_test(host_tests LABEL unit TIMEOUT 120
     unit/host/trace/RecordTest.cpp
     unit/host/trace/RecorderTest.cpp
   LIBRARIES host)
+target_include_directories(host_tests PRIVATE support)
 test_starts(host_tests PERIPHERALCTL peripheralctl)
 add_dependencies(host_tests FakeModule WrongTypeModule NoTypeModule NoCreateModule)
 target_link_options(host_tests PRIVATE -Wl,--wrap=fsync)

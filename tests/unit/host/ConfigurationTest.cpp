@@ -5,7 +5,7 @@
 
 #include <gmock/gmock.h>
 
-#include "TemporaryFolder.h"
+#include "Files.h"
 #include "Texts.h"
 
 namespace {
@@ -163,7 +163,7 @@ TEST(Configuration, IsReadFromAFile) {
   const TemporaryFolder folder;
   Faults faults;
   Configuration configuration =
-      host::ReadConfiguration(folder.File("c.toml", "[properties]\nxmodemsource-image = \"i\"\n"), faults);
+      host::ReadConfiguration(folder.Write("c.toml", "[properties]\nxmodemsource-image = \"i\"\n"), faults);
   EXPECT_THAT(Texts(faults), IsEmpty());
   EXPECT_EQ(configuration.properties["xmodemsource-image"], folder.Path("i"));
 }
@@ -188,9 +188,9 @@ TEST(Configuration, OneMebibyteIsReadAndAByteMoreIsRefused) {
   const TemporaryFolder folder;
   const std::string comment = "#" + std::string(1024 * 1024 - 1, ' ');
   Faults faults;
-  host::ReadConfiguration(folder.File("largest.toml", comment), faults);
+  host::ReadConfiguration(folder.Write("largest.toml", comment), faults);
   EXPECT_THAT(Texts(faults), IsEmpty());
-  host::ReadConfiguration(folder.File("larger.toml", comment + " "), faults);
+  host::ReadConfiguration(folder.Write("larger.toml", comment + " "), faults);
   EXPECT_THAT(Texts(faults), ElementsAre(HasSubstr("larger.toml: more than 1024 KiB")));
 }
 

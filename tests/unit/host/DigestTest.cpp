@@ -6,7 +6,7 @@
 
 #include <cerrno>
 
-#include "TemporaryFolder.h"
+#include "Files.h"
 
 namespace {
 
@@ -14,15 +14,15 @@ using host::Sha256Of;
 
 TEST(Digest, IsThatOfTheStandardsExamples) {
   const TemporaryFolder folder;
-  EXPECT_EQ(Sha256Of(folder.File("empty", "")),
+  EXPECT_EQ(Sha256Of(folder.Write("empty", "")),
             "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
-  EXPECT_EQ(Sha256Of(folder.File("abc", "abc")),
+  EXPECT_EQ(Sha256Of(folder.Write("abc", "abc")),
             "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
 }
 
 TEST(Digest, CoversAFileOfManyReads) {
   const TemporaryFolder folder;
-  EXPECT_EQ(Sha256Of(folder.File("million", std::string(1'000'000, 'a'))),
+  EXPECT_EQ(Sha256Of(folder.Write("million", std::string(1'000'000, 'a'))),
             "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
 }
 

@@ -6,8 +6,8 @@
 #include <gmock/gmock.h>
 
 #include "EventBroker.h"
+#include "Files.h"
 #include "PropertyStore.h"
-#include "TemporaryFolder.h"
 
 namespace {
 
@@ -85,7 +85,7 @@ TEST(FeatureModule, AMissingLibraryIsNamed) {
 TEST(FeatureModule, ATextOrAFolderIsNoSharedLibrary) {
   const TemporaryFolder folder;
   const std::string text =
-      folder.File("text.so", "I am no library, however long I am made to look like one.");
+      folder.Write("text.so", "I am no library, however long I am made to look like one.");
   EXPECT_THAT(FaultOf(text), AllOf(HasSubstr(text), HasSubstr("cannot be loaded as a shared library: ")));
   EXPECT_THAT(FaultOf("/tmp/"), HasSubstr("cannot be loaded as a shared library: "));
 }
@@ -107,9 +107,9 @@ TEST(FeatureModule, TheDefaultLiesBesideTheProgramThenInLibThenWhereTheLoaderFin
   std::filesystem::create_directories(folder.Path("bin"));
   std::filesystem::create_directories(folder.Path("lib"));
   EXPECT_EQ(FeatureModule::DefaultLibrary(folder.Path("bin")), "libPeripheralLoader.so");
-  const std::string inLib = folder.File("lib/libPeripheralLoader.so", "");
+  const std::string inLib = folder.Write("lib/libPeripheralLoader.so", "");
   EXPECT_EQ(FeatureModule::DefaultLibrary(folder.Path("bin")), inLib);
-  const std::string beside = folder.File("bin/libPeripheralLoader.so", "");
+  const std::string beside = folder.Write("bin/libPeripheralLoader.so", "");
   EXPECT_EQ(FeatureModule::DefaultLibrary(folder.Path("bin")), beside);
 }
 

@@ -4,7 +4,7 @@
 
 #include <gmock/gmock.h>
 
-#include "TemporaryFolder.h"
+#include "Files.h"
 
 namespace {
 
@@ -254,8 +254,8 @@ TEST_F(LogFollowerTest, WhatWasMendedIsNoCause) {
 TEST(PlanOf, HoldsEachDeviceWithTheSizeOfItsFiles) {
   const TemporaryFolder folder;
   const host::PropertyMap properties = {{"updatelist", "xmodem;unknown;sanyoxmodem"},
-                                        {"xmodemsource-image", folder.File("image", "12345")},
-                                        {"xmodemsource-loader", folder.File("loader", "123")}};
+                                        {"xmodemsource-image", folder.Write("image", "12345")},
+                                        {"xmodemsource-loader", folder.Write("loader", "123")}};
   const std::vector<PlannedDevice> plan = host::PlanOf(properties);
   ASSERT_EQ(plan.size(), 2u);
   EXPECT_EQ(plan[0].name, "CAN controller");

@@ -9,12 +9,10 @@
 
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <iterator>
-#include <sstream>
 
-#include "TemporaryFolder.h"
+#include "Files.h"
 
 namespace {
 
@@ -33,12 +31,6 @@ extern "C" int __wrap_fsync(int file) {
 namespace {
 
 using testing::HasSubstr;
-
-std::string ContentOf(const std::string& path) {
-  std::ostringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
 
 class OutputFile : public testing::Test {
  protected:
@@ -89,7 +81,7 @@ TEST_F(OutputFile, OfATraceIsItsOwnersAloneAndBegunAnew) {
 }
 
 TEST_F(OutputFile, ThatIsThereLosesTheRightsThatOthersMustNotHave) {
-  const std::string path = iFolder.File("log", "");
+  const std::string path = iFolder.Write("log", "");
   ASSERT_EQ(chmod(path.c_str(), 0666), 0);
   EXPECT_EQ(Log(path, "x"), "");
   EXPECT_EQ(ModeOf(path), 0644u);
@@ -107,7 +99,7 @@ TEST_F(OutputFile, IsNobodyElses) {
   if (geteuid() != 0) {
     GTEST_SKIP() << "only root can give a file away";
   }
-  const std::string path = iFolder.File("log", "precious");
+  const std::string path = iFolder.Write("log", "precious");
   ASSERT_EQ(chown(path.c_str(), 65534, 0), 0);
   EXPECT_THAT(Log(path, "x"), HasSubstr("': it belongs to another user."));
   EXPECT_EQ(ContentOf(path), "precious");
@@ -127,7 +119,7 @@ TEST_F(OutputFile, OnAFullDiskIsIncompleteAndItsStreamShowsThat) {
 }
 
 TEST_F(OutputFile, ThatComesAsAWholeReplacesTheOneBeforeAndLeavesNothingBeside) {
-  const std::string path = iFolder.File("report", "old");
+  const std::string path = iFolder.Write("report", "old");
   EXPECT_EQ(host::MakeRoom(path, host::kReportFile), "");
   EXPECT_FALSE(std::filesystem::exists(path));
   EXPECT_EQ(host::WriteWhole(path, host::kReportFile, "new"), "");
@@ -153,7 +145,7 @@ TEST_F(OutputFile, ThatComesAsAWholeIsOnTheDiskBeforeItHasItsName) {
 }
 
 TEST_F(OutputFile, ThatComesAsAWholeTakesNoLinkNoFolderAndNobodyElsesPlace) {
-  const std::string target = iFolder.File("target", "precious");
+  const std::string target = iFolder.Write("target", "precious");
   const std::string link = iFolder.Path("link");
   ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
   EXPECT_EQ(
@@ -181,10 +173,10 @@ TEST_F(OutputFile, ThatCannotComeAsAWholeIsNotThere) {
 
 TEST_F(OutputFile, OfAnEarlierRunIsKnownByItsBeginning) {
   EXPECT_TRUE(host::IsMissingOrBegins(iFolder.Path("none"), "abc"));
-  EXPECT_TRUE(host::IsMissingOrBegins(iFolder.File("empty", ""), "abc"));
-  EXPECT_TRUE(host::IsMissingOrBegins(iFolder.File("own", "abcd"), "abc"));
-  EXPECT_FALSE(host::IsMissingOrBegins(iFolder.File("short", "ab"), "abc"));
-  EXPECT_FALSE(host::IsMissingOrBegins(iFolder.File("other", "abd"), "abc"));
+  EXPECT_TRUE(host::IsMissingOrBegins(iFolder.Write("empty", ""), "abc"));
+  EXPECT_TRUE(host::IsMissingOrBegins(iFolder.Write("own", "abcd"), "abc"));
+  EXPECT_FALSE(host::IsMissingOrBegins(iFolder.Write("short", "ab"), "abc"));
+  EXPECT_FALSE(host::IsMissingOrBegins(iFolder.Write("other", "abd"), "abc"));
 }
 
 TEST_F(OutputFile, GetsFromItsStreamWhatWasFlushed) {

@@ -10,15 +10,16 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <fstream>
 #include <functional>
 #include <optional>
 #include <sstream>
 #include <thread>
 #include <tuple>
 
+#include "Files.h"
 #include "JsonSchema.h"
 #include "PseudoTerminal.h"
-#include "TemporaryFolder.h"
 
 namespace {
 
@@ -26,12 +27,6 @@ using testing::AllOf;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
-
-std::string ContentOf(const std::string& path) {
-  std::ostringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
 
 // Waits for what must happen soon. Whether it did.
 bool Soon(const std::function<bool()>& happened) {
@@ -206,15 +201,15 @@ class Peripheralctl : public testing::Test {
  protected:
   std::vector<std::string> Command(const std::string& command, const std::string& part,
                                    const std::vector<std::string>& more = {}) {
-    iFolder.File("image", "image");
-    const std::string config = iFolder.File("config.toml", "library = \"" FAKE_MODULES
-                                                           "FakeModule.so\"\n"
-                                                           "[properties]\n"
-                                                           "updatelist = \"sanyoxmodem\"\n"
-                                                           "xmodemsource-image = \"image\"\n"
-                                                           "xmodemspeed = 115200\n"
-                                                           "xmodemportname = \"" +
-                                                               iPort.Name() + "\"\n");
+    iFolder.Write("image", "image");
+    const std::string config = iFolder.Write("config.toml", "library = \"" FAKE_MODULES
+                                                            "FakeModule.so\"\n"
+                                                            "[properties]\n"
+                                                            "updatelist = \"sanyoxmodem\"\n"
+                                                            "xmodemsource-image = \"image\"\n"
+                                                            "xmodemspeed = 115200\n"
+                                                            "xmodemportname = \"" +
+                                                                iPort.Name() + "\"\n");
     std::vector<std::string> arguments = {command, "--config", config, "--feature-id", part};
     arguments.insert(arguments.end(), more.begin(), more.end());
     return arguments;
@@ -514,7 +509,7 @@ TEST_F(Peripheralctl, WhatCouldNotBeWrittenIsExitCode12AndAWarningOfItsOwn) {
   Process failed(Command("update", "install-fails", {"--trace", "/dev/full"}), ErrorFile());
   EXPECT_EQ(failed.Wait(), 6);
   Process nothing(Command("update", "succeeds",
-                          {"--set", "updatelist=", "--report", iFolder.File("mine.html", "no report")}),
+                          {"--set", "updatelist=", "--report", iFolder.Write("mine.html", "no report")}),
                   ErrorFile());
   EXPECT_EQ(nothing.Wait(), 12);
 }
@@ -528,7 +523,7 @@ TEST_F(Peripheralctl, BadUsageIsRefused) {
 }
 
 TEST_F(Peripheralctl, NoOutputGoesIntoAFileThatIsSentNorTwoIntoOne) {
-  const std::string image = iFolder.File("sent.json", "content");
+  const std::string image = iFolder.Write("sent.json", "content");
   const std::string other = iFolder.Path("other");
   for (const char* option : {"--log-file", "--trace", "--report"}) {
     Process process(Command("update", "succeeds", {"--set", "xmodemsource-image=" + image, option, image}),
@@ -575,7 +570,7 @@ TEST_F(Peripheralctl, ABadConfigurationIsRefused) {
 }
 
 TEST_F(Peripheralctl, WhatOnlyFollowsFromAMistakeInTheConfigurationIsNotTold) {
-  iFolder.File("image", "image");
+  iFolder.Write("image", "image");
   const std::string rest =
       "updatelist = \"sanyoxmodem\"\nxmodemsource-image = \"image\"\nxmodemportname = \"" + iPort.Name() +
       "\"\n";
@@ -592,7 +587,7 @@ TEST_F(Peripheralctl, WhatOnlyFollowsFromAMistakeInTheConfigurationIsNotTold) {
        "did you mean 'xmodemsource-image'?"},
   };
   for (const auto& [config, options, mistake] : mistakes) {
-    std::vector<std::string> arguments = {"update", "--config", iFolder.File("faulty.toml", config)};
+    std::vector<std::string> arguments = {"update", "--config", iFolder.Write("faulty.toml", config)};
     arguments.insert(arguments.end(), options.begin(), options.end());
     Process process(arguments, ErrorFile());
     EXPECT_EQ(process.Wait(), 3);
@@ -804,7 +799,7 @@ TEST_F(WhatIsLeft, OfARunWithNothingToDoIsAReportThatSaysSo) {
 
 TEST_F(WhatIsLeft, ARefusedRunTakesNothingFromOtherFiles) {
   for (const char* option : {"--trace", "--report"}) {
-    const std::string other = iFolder.File("other.json", "{\"mine\": 1}");
+    const std::string other = iFolder.Write("other.json", "{\"mine\": 1}");
     Process process(Command("update", "succeeds", {option, other, "--set", "bogus=1"}), ErrorFile());
     EXPECT_EQ(process.Wait(), 3);
     EXPECT_THAT(process.Err(), HasSubstr("is left as it is."));
@@ -822,8 +817,8 @@ TEST_F(WhatIsLeft, ARefusedRunTakesNothingFromOtherFiles) {
 }
 
 TEST_F(WhatIsLeft, OfATraceAndAReportThatBothFailAreTwoComplaints) {
-  const std::string trace = iFolder.File("trace", "mine");
-  const std::string report = iFolder.File("report.html", "mine");
+  const std::string trace = iFolder.Write("trace", "mine");
+  const std::string report = iFolder.Write("report.html", "mine");
   Process process(Command("update", "succeeds", {"--trace", trace, "--report", report, "--require-digest"}),
                   ErrorFile());
   EXPECT_EQ(process.Wait(), 10);
@@ -879,7 +874,7 @@ TEST_F(Peripheralctl, RootFollowsNoConfigurationThatOthersMayChangeUnlessToldSo)
 
 TEST_F(Peripheralctl, WritesThroughNoPlantedLink) {
   for (const std::string option : {"--log-file", "--trace", "--report"}) {
-    const std::string target = iFolder.File("target", "precious");
+    const std::string target = iFolder.Write("target", "precious");
     const std::string link = iFolder.Path(option + ".html");
     std::filesystem::create_symlink(target, link);
     Process process(Command("update", "succeeds", {option, link}), ErrorFile());

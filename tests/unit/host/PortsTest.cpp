@@ -8,8 +8,8 @@
 
 #include <sstream>
 
+#include "Files.h"
 #include "Groups.h"
-#include "TemporaryFolder.h"
 
 namespace {
 
@@ -38,7 +38,7 @@ class Ports : public testing::Test {
 
   void Write(const std::string& path, const std::string& content) const {
     fs::create_directories(fs::path(iFolder.Path(path)).parent_path());
-    iFolder.File(path, content);
+    iFolder.Write(path, content);
   }
 
   void Link(const std::string& path, const std::string& target) const {

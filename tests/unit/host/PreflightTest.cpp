@@ -15,9 +15,9 @@
 #include <cstring>
 #include <filesystem>
 
+#include "Files.h"
 #include "OneSpeedDriver.h"
 #include "PseudoTerminal.h"
-#include "TemporaryFolder.h"
 #include "Texts.h"
 
 namespace {
@@ -38,8 +38,8 @@ class Preflight : public testing::Test {
  protected:
   Preflight() {
     iGood = {{"updatelist", "xmodem"},
-             {"xmodemsource-image", iFolder.File("image", "i")},
-             {"xmodemsource-loader", iFolder.File("loader", "l")},
+             {"xmodemsource-image", iFolder.Write("image", "i")},
+             {"xmodemsource-loader", iFolder.Write("loader", "l")},
              {"xmodemspeed", "115200"},
              {"xmodemportname", iPort.Name()},
              {"xmodemramaddress", "20000000"},
@@ -156,7 +156,7 @@ constexpr Fault kFaults[] = {
 };
 
 TEST_F(Preflight, EachFaultIsNamedWithItsCure) {
-  iFolder.File("empty", "");
+  iFolder.Write("empty", "");
   ASSERT_EQ(mkfifo(iFolder.Path("fifo").c_str(), 0600), 0);
   const std::string folder = std::filesystem::path(iFolder.Path("x")).parent_path();
   const auto expand = [&](std::string text) {

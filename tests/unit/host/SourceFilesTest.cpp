@@ -8,7 +8,7 @@
 
 #include <functional>
 
-#include "TemporaryFolder.h"
+#include "Files.h"
 
 namespace {
 
@@ -30,7 +30,7 @@ class SourceFilesTest : public testing::Test {
 
   // As old as a file is that was not written just now.
   std::string Make(const std::string& name, const std::string& content = "content") const {
-    const std::string path = iFolder.File(name, content);
+    const std::string path = iFolder.Write(name, content);
     SetTime(path, 1'000'000'000, 0);
     return path;
   }

@@ -12,7 +12,7 @@
 #include <cstdint>
 #include <filesystem>
 
-#include "TemporaryFolder.h"
+#include "Files.h"
 
 namespace {
 
@@ -29,7 +29,7 @@ class Trust : public testing::Test {
       GTEST_SKIP() << "only root has files to give away";
     }
     std::filesystem::create_directory(iFolder.Path("sub"));
-    iFile = iFolder.File("sub/file", "content");
+    iFile = iFolder.Write("sub/file", "content");
     ASSERT_EQ(chmod(iFile.c_str(), 0644), 0);
     ASSERT_EQ(WhyUntrusted(iFile), std::nullopt);
   }

@@ -4,7 +4,7 @@
 
 #include <gmock/gmock.h>
 
-#include "../TemporaryFolder.h"
+#include "Files.h"
 
 namespace {
 
@@ -105,10 +105,10 @@ TEST(TraceRecord, OfAnotherVersionOrAnotherFileIsNotRead) {
 
 TEST(TraceRecord, IsReadFromAFileWhichMayBeMissing) {
   const TemporaryFolder folder;
-  ExpectFirst(ReadTrace(folder.File("trace", Written())), kRecords.size());
+  ExpectFirst(ReadTrace(folder.Write("trace", Written())), kRecords.size());
   EXPECT_EQ(ReadTrace(folder.Path("none")).fault,
             "The file '" + folder.Path("none") + "' cannot be read: No such file or directory.");
-  EXPECT_EQ(ReadTrace(folder.File("empty", "")).soundness, Soundness::Foreign);
+  EXPECT_EQ(ReadTrace(folder.Write("empty", "")).soundness, Soundness::Foreign);
 }
 
 }  // namespace

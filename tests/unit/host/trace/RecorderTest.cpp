@@ -9,7 +9,7 @@
 
 #include <filesystem>
 
-#include "../TemporaryFolder.h"
+#include "Files.h"
 
 namespace {
 
@@ -93,7 +93,7 @@ TEST(TraceRecorder, MakesAFileForItsOwnerAloneAndFollowsNoLink) {
 
 TEST(TraceRecorder, TakesFromAnOldFileItsContentAndItsReaders) {
   const TemporaryFolder folder;
-  const std::string path = folder.File("trace", "old");
+  const std::string path = folder.Write("trace", "old");
   ASSERT_EQ(chmod(path.c_str(), 0666), 0);
   EXPECT_EQ(Recorder().OpenFile(path), "");
   struct stat status = {};
@@ -111,7 +111,7 @@ TEST(TraceRecorder, WritesToNoPipeAndToNobodyElsesFile) {
   close(reader);
   EXPECT_THAT(Recorder().OpenFile("/dev/ptmx"), testing::HasSubstr("': it is no regular file."));
   if (geteuid() == 0) {
-    const std::string path = folder.File("trace", "precious");
+    const std::string path = folder.Write("trace", "precious");
     ASSERT_EQ(chown(path.c_str(), 65534, 0), 0);
     EXPECT_THAT(Recorder().OpenFile(path), testing::HasSubstr("': it belongs to another user."));
     EXPECT_EQ(std::filesystem::file_size(path), 8U);
