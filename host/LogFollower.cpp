@@ -80,8 +80,8 @@ std::int64_t Number(std::string_view text) {
   return number;
 }
 
-// A wait that ends because the port is gone looks like silence; a file is also
-// said to be unusable when only its receiver does not start; and why a port cannot be used is told first.
+// A wait that ends because the port is gone looks like silence; a file is also said to be unusable when only
+// its receiver does not start; and why a port cannot be used is told first.
 bool Outweighs(ErrorCode before, ErrorCode now) {
   return now == ErrorCode::FileUnusable || before == ErrorCode::PortUnusable ||
          (before == ErrorCode::PortLost && now != ErrorCode::PortLost);

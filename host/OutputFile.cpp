@@ -17,8 +17,17 @@ namespace host {
 
 namespace {
 
+constexpr const char* kNoRegularFile = "it is no regular file";
+
 std::string Reason() {
-  return errno == ELOOP ? "it is a symbolic link" : std::generic_category().message(errno);
+  switch (errno) {
+    case ELOOP:
+      return "it is a symbolic link";
+    case ENXIO:  // a pipe that nobody reads, or a socket
+      return kNoRegularFile;
+    default:
+      return std::generic_category().message(errno);
+  }
 }
 
 // Why the run must not write there; empty when it may.
@@ -27,7 +36,7 @@ std::string WhyUnfit(const struct stat& status) {
     return "it is a symbolic link";
   }
   if (!S_ISREG(status.st_mode)) {
-    return "it is no regular file";
+    return kNoRegularFile;
   }
   return status.st_uid == geteuid() ? "" : "it belongs to another user";
 }

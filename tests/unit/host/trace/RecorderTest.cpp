@@ -106,6 +106,7 @@ TEST(TraceRecorder, WritesToNoPipeAndToNobodyElsesFile) {
   const TemporaryFolder folder;
   const std::string pipe = folder.Path("pipe");
   ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  EXPECT_THAT(Recorder().OpenFile(pipe), testing::HasSubstr("': it is no regular file."));
   const int reader = open(pipe.c_str(), O_RDONLY | O_NONBLOCK);
   EXPECT_THAT(Recorder().OpenFile(pipe), testing::HasSubstr("': it is no regular file."));
   close(reader);
