@@ -14,6 +14,7 @@ fake_module(NoCreateModule)
 peripheral_test(host_tests LABEL unit TIMEOUT 120
   NATIVE "Preflight.ASpeedThatThePortsDriver*:LineEar.*"
   SOURCES
+    support/IoctlDouble.cpp
     unit/host/CommandLineTest.cpp
     unit/host/ConfigurationTest.cpp
     unit/host/LineEarTest.cpp
@@ -22,7 +23,6 @@ peripheral_test(host_tests LABEL unit TIMEOUT 120
     unit/host/EventBrokerTest.cpp
     unit/host/FeatureModuleTest.cpp
     unit/host/JsonOutputTest.cpp
-    unit/host/OneSpeedDriver.cpp
     unit/host/OutputFileTest.cpp
     unit/host/PeripheralctlTest.cpp
     unit/host/PortsTest.cpp

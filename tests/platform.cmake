@@ -2,6 +2,7 @@
 peripheral_test(platform_tests LABEL unit
   NATIVE "SerialPort.*:Gathering.*:Waiting.*:LineObserver.*"
   SOURCES
+    support/IoctlDouble.cpp
     unit/platform/ClockTest.cpp
     unit/platform/FileExistsCacheTest.cpp
     unit/platform/FileSystemUtilsTest.cpp
@@ -13,4 +14,4 @@ peripheral_test(platform_tests LABEL unit
     unit/platform/TextTest.cpp
   LIBRARIES platform platform_observation)
 # The owner of a descriptor is what tests of descriptors want too.
-target_include_directories(platform_tests PRIVATE ${PROJECT_SOURCE_DIR}/platform/posix)
+target_include_directories(platform_tests PRIVATE support ${PROJECT_SOURCE_DIR}/platform/posix)

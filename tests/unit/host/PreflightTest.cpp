@@ -16,7 +16,7 @@
 #include <filesystem>
 
 #include "Files.h"
-#include "OneSpeedDriver.h"
+#include "IoctlDouble.h"
 #include "PseudoTerminal.h"
 #include "Texts.h"
 

@@ -18,6 +18,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "IoctlDouble.h"
 #include "PortCalls.h"
 #include "Support.h"
 
@@ -188,15 +189,7 @@ TEST(SerialPort, ASpeedThatTheDriverDoesNotDoIsRefused) {
        {Case{9600, false}, Case{97000, true}, Case{103000, true}, Case{96999, false}, Case{103001, false}}) {
     const Pty pty;
     const LogCapture log;
-    bool set = false;
-    const IoctlDouble answers([&](unsigned long request, void* argument, int&) {
-      set = set || request == TCSETS2;
-      if (request != TCGETS2 || !set) {
-        return false;
-      }
-      static_cast<termios2*>(argument)->c_ospeed = driver.offered;
-      return true;
-    });
+    const OneSpeedDriver only(driver.offered);
     EXPECT_EQ(MakePort(pty.Name(), 100000) != nullptr, driver.good) << driver.offered;
     if (!driver.good) {
       EXPECT_THAT(log.OnlyError(), AllOf(HasSubstr(pty.Name()), HasSubstr("100000"),
@@ -213,11 +206,11 @@ TEST(SerialPort, LowLatencyIsAskedOfTheDriverWhenWanted) {
       auto* const driver = static_cast<serial_struct*>(argument);
       if (request == TIOCGSERIAL) {
         driver->flags = ASYNC_SPD_HI;
+        result = 0;
       } else if (request == TIOCSSERIAL) {
         flags = driver->flags;
+        result = 0;
       }
-      result = 0;
-      return request == TIOCGSERIAL || request == TIOCSSERIAL;
     });
     ASSERT_NE(MakePort(pty.Name(), 115200, EFalse, wanted), nullptr);
     EXPECT_EQ(flags, wanted ? static_cast<int>(ASYNC_SPD_HI | ASYNC_LOW_LATENCY) : 0);

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <stdlib.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -11,18 +10,12 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdarg>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 
 namespace {
-
-IoctlDouble::Answer& CurrentAnswer() {
-  static IoctlDouble::Answer answer;
-  return answer;
-}
 
 std::atomic<bool> writesHesitate{false};
 
@@ -77,19 +70,7 @@ void Require(bool good, const char* what) {
 
 }  // namespace
 
-// The executable's ioctl and write come before the C library's, for the platform's shared library too.
-extern "C" int ioctl(int descriptor, unsigned long request, ...) noexcept {
-  va_list arguments;
-  va_start(arguments, request);
-  void* const argument = va_arg(arguments, void*);
-  va_end(arguments);
-  int result = 0;
-  if (CurrentAnswer() && CurrentAnswer()(request, argument, result)) {
-    return result;
-  }
-  return static_cast<int>(syscall(SYS_ioctl, descriptor, request, argument));
-}
-
+// The executable's comes before the C library's, for the platform's shared library too.
 extern "C" ssize_t write(int descriptor, const void* bytes, size_t size) {
   static std::atomic<unsigned> calls{0};
   if (writesHesitate && calls++ % 2 == 0) {
@@ -137,14 +118,6 @@ HesitantWrites::HesitantWrites() {
 
 HesitantWrites::~HesitantWrites() {
   writesHesitate = false;
-}
-
-IoctlDouble::IoctlDouble(Answer answer) {
-  CurrentAnswer() = std::move(answer);
-}
-
-IoctlDouble::~IoctlDouble() {
-  CurrentAnswer() = nullptr;
 }
 
 TempFolder::TempFolder(const std::string& parent) : iPath(parent + "/platform_tests.XXXXXX") {

@@ -69,16 +69,6 @@ class LogCapture : public logging::ISink {
   std::vector<Line> iLines;
 };
 
-/// A driver with habits that a pseudo-terminal does not have. While one lives, it sees each ioctl of the
-/// process first; returning true means that it answered with `result`.
-class IoctlDouble {
- public:
-  using Answer = std::function<bool(unsigned long request, void* argument, int& result)>;
-
-  explicit IoctlDouble(Answer answer);
-  ~IoctlDouble();
-};
-
 /// The driver of one device, as far as it is written to. While one lives, it is told the size of each write
 /// to the device and returns how many bytes go on to the real driver, or an error number below zero. Any
 /// thread.
