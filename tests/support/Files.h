@@ -12,10 +12,15 @@
 #include <stdexcept>
 #include <string>
 
+inline void WriteFile(const std::string& path, const std::string& content) {
+  std::ofstream(path, std::ios::binary) << content;
+}
+
 /// A new empty folder that everybody may enter, removed with its content at the end.
 class TemporaryFolder {
  public:
-  TemporaryFolder() : iPath((std::filesystem::temp_directory_path() / "peripheral-XXXXXX").string()) {
+  explicit TemporaryFolder(const std::filesystem::path& parent = std::filesystem::temp_directory_path())
+      : iPath((parent / "peripheral-XXXXXX").string()) {
     if (mkdtemp(iPath.data()) == nullptr) {
       throw std::runtime_error("cannot make a folder like " + iPath);
     }
@@ -34,7 +39,7 @@ class TemporaryFolder {
 
   /// Makes the file and returns its path.
   std::string Write(const std::string& name, const std::string& content) const {
-    std::ofstream(Path(name), std::ios::binary) << content;
+    WriteFile(Path(name), content);
     return Path(name);
   }
 

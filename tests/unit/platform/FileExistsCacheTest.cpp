@@ -6,6 +6,7 @@
 
 #include <thread>
 
+#include "Files.h"
 #include "Support.h"
 
 namespace {
@@ -22,7 +23,7 @@ class Cache : public testing::Test {
  protected:
   TBool Exists() { return iCache.FileExists(Tdes(AsTChr(iPath))); }
 
-  const TempFolder iFolder;
+  const TemporaryFolder iFolder;
   const std::string iPath = iFolder.Path("file");
   CFileExistsCache iCache;
 };

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "Files.h"
 #include "Support.h"
 
 namespace {
@@ -63,7 +64,7 @@ class FullDisk {
 
 class Files : public testing::Test {
  protected:
-  const TempFolder iFolder;
+  const TemporaryFolder iFolder;
   const std::string iFrom = iFolder.Path("from");
   const std::string iTo = iFolder.Path("to");
 };
@@ -135,10 +136,10 @@ TEST_F(Files, AMovedFileReplacesItsDestination) {
   WriteFile(iFrom, "new");
   WriteFile(iTo, "older");
   EXPECT_EQ(FileSystemUtils::InternalMoveFile(Text(iFrom), Text(iTo)), 0);
-  EXPECT_EQ(ReadFile(iTo), "new");
+  EXPECT_EQ(ContentOf(iTo), "new");
   EXPECT_EQ(FileSystemUtils::InternalFileExists(Text(iFrom)), EFalse);
   EXPECT_NE(FileSystemUtils::InternalMoveFile(Text(iFrom), Text(iTo)), 0);
-  EXPECT_EQ(ReadFile(iTo), "new");
+  EXPECT_EQ(ContentOf(iTo), "new");
 }
 
 TEST_F(Files, AFileMovesToAnotherFileSystem) {
@@ -146,11 +147,11 @@ TEST_F(Files, AFileMovesToAnotherFileSystem) {
   if (other.empty()) {
     GTEST_SKIP() << "this machine has one file system only";
   }
-  const TempFolder folder(other);
+  const TemporaryFolder folder(other);
   WriteFile(iFrom, "content");
   chmod(iFrom.c_str(), 0640);
   EXPECT_EQ(FileSystemUtils::InternalMoveFile(Text(iFrom), Text(folder.Path("to"))), 0);
-  EXPECT_EQ(ReadFile(folder.Path("to")), "content");
+  EXPECT_EQ(ContentOf(folder.Path("to")), "content");
   EXPECT_EQ(Permissions(folder.Path("to")), 0640u);
   EXPECT_EQ(FileSystemUtils::InternalFileExists(Text(iFrom)), EFalse);
 }
@@ -160,14 +161,14 @@ TEST_F(Files, AMoveThatCannotBeFinishedKeepsTheFile) {
   if (other.empty()) {
     GTEST_SKIP() << "this machine has one file system only";
   }
-  const TempFolder folder(other);
+  const TemporaryFolder folder(other);
   const std::string content(100000, 'x');
   WriteFile(iFrom, content);
   {
     const FullDisk disk(50000);
     EXPECT_NE(FileSystemUtils::InternalMoveFile(Text(iFrom), Text(folder.Path("to"))), 0);
   }
-  EXPECT_EQ(ReadFile(iFrom), content);
+  EXPECT_EQ(ContentOf(iFrom), content);
   EXPECT_EQ(FileSystemUtils::InternalFileExists(Text(folder.Path("to"))), EFalse);
 }
 
@@ -179,8 +180,8 @@ TEST_F(Files, ACopyHasContentAndPermissions) {
   WriteFile(iFrom, content);
   chmod(iFrom.c_str(), 0751);
   EXPECT_EQ(FileSystemUtils::InternalCopyFile(Text(iFrom), Text(iTo)), 0);
-  EXPECT_EQ(ReadFile(iTo), content);
-  EXPECT_EQ(ReadFile(iFrom), content);
+  EXPECT_EQ(ContentOf(iTo), content);
+  EXPECT_EQ(ContentOf(iFrom), content);
   EXPECT_EQ(Permissions(iTo), 0751u);
 }
 
@@ -191,7 +192,7 @@ TEST_F(Files, ACopyIsWholeWhenWritesAreInterruptedAndShort) {
     const HesitantWrites writes;
     EXPECT_EQ(FileSystemUtils::InternalCopyFile(Text(iFrom), Text(iTo)), 0);
   }
-  EXPECT_EQ(ReadFile(iTo), content);
+  EXPECT_EQ(ContentOf(iTo), content);
 }
 
 TEST_F(Files, ACopyReplacesALongerDestination) {
@@ -200,7 +201,7 @@ TEST_F(Files, ACopyReplacesALongerDestination) {
   chmod(iFrom.c_str(), 0600);
   chmod(iTo.c_str(), 0666);
   EXPECT_EQ(FileSystemUtils::InternalCopyFile(Text(iFrom), Text(iTo)), 0);
-  EXPECT_EQ(ReadFile(iTo), "new");
+  EXPECT_EQ(ContentOf(iTo), "new");
   EXPECT_EQ(Permissions(iTo), 0600u);
 }
 
@@ -219,7 +220,7 @@ TEST_F(Files, CopyingAFileOntoItselfFailsAndKeepsIt) {
   ASSERT_EQ(symlink(iFrom.c_str(), iFolder.Path("symlink").c_str()), 0);
   for (const std::string& to : {iFrom, iTo, iFolder.Path("symlink")}) {
     EXPECT_NE(FileSystemUtils::InternalCopyFile(Text(iFrom), Text(to)), 0) << to;
-    EXPECT_EQ(ReadFile(to), "content") << to;
+    EXPECT_EQ(ContentOf(to), "content") << to;
   }
 }
 
@@ -236,5 +237,5 @@ TEST_F(Files, OnlyRegularFilesAreCopiedAndReplaced) {
 TEST_F(Files, CopyingAMissingFileLeavesTheDestination) {
   WriteFile(iTo, "content");
   EXPECT_NE(FileSystemUtils::InternalCopyFile(Text(iFrom), Text(iTo)), 0);
-  EXPECT_EQ(ReadFile(iTo), "content");
+  EXPECT_EQ(ContentOf(iTo), "content");
 }

@@ -18,6 +18,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "Files.h"
 #include "IoctlDouble.h"
 #include "PortCalls.h"
 #include "Support.h"
@@ -225,7 +226,7 @@ TEST(SerialPort, LowLatencyIsNotMissedWhereItIsNotOffered) {
 }
 
 TEST(SerialPort, WhatIsNoSerialPortIsRefusedWithAReason) {
-  const TempFolder folder;
+  const TemporaryFolder folder;
   const std::string file = folder.Path("file");
   const std::string pipeName = folder.Path("pipe");
   const std::string noFolder = file + "/tty";
@@ -248,7 +249,7 @@ TEST(SerialPort, WhatIsNoSerialPortIsRefusedWithAReason) {
     EXPECT_THAT(log.OnlyError(),
                 AllOf(HasSubstr("port " + wrong.name), HasSubstr(wrong.reason), HasSubstr(wrong.advice)));
   }
-  EXPECT_EQ(ReadFile(file), "content");
+  EXPECT_EQ(ContentOf(file), "content");
 }
 
 TEST(SerialPort, ASpeedOfZeroOrLessIsRefusedAndLeavesThePresentPort) {
@@ -375,7 +376,7 @@ TEST(SerialPort, ANewPortTakesTheLineOver) {
 }
 
 TEST(SerialPort, ANewPortByAnotherNameTakesTheLineOverToo) {
-  const TempFolder folder;
+  const TemporaryFolder folder;
   const std::string link = folder.Path("link");
   Pty pty;
   ASSERT_EQ(symlink(pty.Name().c_str(), link.c_str()), 0);

@@ -10,9 +10,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
 
 namespace {
@@ -118,25 +115,6 @@ HesitantWrites::HesitantWrites() {
 
 HesitantWrites::~HesitantWrites() {
   writesHesitate = false;
-}
-
-TempFolder::TempFolder(const std::string& parent) : iPath(parent + "/platform_tests.XXXXXX") {
-  Require(mkdtemp(iPath.data()) != nullptr, "no folder for the test");
-}
-
-TempFolder::~TempFolder() {
-  std::error_code ignored;
-  std::filesystem::remove_all(iPath, ignored);
-}
-
-void WriteFile(const std::string& path, const std::string& content) {
-  std::ofstream(path, std::ios::binary) << content;
-}
-
-std::string ReadFile(const std::string& path) {
-  std::ostringstream content;
-  content << std::ifstream(path, std::ios::binary).rdbuf();
-  return content.str();
 }
 
 Pty::Pty() : iMaster(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {

@@ -1,4 +1,4 @@
-// What the platform's tests share: a folder that vanishes, a pseudo-terminal, a sink that remembers.
+// What the platform's tests share: a pseudo-terminal, a sink that remembers.
 #pragma once
 
 #include <functional>
@@ -8,23 +8,6 @@
 
 #include "Descriptor.h"
 #include "Logging.h"
-
-/// A new empty folder, removed with its content at the end of the test.
-class TempFolder {
- public:
-  explicit TempFolder(const std::string& parent = "/tmp");
-  ~TempFolder();
-  TempFolder(const TempFolder&) = delete;
-  TempFolder& operator=(const TempFolder&) = delete;
-
-  std::string Path(const std::string& name) const { return iPath + "/" + name; }
-
- private:
-  std::string iPath;
-};
-
-void WriteFile(const std::string& path, const std::string& content);
-std::string ReadFile(const std::string& path);
 
 /// A pseudo-terminal: the test holds the master, the port under test opens the slave by its name.
 class Pty {
