@@ -169,8 +169,8 @@ class ReplayDisplay final : public ProgressDisplay {
     std::cout << (verdict.endedByPlayer ? "" : AccountOf(result)) << verdict.text << "\n";
     if (verdict.departs) {
       std::cout << fmt::format(
-          "The module, or the trace, is another than it was: 'peripheralctl trace show --bytes {}' shows "
-          "what was recorded up to there.\n",
+          "The module or the trace is another than it was, or the recorded host had stood still: "
+          "'peripheralctl trace show --bytes {}' shows what was recorded up to there.\n",
           iTrace);
     }
     std::cout << std::flush;
