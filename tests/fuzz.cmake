@@ -68,7 +68,7 @@ function(fuzz_target name source)
   target_link_options(fuzz_${name} PRIVATE -fsanitize=fuzzer)
   add_dependencies(fuzz_targets fuzz_${name})
   add_test(NAME FuzzCorpus.${name} COMMAND fuzz_${name} -runs=0 ${FUZZ_CORPORA}/${name})
-  set_tests_properties(FuzzCorpus.${name} PROPERTIES LABELS fuzz TIMEOUT 60)
+  set_tests_properties(FuzzCorpus.${name} PROPERTIES LABELS fuzz TIMEOUT ${test_timeout})
 endfunction()
 
 fuzz_target(sender SenderTarget LIBRARIES module_on_virtual_platform fuzz_reclaimer)

@@ -11,7 +11,7 @@ fake_module(NoTypeModule)
 fake_module(NoCreateModule)
 
 # As for the platform's tests, QEMU does not know how a line's speed is read.
-peripheral_test(host_tests LABEL unit TIMEOUT 120
+peripheral_test(host_tests LABEL unit
   NATIVE "Preflight.ASpeedThatThePortsDriver*:LineEar.*"
   SOURCES
     support/IoctlDouble.cpp

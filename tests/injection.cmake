@@ -10,7 +10,7 @@ add_library(line_time STATIC injection/LineTime.cpp)
 target_include_directories(line_time PUBLIC injection)
 target_link_options(line_time INTERFACE -Wl,--wrap=clock_gettime)
 
-peripheral_test(injection_tests LABEL integration TIMEOUT 300
+peripheral_test(injection_tests LABEL integration
   LONG "*KeepsItsPromisesWhicheverCallFails*"
   SOURCES
     injection/NthFailureTest.cpp
@@ -29,11 +29,12 @@ target_compile_definitions(injection_tests PRIVATE FAILING_CALLS_STRIDE=${stride
 if(NOT PERIPHERAL_SANITIZE)
   add_library(preloaded_failure MODULE injection/PreloadedFailure.cpp)
   target_link_libraries(preloaded_failure PRIVATE ${CMAKE_DL_LIBS})
-  peripheral_test(failing_program_tests LABEL long TIMEOUT 300 ALONE
+  peripheral_test(failing_program_tests LABEL long ALONE
     SOURCES
       injection/KillTest.cpp
       injection/ProgramTest.cpp
-      support/Process.cpp)
+      support/Process.cpp
+    LIBRARIES host)
   target_include_directories(failing_program_tests PRIVATE support)
   target_compile_definitions(failing_program_tests PRIVATE
     PRELOADED_FAILURE="$<TARGET_FILE:preloaded_failure>"

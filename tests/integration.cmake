@@ -1,5 +1,5 @@
 # The shipped programs and libraries as processes.
-peripheral_test(integration_tests LABEL integration TIMEOUT 300
+peripheral_test(integration_tests LABEL integration
   LONG "Update.OfASilentDeviceSaysAtWhichStepItFellSilent:Report.AsAPageShowsTheRunInABrowser"
   SOURCES
     integration/ReportTest.cpp

@@ -6,7 +6,7 @@ add_library(interop_support STATIC
 target_include_directories(interop_support PUBLIC interop support ${PROJECT_SOURCE_DIR}/platform/posix)
 target_link_libraries(interop_support PUBLIC feature platform GTest::gtest)
 
-peripheral_test(interop_tests LABEL integration TIMEOUT 300
+peripheral_test(interop_tests LABEL integration
   LONG "*Mebibyte*"
   SOURCES
     interop/LrzszTest.cpp
@@ -16,7 +16,7 @@ target_compile_definitions(interop_tests PRIVATE XMODEM_PEER="${CMAKE_CURRENT_SO
 
 if(NOT measured_build)
   # An emulated machine that does not get its turn loses what arrives meanwhile.
-  peripheral_test(bootloader_tests LABEL long TIMEOUT 300 ALONE
+  peripheral_test(bootloader_tests LABEL long ALONE
     SOURCES interop/BootloaderTest.cpp
     LIBRARIES interop_support feature swlinfra platform leak_suppressions)
 endif()

@@ -32,7 +32,7 @@ if(measured_build OR CMAKE_CROSSCOMPILING)
 endif()
 add_test(NAME ProvingGround.ASampleOfRunsKeepsEveryPromise COMMAND proving-ground --runs ${proving_runs})
 set_tests_properties(ProvingGround.ASampleOfRunsKeepsEveryPromise PROPERTIES
-  LABELS simulation TIMEOUT 300 PROCESSORS 2)
+  LABELS simulation TIMEOUT ${test_timeout} PROCESSORS 2)
 
 peripheral_test(oracles_test LABEL unit
   SOURCES

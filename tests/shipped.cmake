@@ -12,7 +12,7 @@ function(shipped_test name)
   add_test(NAME Shipped.${name}
     COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/shipped/${name}_test.py)
   set_tests_properties(Shipped.${name} PROPERTIES
-    LABELS integration TIMEOUT 300 ENVIRONMENT "${shipped_environment}")
+    LABELS integration TIMEOUT ${test_timeout} ENVIRONMENT "${shipped_environment}")
 endfunction()
 
 shipped_test(manuals)

@@ -3,7 +3,7 @@ add_library(virtual_world STATIC support/Fiber.cpp support/VirtualWorld.cpp)
 target_link_libraries(virtual_world PUBLIC test_support)
 target_link_options(virtual_world INTERFACE -Wl,--wrap=pthread_create -Wl,--wrap=pthread_join)
 
-peripheral_test(simulation_tests LABEL simulation TIMEOUT 300
+peripheral_test(simulation_tests LABEL simulation
   LONG "*.OfMoreThan16MiB*"
   SOURCES
     simulation/CanUpdateTest.cpp

@@ -29,7 +29,7 @@ peripheral_test(swlinfra_tests LABEL unit
 target_include_directories(swlinfra_tests PRIVATE unit/module)
 
 # The same with the tools of e2fsprogs and dosfstools on image files.
-peripheral_test(real_tools_tests LABEL integration TIMEOUT 120
+peripheral_test(real_tools_tests LABEL integration
   SOURCES integration/RealToolsTest.cpp
   LIBRARIES swlinfra platform_common test_support recording_tools system_calls)
 target_include_directories(real_tools_tests PRIVATE unit/module unit/swlinfra)
