@@ -1,6 +1,8 @@
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -19,6 +21,19 @@ volatile sig_atomic_t gStopRequested = 0;
 
 void RequestStop(int) {
   gStopRequested = 1;
+}
+
+/// Takes the descriptors of standard streams that whoever started the program has closed, lest the port
+/// become one of them. Where it can be, what is said there is told to be lost.
+void HoldStandardStreams() {
+  int descriptor = -1;
+  do {
+    descriptor = open("/dev/full", O_RDWR);
+    descriptor = descriptor < 0 ? open("/dev/null", O_RDWR) : descriptor;
+  } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+  if (descriptor >= 0) {
+    close(descriptor);
+  }
 }
 
 /// Catches SIGINT and SIGTERM, and keeps them back but during the wait whose signal mask is returned.
@@ -92,6 +107,7 @@ int Main(int argc, char** argv) {
 }  // namespace simulator
 
 int main(int argc, char** argv) {
+  simulator::HoldStandardStreams();
   try {
     return simulator::Main(argc, argv);
   } catch (const std::exception& error) {

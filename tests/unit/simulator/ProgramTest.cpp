@@ -14,6 +14,7 @@
 
 #include <chrono>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <thread>
 
@@ -30,8 +31,9 @@ using Clock = std::chrono::steady_clock;
 /// The program as a child, its output on a pipe.
 class Program {
  public:
-  /// Both outputs are read, unless the standard one goes to a file.
-  explicit Program(std::vector<std::string> arguments, const char* file = nullptr) {
+  /// Both outputs are read, but for what `prepare` changes in the child.
+  explicit Program(
+      std::vector<std::string> arguments, const std::function<void()>& prepare = [] {}) {
     arguments.insert(arguments.begin(), BOOTLOADER_SIMULATOR);
     std::vector<char*> argv;
     for (std::string& each : arguments) {
@@ -42,8 +44,9 @@ class Program {
     EXPECT_EQ(pipe(ends), 0);
     iPid = fork();
     if (iPid == 0) {
-      dup2(file == nullptr ? ends[1] : open(file, O_WRONLY), STDOUT_FILENO);
+      dup2(ends[1], STDOUT_FILENO);
       dup2(ends[1], STDERR_FILENO);
+      prepare();
       execv(argv[0], argv.data());
       _exit(127);
     }
@@ -162,6 +165,14 @@ bool Exists(const std::string& path) {
   return lstat(path.c_str(), &status) == 0;
 }
 
+bool Appears(const std::string& path) {
+  const Clock::time_point deadline = Clock::now() + std::chrono::seconds(10);
+  while (!Exists(path) && Clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return Exists(path);
+}
+
 }  // namespace
 
 TEST(Program, TakesASanyoImageAtTheSpeedOfTheLineAndExitsOnce) {
@@ -249,6 +260,20 @@ TEST(Program, NoDumpGoesWhereALinkLeads) {
   EXPECT_EQ(ReadFile(file), FromText("precious"));
   unlink(link.c_str());
   unlink(file.c_str());
+}
+
+TEST(Program, TellsNothingOnTheLineWhenItsOutputIsClosed) {
+  const std::string link = TemporaryPath("link");
+  Program program({"--device", "sanyo", "--link", link}, [] { close(STDOUT_FILENO); });
+  ASSERT_TRUE(Appears(link));
+  const int port = open(link.c_str(), O_RDWR | O_NOCTTY);
+  pollfd waiting{port, POLLIN, 0};
+  char heard = 0;
+  EXPECT_EQ(poll(&waiting, 1, 10000), 1);
+  EXPECT_EQ(read(port, &heard, 1), 1);
+  EXPECT_EQ(heard, 'C');
+  close(port);
+  unlink(link.c_str());
 }
 
 TEST(Program, TellsItsVersion) {
@@ -432,7 +457,7 @@ TEST(Program, HelpFitsTheWidthThatIsAskedFor) {
 
 TEST(Program, HelpThatCannotBeWrittenIsNoSuccess) {
   for (const char* option : {"--help", "--version"}) {
-    Program program({option}, "/dev/full");
+    Program program({option}, [] { dup2(open("/dev/full", O_WRONLY), STDOUT_FILENO); });
     EXPECT_EQ(program.Wait(), 3);
     EXPECT_EQ(program.Rest(),
               "bootloader-simulator: standard output could not be written. Is the disk full?\n");
