@@ -197,9 +197,9 @@ void AddLineFaults(CLI::App& app, LineOptions& line) {
       ->group(group);
 }
 
-std::vector<Settings> PlayScenario(const std::string& path, int argc) {
-  constexpr int kAlone = 3;
-  if (argc > kAlone) {
+std::vector<Settings> PlayScenario(const std::string& path, const CLI::App& app) {
+  const auto given = app.get_options([](const CLI::Option* each) { return each->count() > 0; });
+  if (given.size() > 1) {
     throw CLI::ValidationError("--scenario", "no other option goes with it; write it into the file");
   }
   std::vector<std::string> faults;
@@ -210,9 +210,9 @@ std::vector<Settings> PlayScenario(const std::string& path, int argc) {
   return lines;
 }
 
-std::vector<Settings> Choose(RawOptions& raw, int argc) {
-  if (!raw.scenario.empty()) {
-    return PlayScenario(raw.scenario, argc);
+std::vector<Settings> Choose(RawOptions& raw, const CLI::App& app) {
+  if (app.count("--scenario") > 0) {
+    return PlayScenario(raw.scenario, app);
   }
   raw.settings.devices = PlanDevices(raw.devices, raw.device);
   if (MakeDevices(raw.settings.devices, raw.settings.once) == nullptr) {
@@ -236,7 +236,7 @@ std::optional<int> ParseCommandLine(int argc, char** argv, std::vector<Settings>
   AddLineFaults(app, raw.settings.line);
   try {
     app.parse(argc, argv);
-    lines = Choose(raw, argc);
+    lines = Choose(raw, app);
   } catch (const CLI::ParseError& error) {
     if (app.exit(error) != 0) {
       return kExitBadUsage;

@@ -382,9 +382,22 @@ TEST(Program, TellsWhatIsWrongWithAScenario) {
   EXPECT_EQ(program.Wait(), 2);
   EXPECT_THAT(program.Rest(), testing::AllOf(HasSubstr(scenario + ":2:9: unknown key 'speed'."),
                                              HasSubstr(scenario + ":4:8: 'kind' wants")));
-  Program with_more({"--scenario", scenario, "--once"});
-  EXPECT_EQ(with_more.Wait(), 2);
-  EXPECT_THAT(with_more.Rest(), HasSubstr("no other option goes with it"));
+  unlink(scenario.c_str());
+}
+
+TEST(Program, TakesNoOtherOptionWithAScenarioHoweverItIsNamed) {
+  const std::string scenario = TemporaryPath("scenario.toml");
+  std::ofstream(scenario) << "[[line]]\nunplug-at = 0\n[[line.device]]\nkind = 'sanyo'\n";
+  for (const std::vector<std::string>& named :
+       std::vector<std::vector<std::string>>{{"--scenario", scenario}, {"--scenario=" + scenario}}) {
+    Program alone(named);
+    EXPECT_EQ(alone.Wait(), 0);
+    std::vector<std::string> more = named;
+    more.emplace_back("--once");
+    Program with_more(more);
+    EXPECT_EQ(with_more.Wait(), 2);
+    EXPECT_THAT(with_more.Rest(), HasSubstr("no other option goes with it"));
+  }
   unlink(scenario.c_str());
 }
 
