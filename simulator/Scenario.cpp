@@ -8,6 +8,7 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <optional>
 #include <set>
 #include <system_error>
 
@@ -24,6 +25,7 @@ namespace simulator {
 namespace {
 
 constexpr std::int64_t kMaxNumber = 0xFFFFFFFF;
+constexpr std::size_t kMaxSize_bytes = 1U << 20;
 
 // ---- Values: each reads a node into its target, or is false and leaves it ----
 
@@ -249,22 +251,41 @@ class Reader {
   std::set<std::string> iLinks;
 };
 
-}  // namespace
+std::string Unreadable(const std::string& path) {
+  return fmt::format("{}: cannot be read: {}. Check the name after --scenario.", path,
+                     std::generic_category().message(errno));
+}
 
-std::vector<Settings> ReadScenario(const std::string& path, std::vector<std::string>& faults) {
+/// What the file holds; nothing, after a complaint, if it cannot be read or is too long.
+std::optional<std::string> ReadWholeFile(const std::string& path, std::vector<std::string>& faults) {
   std::error_code error;
   if (std::filesystem::is_directory(path, error)) {
     faults.push_back(path + ": this is a folder; name the scenario in it.");
-    return {};
+    return std::nullopt;
   }
+  std::string text(kMaxSize_bytes + 1, '\0');
   std::ifstream file(path, std::ios::binary);
-  const std::string text{std::istreambuf_iterator<char>(file), {}};
-  if (!file) {
-    faults.push_back(fmt::format("{}: cannot be read: {}. Check the name after --scenario.", path,
-                                 std::generic_category().message(errno)));
+  if (!file || file.read(text.data(), static_cast<std::streamsize>(text.size())).bad()) {
+    faults.push_back(Unreadable(path));
+    return std::nullopt;
+  }
+  text.resize(static_cast<std::size_t>(file.gcount()));
+  if (text.size() > kMaxSize_bytes) {
+    faults.push_back(fmt::format("{}: more than {} KiB are no scenario. Check the name after --scenario.",
+                                 path, kMaxSize_bytes / 1024));
+    return std::nullopt;
+  }
+  return text;
+}
+
+}  // namespace
+
+std::vector<Settings> ReadScenario(const std::string& path, std::vector<std::string>& faults) {
+  const std::optional<std::string> text = ReadWholeFile(path, faults);
+  if (!text) {
     return {};
   }
-  const toml::parse_result result = toml::parse(text, path);
+  const toml::parse_result result = toml::parse(*text, path);
   if (!result) {
     const toml::source_position at = result.error().source().begin;
     faults.push_back(fmt::format("{}:{}:{}: this is not valid TOML: {}.", path, at.line, at.column,

@@ -185,6 +185,21 @@ TEST_F(Scenario, ThatCannotBeReadIsTold) {
                           folder.Path() + ": this is a folder; name the scenario in it."));
 }
 
+TEST_F(Scenario, OfMoreThanAMebibyteIsNotRead) {
+  constexpr std::size_t kMost = 1 << 20;
+  std::string text = kCan;
+  text.resize(kMost, '\n');
+  Read(text);
+  EXPECT_THAT(faults, IsEmpty());
+  EXPECT_THAT(FaultsOf(text + '\n'),
+              ElementsAre(" more than 1024 KiB are no scenario. Check the name after --scenario."));
+}
+
+TEST_F(Scenario, WhoseReadingFailsIsTold) {
+  ReadScenario("/proc/self/mem", faults);
+  EXPECT_THAT(faults, ElementsAre(testing::StartsWith("/proc/self/mem: cannot be read: ")));
+}
+
 TEST_F(Scenario, OfTheDocumentsIsReadable) {
   std::size_t count = 0;
   for (const auto& entry : std::filesystem::directory_iterator(SCENARIOS)) {
