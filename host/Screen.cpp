@@ -37,7 +37,7 @@ void Screen::LeaveBar() {
 int ScreenStream::sync() {
   iScreen.Print(iStream, str());
   str("");
-  return 0;
+  return iStream ? 0 : -1;
 }
 
 }  // namespace host

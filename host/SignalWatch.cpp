@@ -11,7 +11,8 @@ namespace {
 // Wakes the thread when it is to end; nobody else sends it.
 constexpr int kWakeSignal = SIGUSR2;
 
-// Under nohup a closed terminal is to be survived.
+// By whoever started the program: nohup wants a closed terminal to be survived, a shell's script Ctrl-C by
+// what it runs in the background.
 bool IsIgnored(int signal) {
   struct sigaction action = {};
   sigaction(signal, nullptr, &action);
@@ -23,11 +24,11 @@ bool IsIgnored(int signal) {
 SignalWatch::SignalWatch(std::function<void()> onFirst, std::function<void()> onFurther)
     : iOnFirst(std::move(onFirst)), iOnFurther(std::move(onFurther)) {
   sigemptyset(&iSignals);
-  sigaddset(&iSignals, SIGINT);
-  sigaddset(&iSignals, SIGTERM);
   sigaddset(&iSignals, kWakeSignal);
-  if (!IsIgnored(SIGHUP)) {
-    sigaddset(&iSignals, SIGHUP);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    if (!IsIgnored(signal)) {
+      sigaddset(&iSignals, signal);
+    }
   }
   pthread_sigmask(SIG_BLOCK, &iSignals, &iPreviousMask);
   iThread = std::thread([this] { Run(); });

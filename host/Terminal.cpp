@@ -49,20 +49,20 @@ void HoldStandardStreams() {
   int descriptor = -1;
   do {
     descriptor = open("/dev/full", O_RDWR);
+    descriptor = descriptor < 0 ? open("/dev/null", O_RDWR) : descriptor;
   } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
   if (descriptor >= 0) {
     close(descriptor);
   }
 }
 
-PatientOutput::PatientOutput() : iBefore(std::cout.rdbuf(this)), iTiedBefore(std::cerr.tie(nullptr)) {
+PatientOutput::PatientOutput() : iBefore(std::cout.rdbuf(this)) {
   setp(iBytes.data(), iBytes.data() + iBytes.size());
 }
 
 PatientOutput::~PatientOutput() {
   std::cout.flush();
   std::cout.rdbuf(iBefore);
-  std::cerr.tie(iTiedBefore);
 }
 
 int PatientOutput::sync() {
@@ -76,10 +76,29 @@ PatientOutput::int_type PatientOutput::overflow(int_type letter) {
   return hasRoom ? sputc(traits_type::to_char_type(letter)) : traits_type::eof();
 }
 
+PatientErrors::PatientErrors() : iBefore(std::cerr.rdbuf(this)), iTiedBefore(std::cerr.tie(nullptr)) {}
+
+PatientErrors::~PatientErrors() {
+  std::cerr.rdbuf(iBefore);
+  std::cerr.tie(iTiedBefore);
+}
+
+std::streamsize PatientErrors::xsputn(const char* text, std::streamsize size) {
+  return WriteAll(STDERR_FILENO, {text, static_cast<std::size_t>(size)}) ? size : 0;
+}
+
+PatientErrors::int_type PatientErrors::overflow(int_type letter) {
+  const char text = traits_type::to_char_type(letter);
+  return xsputn(&text, 1) == 1 ? letter : traits_type::eof();
+}
+
+bool IsReaderGone(int descriptor) {
+  pollfd reader = {descriptor, 0, 0};
+  return poll(&reader, 1, 0) == 1 && (reader.revents & (POLLERR | POLLHUP)) != 0;
+}
+
 bool FlushStandardOutput() {
-  pollfd reader = {STDOUT_FILENO, 0, 0};
-  const bool isGone = poll(&reader, 1, 0) == 1 && (reader.revents & (POLLERR | POLLHUP)) != 0;
-  return (std::cout << std::flush).good() || isGone;
+  return (std::cout << std::flush).good() || IsReaderGone(STDOUT_FILENO);
 }
 
 }  // namespace host

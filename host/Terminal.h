@@ -19,8 +19,7 @@ int HelpColumns();
 void HoldStandardStreams();
 
 /// While it lives, what std::cout gets waits for room on standard output, also where another program that
-/// shares it has set it not to wait. std::cerr does not flush std::cout meanwhile: unlike the buffer that it
-/// replaces, this one is for one thread at a time, and other threads log on std::cerr.
+/// shares it has set it not to wait. One thread at a time.
 class PatientOutput final : private std::streambuf {
  public:
   PatientOutput();
@@ -33,9 +32,28 @@ class PatientOutput final : private std::streambuf {
   int_type overflow(int_type letter) override;
 
   std::streambuf* const iBefore;
-  std::ostream* const iTiedBefore;
   std::array<char, 4096> iBytes = {};
 };
+
+/// The same for std::cerr and standard error, without a buffer. Any thread, since log lines may be written
+/// there: meanwhile std::cerr does not flush std::cout.
+class PatientErrors final : private std::streambuf {
+ public:
+  PatientErrors();
+  PatientErrors(const PatientErrors&) = delete;
+  PatientErrors& operator=(const PatientErrors&) = delete;
+  ~PatientErrors() override;
+
+ private:
+  std::streamsize xsputn(const char* text, std::streamsize size) override;
+  int_type overflow(int_type letter) override;
+
+  std::streambuf* const iBefore;
+  std::ostream* const iTiedBefore;
+};
+
+/// Whether nobody will ever read what is written there.
+bool IsReaderGone(int descriptor);
 
 /// Writes out what standard output holds back. False when something of all that was written to it is lost,
 /// unless because its reader has gone.

@@ -3,8 +3,11 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
+#include <mutex>
 #include <thread>
+#include <utility>
 
 #include "EventBroker.h"
 #include "FeatureModule.h"
@@ -12,6 +15,7 @@
 #include "Report.h"
 #include "RunLog.h"
 #include "SignalWatch.h"
+#include "Terminal.h"
 #include "TransferRate.h"
 
 namespace host {
@@ -34,14 +38,37 @@ ExitCode ExitCodeOf(const RunResult& result) {
 
 // Writes past the streams, whose owner may be stuck in them, and only what a full pipe or a stopped terminal
 // has room for.
-[[noreturn]] void ExitInHaste(const RunResult& result) {
-  const std::string text = HurriedReportFor(result);
+[[noreturn]] void ExitInHaste(const RunResult& result, bool isRecorded) {
+  const std::string text =
+      HurriedReportFor(result) + (isRecorded ? "" : "What was to be recorded of it is incomplete.\n");
   pollfd room = {STDERR_FILENO, POLLOUT, 0};
   if (poll(&room, 1, 0) == 1 && (room.revents & POLLOUT) != 0) {
     (void)!write(STDERR_FILENO, text.data(), text.size());
   }
-  ExitAtOnce(ExitCodeOf(result));
+  ExitAtOnce(isRecorded ? ExitCodeOf(result) : WithLoss(ExitCodeOf(result)));
 }
+
+// What has become of the files that are sent, until the sending has ended or until now. Any thread.
+class FilesWhileSent {
+ public:
+  explicit FilesWhileSent(const SourceFiles& files) : iFiles(files) {}
+
+  void OnSendingEnded() {
+    std::vector<std::string> changes = iFiles.Changes();
+    const std::lock_guard<std::mutex> lock(iMutex);
+    iChanges = std::move(changes);
+  }
+
+  std::vector<std::string> Changes() {
+    const std::lock_guard<std::mutex> lock(iMutex);
+    return iChanges ? *iChanges : iFiles.Changes();
+  }
+
+ private:
+  const SourceFiles& iFiles;
+  std::mutex iMutex;
+  std::optional<std::vector<std::string>> iChanges;
+};
 
 // Serves the display on a thread of its own.
 class DisplayThread {
@@ -65,9 +92,11 @@ class DisplayThread {
 // Runs the module to the end and deletes it. Returns false, and keeps it, when it does not let go of the
 // delivery thread. What is shown does not decide how long the module lives: it goes on writing to the device
 // until then.
-bool Drive(UpdateController& controller, EventBroker& broker, std::unique_ptr<FeatureModule>& module) {
+bool Drive(UpdateController& controller, EventBroker& broker, std::unique_ptr<FeatureModule>& module,
+           FilesWhileSent& files) {
   const DisplayThread display(controller);
   controller.Wait();
+  files.OnSendingEnded();
   const bool stopped = broker.StopWithin(kStopPatience);
   if (stopped) {
     module.reset();
@@ -136,7 +165,8 @@ class Listening {
 };
 
 // Before the end this is what leaving it now comes to.
-RunResult Judge(const UpdateRun& run, UpdateController& controller, Listening& listening) {
+RunResult Judge(const UpdateRun& run, UpdateController& controller, Listening& listening,
+                FilesWhileSent& files) {
   RunResult result = {run.goal, controller.Result().value_or(Outcome::Aborted),
                       controller.UploadStarted() && listening.MayHaveWritten(), listening.Log().Reasons()};
   result.onlyMemoryWritten = listening.OnlyMemoryWritten();
@@ -154,7 +184,7 @@ RunResult Judge(const UpdateRun& run, UpdateController& controller, Listening& l
   }
   const bool isSent = result.outcome == Outcome::Succeeded || result.outcome == Outcome::InstallFailed;
   if (run.goal == Goal::Update && isSent) {
-    const std::vector<std::string> changes = run.files.Changes();
+    const std::vector<std::string> changes = files.Changes();
     if (!changes.empty()) {
       result.outcome = Outcome::SourceChanged;
       result.cause.reset();
@@ -175,11 +205,14 @@ ExitCode UpdateRun::Execute() const {
   const Retries whileUnchanged = {retries.count, retries.pause, [this] { return files.Changes().empty(); }};
   UpdateController controller(broker, featureId, goal, limits, output, whileUnchanged);
   Listening listening(*this, controller);
-  const auto result = [&] { return Judge(*this, controller, listening); };
+  FilesWhileSent sent(files);
+  const auto result = [&] { return Judge(*this, controller, listening, sent); };
 
+  std::atomic<bool> isRecorded{companion == nullptr};
   std::string fault;
   std::unique_ptr<FeatureModule> module = FeatureModule::Load(library, fault);
-  const SignalWatch signals([&controller] { controller.Abort(); }, [&result] { ExitInHaste(result()); });
+  const SignalWatch signals([&controller] { controller.Abort(); },
+                            [&] { ExitInHaste(result(), isRecorded); });
   if (module == nullptr || !module->Create(featureId, interfaces, broker, store, fault)) {
     return RefuseModule(fault);
   }
@@ -188,11 +221,12 @@ ExitCode UpdateRun::Execute() const {
   }
   // Only now, so that the module is whole when the first request reaches it.
   const ScopedDelivery delivery(broker);
-  const bool stopped = Drive(controller, broker, module);
+  const bool stopped = Drive(controller, broker, module, sent);
   const RunResult ended = result();
   Faults complaints = companion != nullptr ? companion->OnEnd(ended, stopped) : Faults{};
-  if (listening.Log().LinesLost() && logFile != nullptr) {
-    complaints.push_back({ErrorCode::LogNotWritten, logFile->Fault()});
+  isRecorded = true;
+  if (const std::string loss = LossOf(listening.Log()); !loss.empty()) {
+    complaints.push_back({ErrorCode::LogNotWritten, loss});
   }
   const ExitCode exitCode = Warn(complaints, ExitCodeOf(ended));
   output.OnResult(ended, exitCode);
@@ -200,6 +234,14 @@ ExitCode UpdateRun::Execute() const {
     ExitAtOnce(exitCode);
   }
   return exitCode;
+}
+
+// Why the log is incomplete, for people; empty when it is not, or when nobody wants to read it any more.
+std::string UpdateRun::LossOf(const RunLog& lines) const {
+  if (!lines.LinesLost() || (logFile == nullptr && IsReaderGone(STDERR_FILENO))) {
+    return "";
+  }
+  return logFile != nullptr ? logFile->Fault() : "the log on standard error is incomplete. Is the disk full?";
 }
 
 ExitCode UpdateRun::RefuseModule(const std::string& fault) const {

@@ -15,6 +15,7 @@
 
 namespace host {
 
+class RunLog;
 struct RunResult;
 
 /// Who accompanies a run. Both calls come on the thread that executes it.
@@ -57,6 +58,7 @@ struct UpdateRun {
   ExitCode Execute() const;
 
  private:
+  std::string LossOf(const RunLog& lines) const;
   ExitCode RefuseModule(const std::string& fault) const;
   ExitCode Warn(const Faults& complaints, ExitCode exitCode) const;
 };

@@ -266,7 +266,8 @@ int main(int argc, char** argv) {
   // A reader of our output that goes away must not end an update half-way.
   std::signal(SIGPIPE, SIG_IGN);
   HoldStandardStreams();
-  const PatientOutput patience;
+  const PatientOutput output;
+  const PatientErrors errors;
   CommandLine line;
   try {
     return static_cast<int>(WithOutput(Main(argc, argv, line)));

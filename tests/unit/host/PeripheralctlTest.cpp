@@ -54,10 +54,18 @@ enum class Output {
   None
 };
 
+// What else is to be different.
+enum class Twist {
+  None,
+  OutputsSwapped,  // standard error goes where the output would, which goes to the file of errors
+  SignalsIgnored
+};
+
 // The program while it runs.
 class Process {
  public:
-  Process(std::vector<std::string> arguments, std::string errorFile, Output output = Output::Pipe)
+  Process(std::vector<std::string> arguments, std::string errorFile, Output output = Output::Pipe,
+          Twist twist = Twist::None)
       : iErrorFile(std::move(errorFile)) {
     std::vector<char*> argv;
     arguments.insert(arguments.begin(), PERIPHERALCTL);
@@ -72,10 +80,13 @@ class Process {
     if (iPid == 0) {
       setenv("TERM", "xterm", 1);
       setenv("NO_COLOR", "1", 1);
-      // Whoever runs the tests may ignore it, which the program would then do too.
-      std::signal(SIGHUP, SIG_DFL);
-      dup2(out, STDOUT_FILENO);
-      dup2(isForBoth ? out : error, STDERR_FILENO);
+      // Whoever runs the tests may ignore them, which the program would then do too.
+      for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        std::signal(signal, twist == Twist::SignalsIgnored ? SIG_IGN : SIG_DFL);
+      }
+      const bool isSwapped = twist == Twist::OutputsSwapped;
+      dup2(isSwapped ? error : out, STDOUT_FILENO);
+      dup2(isSwapped || isForBoth ? out : error, STDERR_FILENO);
       if (output == Output::None) {
         close(STDOUT_FILENO);
       }
@@ -365,6 +376,17 @@ TEST_F(Peripheralctl, CtrlCAbortsAndSaysWhatThatMeans) {
   }
 }
 
+TEST_F(Peripheralctl, WhatItsStarterIgnoresAbortsNothing) {
+  Process process(Command("update", "waits-for-abort", {"--timeout", "1"}), ErrorFile(), Output::Pipe,
+                  Twist::SignalsIgnored);
+  process.ReadUntil("Progress: 42 %");
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    process.Signal(signal);
+  }
+  EXPECT_EQ(process.Wait(), 8);
+  EXPECT_THAT(process.Out(), Not(HasSubstr("Aborting.")));
+}
+
 TEST_F(Peripheralctl, ASecondCtrlCExitsAtOnce) {
   Process process(Command("update", "ignores-abort", {"--timeout", "3600"}), ErrorFile());
   process.ReadUntil("Progress: 42 %");
@@ -412,6 +434,26 @@ TEST_F(Peripheralctl, TwoCtrlCAfterAGoodEndAreStillASuccess) {
   process.Signal(SIGTERM);
   EXPECT_EQ(process.WaitUnread(), 0);
   EXPECT_EQ(process.Err(), "\nExiting at once. The update has succeeded.\n");
+}
+
+TEST_F(Peripheralctl, TwoCtrlCBeforeARunIsRecordedAreNoWholeSuccess) {
+  const std::string log = iFolder.Path("log");
+  Process process(Command("update", "succeeds", {"--log-file", log, "--report", iFolder.Path("r.json")}),
+                  ErrorFile(), Output::FullPipe);
+  ASSERT_TRUE(Soon([&] { return ContentOf(log).find("Fake module is deleted") != std::string::npos; }));
+  process.Signal(SIGINT);
+  process.Signal(SIGTERM);
+  EXPECT_EQ(process.WaitUnread(), 12);
+  EXPECT_EQ(process.Err(),
+            "\nExiting at once. The update has succeeded.\nWhat was to be recorded of it is incomplete.\n");
+}
+
+TEST_F(Peripheralctl, AFileThatChangesAfterTheEndChangesNothing) {
+  const std::string log = iFolder.Path("log");
+  Process process(Command("update", "succeeds", {"--log-file", log}), ErrorFile(), Output::FullPipe);
+  ASSERT_TRUE(Soon([&] { return ContentOf(log).find("Fake module is deleted") != std::string::npos; }));
+  iFolder.Write("image", "another image");
+  EXPECT_EQ(process.Wait(), 0);
 }
 
 TEST_F(Peripheralctl, AnAbortWithoutAnAnswerIsGivenUp) {
@@ -489,6 +531,25 @@ TEST_F(Peripheralctl, ALogLevelWithoutAFileLogsToStandardError) {
   Process process(Command("update", "succeeds", {"--log-level", "always"}), ErrorFile());
   EXPECT_EQ(process.Wait(), 0);
   EXPECT_THAT(process.Err(), AllOf(HasSubstr("Always PeripheralLoader"), Not(HasSubstr("Info"))));
+}
+
+TEST_F(Peripheralctl, ALogOnAStandardErrorThatIsNotToWaitWaitsAllTheSame) {
+  Process process(Command("update", "install-fails", {"--log-level", "always"}), ErrorFile(),
+                  Output::FullPipeWithoutWaiting, Twist::OutputsSwapped);
+  ASSERT_TRUE(Soon([&] { return process.Err().find("Preparing") != std::string::npos; }));
+  // For the first line to be refused.
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_EQ(process.Wait(), 6);
+  EXPECT_THAT(process.Out(), AllOf(HasSubstr("Always PeripheralLoader"), HasSubstr("The update failed.")));
+}
+
+TEST_F(Peripheralctl, ALogThatStandardErrorDoesNotTakeIsExitCode12) {
+  const auto withLog = [this] { return Command("update", "succeeds", {"--log-level", "always"}); };
+  Process full(withLog(), ErrorFile(), Output::FullDisk, Twist::OutputsSwapped);
+  EXPECT_EQ(full.Wait(), 12);
+  Process unread(withLog(), ErrorFile(), Output::Pipe, Twist::OutputsSwapped);
+  unread.CloseOutput();
+  EXPECT_EQ(unread.Wait(), 0);
 }
 
 TEST_F(Peripheralctl, ALogFileThatCannotBeWrittenIsReportedOnce) {

@@ -14,7 +14,8 @@ TEST(PatientOutput, IsNotFlushedByWhatIsLoggedOnStandardError) {
   testing::internal::CaptureStderr();
   std::ostream* const tied = std::cerr.tie();
   {
-    const host::PatientOutput patience;
+    const host::PatientOutput output;
+    const host::PatientErrors errors;
     std::cout << "held";
     std::cerr << "logged";
     EXPECT_EQ(lseek(STDOUT_FILENO, 0, SEEK_CUR), 0);
