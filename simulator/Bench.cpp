@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 
 #include "simulator/CommandLine.h"
 #include "simulator/Dump.h"
@@ -17,19 +16,18 @@ constexpr Micros kBatch = 2 * kMillisecond;
 constexpr Micros kLastWords = 100 * kMillisecond;
 constexpr Micros kHostClosing = 2 * kSecond;
 
-void Print(const std::string& line_name, const Milestone& milestone) {
+std::string Described(const std::string& line_name, const Milestone& milestone) {
   const double seconds = static_cast<double>(milestone.time_us) / static_cast<double>(kSecond);
-  fmt::print("{:10.3f} {}{}{}: {}\n", seconds, line_name, line_name.empty() ? "" : " ", milestone.device,
-             milestone.text);
-  std::fflush(stdout);
+  return fmt::format("{:10.3f} {}{}{}: {}\n", seconds, line_name, line_name.empty() ? "" : " ",
+                     milestone.device, milestone.text);
 }
 
 }  // namespace
 
-Bench::Bench(const Settings& settings) : iSettings(settings) {
+Bench::Bench(const Settings& settings, Output& output) : iSettings(settings), iOutput(output) {
   for (DevicePlan& plan : iSettings.devices) {
-    plan.options.on_milestone = [name = iSettings.name](const Milestone& milestone) {
-      Print(name, milestone);
+    plan.options.on_milestone = [name = iSettings.name, &output](const Milestone& milestone) {
+      output.Say(Described(name, milestone));
     };
   }
   iDevices = MakeDevices(iSettings.devices, iSettings.once);
@@ -43,8 +41,8 @@ bool Bench::Start(Micros now) {
   if (!iPort->Open() || (!iSettings.link.empty() && !iPort->Link(iSettings.link))) {
     return false;
   }
-  fmt::print("{}{}port: {}\n", iSettings.name, iSettings.name.empty() ? "" : " ", iPort->Name());
-  std::fflush(stdout);
+  iOutput.Say(
+      fmt::format("{}{}port: {}\n", iSettings.name, iSettings.name.empty() ? "" : " ", iPort->Name()));
   iLine.emplace(*iDevices, iSettings.line, now);
   return true;
 }

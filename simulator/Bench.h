@@ -8,6 +8,7 @@
 
 #include "simulator/DeviceList.h"
 #include "simulator/Line.h"
+#include "simulator/Output.h"
 #include "simulator/PseudoTerminal.h"
 #include "simulator/Settings.h"
 
@@ -18,7 +19,8 @@ namespace simulator {
 /// `now` of Start().
 class Bench {
  public:
-  explicit Bench(const Settings& settings);
+  /// `output` must outlive it.
+  Bench(const Settings& settings, Output& output);
 
   /// Makes the port, tells its name on standard output, and switches the devices on. False, after a complaint
   /// on stderr, if there is no port or link to be had.
@@ -43,6 +45,7 @@ class Bench {
   void Dump();
 
   Settings iSettings;
+  Output& iOutput;
   std::unique_ptr<DeviceList> iDevices;
   std::optional<PseudoTerminal> iPort;
   std::optional<Line> iLine;

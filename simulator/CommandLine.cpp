@@ -10,6 +10,7 @@
 #include <iostream>
 #include <memory>
 
+#include "simulator/Output.h"
 #include "simulator/Scenario.h"
 
 namespace simulator {
@@ -29,7 +30,7 @@ constexpr char kFooter[] =
     "  0  ended by a signal, or every device of the list was updated\n"
     "  1  with --once: an update failed, or the program was ended before the last one\n"
     "  2  bad usage, or a scenario that cannot be played\n"
-    "  3  no pseudo-terminal, link or dump could be made, or this could not be said";
+    "  3  no pseudo-terminal, link or dump could be made, or not all could be said";
 
 constexpr std::size_t kNarrow_columns = 60;
 constexpr std::size_t kDefault_columns = 80;
@@ -77,7 +78,7 @@ bool IsSaid() {
   if (std::cout.flush()) {
     return true;
   }
-  std::cerr << "bootloader-simulator: standard output could not be written. Is the disk full?\n";
+  TellLoss();
   return false;
 }
 

@@ -12,6 +12,7 @@
 
 #include "simulator/Bench.h"
 #include "simulator/CommandLine.h"
+#include "simulator/Output.h"
 
 namespace simulator {
 
@@ -88,9 +89,10 @@ int Main(int argc, char** argv) {
   }
   const sigset_t wait_mask = CatchSignals();
   const Micros start = MonotonicNow();
+  Output output;
   std::deque<Bench> benches;
   for (const Settings& line : lines) {
-    if (!benches.emplace_back(line).Start(0)) {
+    if (!benches.emplace_back(line, output).Start(0)) {
       return kExitSystem;
     }
   }
@@ -99,7 +101,7 @@ int Main(int argc, char** argv) {
   for (Bench& bench : benches) {
     exit_code = std::max(exit_code, bench.End());
   }
-  return exit_code;
+  return !output.IsSaid() && exit_code == kExitOk ? kExitSystem : exit_code;
 }
 
 }  // namespace

@@ -160,6 +160,14 @@ Bytes ReadFile(const std::string& path) {
   return Bytes(std::istreambuf_iterator<char>(file), {});
 }
 
+/// The end to write to of a pipe that nobody reads.
+int ClosedPipe() {
+  int ends[2] = {-1, -1};
+  EXPECT_EQ(pipe(ends), 0);
+  close(ends[0]);
+  return ends[1];
+}
+
 bool Exists(const std::string& path) {
   struct stat status {};
   return lstat(path.c_str(), &status) == 0;
@@ -466,6 +474,31 @@ TEST(Program, HelpFitsTheWidthThatIsAskedFor) {
     }
     EXPECT_GT(texts, 10);
   }
+}
+
+TEST(Program, WhatItCouldNotSayIsNoSuccess) {
+  const std::string loss = "bootloader-simulator: standard output could not be written. Is the disk full?\n";
+  const std::string link = TemporaryPath("link");
+  for (const char* file : {"/dev/full", "a pipe that nobody reads"}) {
+    Program program({"--device", "sanyo", "--baud", "0", "--once", "--link", link},
+                    [file] { dup2(file[0] == '/' ? open(file, O_WRONLY) : ClosedPipe(), STDOUT_FILENO); });
+    ASSERT_TRUE(Appears(link));
+    {
+      Port port(link);
+      EXPECT_TRUE(port.Send(Pattern(2048)));
+    }
+    EXPECT_EQ(program.Wait(), 3) << file;
+    EXPECT_EQ(program.Rest(), loss);
+  }
+}
+
+TEST(Program, AFailureIsToldByItsExitCodeWhateverCouldNotBeSaid) {
+  const std::string link = TemporaryPath("link");
+  Program program({"--once", "--link", link}, [] { dup2(open("/dev/full", O_WRONLY), STDOUT_FILENO); });
+  ASSERT_TRUE(Appears(link));
+  program.Signal(SIGTERM);
+  EXPECT_EQ(program.Wait(), 1);
+  EXPECT_THAT(program.Rest(), HasSubstr("standard output could not be written"));
 }
 
 TEST(Program, HelpThatCannotBeWrittenIsNoSuccess) {
