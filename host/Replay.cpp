@@ -45,7 +45,10 @@ class Scratch {
   }
   Scratch(const Scratch&) = delete;
   Scratch& operator=(const Scratch&) = delete;
-  ~Scratch() {
+  ~Scratch() { Remove(); }
+
+  // Any thread.
+  void Remove() const {
     std::error_code ignored;
     fs::remove_all(iPath, ignored);
   }
@@ -129,19 +132,23 @@ int AttemptsIn(const trace::Dialogue& dialogue) {
 // Has the player accompany the run, and tells people how it compares.
 class Replaying final : public RunCompanion {
  public:
-  explicit Replaying(trace::Player& player) : iPlayer(player) {}
+  Replaying(trace::Player& player, const Scratch& scratch) : iPlayer(player), iScratch(scratch) {}
 
   void OnBegin(const std::function<void()>& abort) override { iPlayer.Start(abort); }
   Faults OnEnd(const RunResult& result, bool /*moduleGone*/) override {
     iVerdict = iPlayer.Finish(static_cast<int>(ExitCodeOf(result.outcome)));
     return {};
   }
+  void OnBreak() override { iPlayer.Stop(); }
+  // Nobody else removes the firmware then.
+  void OnHaste() override { iScratch.Remove(); }
 
   // Nothing before the end of the run.
   const std::optional<trace::Player::Verdict>& Verdict() const { return iVerdict; }
 
  private:
   trace::Player& iPlayer;
+  const Scratch& iScratch;
   std::optional<trace::Player::Verdict> iVerdict;
 };
 
@@ -212,7 +219,7 @@ ExitCode Replay(const std::string& name, const std::string& library, bool fast) 
     return ExitCode::TraceBroken;
   }
   std::cout << "Replaying " << name << ": the device's side comes from the trace." << std::endl;
-  Replaying replaying(player);
+  Replaying replaying(player, scratch);
   ReplayDisplay display(replaying, name, NamesOf(PlanOf(properties)));
   const SourceFiles files(properties);
   const Retries retries = {std::max(AttemptsIn(dialogue) - 1, 0), std::chrono::milliseconds(0)};

@@ -5,6 +5,8 @@
 
 #include <chrono>
 #include <filesystem>
+#include <optional>
+#include <system_error>
 
 #include "Digest.h"
 #include "ExitCode.h"
@@ -29,9 +31,13 @@ std::string ReadProperties(const PropertyMap& properties) {
   std::string lines;
   for (const auto& [key, value] : read) {
     lines += fmt::format("property.{}={}\n", key, value);
-    if (FindPropertyKey(key)->kind == ValueKind::File) {
-      lines += fmt::format("size.{}={}\n", key, std::filesystem::file_size(value));
-      lines += fmt::format("sha256.{}={}\n", key, Sha256Of(value).value_or(""));
+    std::error_code gone;
+    const bool isFile = FindPropertyKey(key)->kind == ValueKind::File;
+    const std::uintmax_t size = isFile ? std::filesystem::file_size(value, gone) : 0;
+    const std::optional<std::string> digest = isFile ? Sha256Of(value) : std::nullopt;
+    // The preparation complains of a file that has gone since it was checked.
+    if (digest && !gone) {
+      lines += fmt::format("size.{}={}\nsha256.{}={}\n", key, size, key, *digest);
     }
   }
   return lines;

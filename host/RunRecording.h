@@ -28,6 +28,7 @@ class RunRecording final : public RunCompanion {
   void OnBegin(const std::function<void()>& abort) override;
   /// Returns why what was recorded is incomplete.
   Faults OnEnd(const RunResult& result, bool moduleGone) override;
+  void OnBreak() override { iRecorder.Stop(); }
   Faults OnRefusal(const Faults& faults, ExitCode exitCode) override;
 
  private:

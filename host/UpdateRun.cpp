@@ -36,16 +36,56 @@ ExitCode ExitCodeOf(const RunResult& result) {
   std::_Exit(static_cast<int>(code));
 }
 
+// Has the companion, if there is one, know of the run's end, however that comes.
+class Accompaniment {
+ public:
+  explicit Accompaniment(RunCompanion* companion) : iCompanion(companion) {}
+  Accompaniment(const Accompaniment&) = delete;
+  Accompaniment& operator=(const Accompaniment&) = delete;
+  ~Accompaniment() {
+    if (iHasBegun && !iHasEnded) {
+      iCompanion->OnBreak();
+    }
+  }
+
+  void Begin(const std::function<void()>& abort) {
+    if (iCompanion != nullptr) {
+      iHasBegun = true;
+      iCompanion->OnBegin(abort);
+    }
+  }
+
+  Faults End(const RunResult& result, bool moduleGone) {
+    Faults complaints = iCompanion != nullptr ? iCompanion->OnEnd(result, moduleGone) : Faults{};
+    iHasEnded = true;
+    return complaints;
+  }
+
+  // Any thread. Whether the companion had all that it wanted.
+  bool Hasten() {
+    if (iCompanion != nullptr) {
+      iCompanion->OnHaste();
+    }
+    return iCompanion == nullptr || iHasEnded;
+  }
+
+ private:
+  RunCompanion* const iCompanion;
+  bool iHasBegun = false;
+  std::atomic<bool> iHasEnded{false};
+};
+
 // Writes past the streams, whose owner may be stuck in them, and only what a full pipe or a stopped terminal
 // has room for.
-[[noreturn]] void ExitInHaste(const RunResult& result, bool isRecorded) {
+[[noreturn]] void ExitInHaste(const RunResult& result, Accompaniment& accompaniment) {
+  const bool isComplete = accompaniment.Hasten();
   const std::string text =
-      HurriedReportFor(result) + (isRecorded ? "" : "What was to be recorded of it is incomplete.\n");
+      HurriedReportFor(result) + (isComplete ? "" : "What was to be recorded of it is incomplete.\n");
   pollfd room = {STDERR_FILENO, POLLOUT, 0};
   if (poll(&room, 1, 0) == 1 && (room.revents & POLLOUT) != 0) {
     (void)!write(STDERR_FILENO, text.data(), text.size());
   }
-  ExitAtOnce(isRecorded ? ExitCodeOf(result) : WithLoss(ExitCodeOf(result)));
+  ExitAtOnce(isComplete ? ExitCodeOf(result) : WithLoss(ExitCodeOf(result)));
 }
 
 // What has become of the files that are sent, until the sending has ended or until now. Any thread.
@@ -208,30 +248,28 @@ ExitCode UpdateRun::Execute() const {
   FilesWhileSent sent(files);
   const auto result = [&] { return Judge(*this, controller, listening, sent); };
 
-  std::atomic<bool> isRecorded{companion == nullptr};
   std::string fault;
   std::unique_ptr<FeatureModule> module = FeatureModule::Load(library, fault);
+  Accompaniment accompaniment(companion);
   const SignalWatch signals([&controller] { controller.Abort(); },
-                            [&] { ExitInHaste(result(), isRecorded); });
+                            [&] { ExitInHaste(result(), accompaniment); });
   if (module == nullptr || !module->Create(featureId, interfaces, broker, store, fault)) {
     return RefuseModule(fault);
   }
-  if (companion != nullptr) {
-    companion->OnBegin([&controller] { controller.Abort(); });
-  }
+  accompaniment.Begin([&controller] { controller.Abort(); });
   // Only now, so that the module is whole when the first request reaches it.
   const ScopedDelivery delivery(broker);
   const bool stopped = Drive(controller, broker, module, sent);
   const RunResult ended = result();
-  Faults complaints = companion != nullptr ? companion->OnEnd(ended, stopped) : Faults{};
-  isRecorded = true;
+  Faults complaints = accompaniment.End(ended, stopped);
   if (const std::string loss = LossOf(listening.Log()); !loss.empty()) {
     complaints.push_back({ErrorCode::LogNotWritten, loss});
   }
   const ExitCode exitCode = Warn(complaints, ExitCodeOf(ended));
   output.OnResult(ended, exitCode);
   if (!stopped) {
-    ExitAtOnce(exitCode);
+    accompaniment.Hasten();
+    ExitAtOnce(FlushStandardOutput() ? exitCode : WithLoss(exitCode));
   }
   return exitCode;
 }

@@ -18,17 +18,21 @@ namespace host {
 class RunLog;
 struct RunResult;
 
-/// Who accompanies a run. Both calls come on the thread that executes it.
+/// Who accompanies a run. But for OnHaste, all calls come on the thread that executes it.
 class RunCompanion {
  public:
   virtual ~RunCompanion() = default;
   /// The module is there and is asked for nothing yet. `abort` asks for an abort as Ctrl-C does; any thread,
   /// until OnEnd.
   virtual void OnBegin(const std::function<void()>& abort) = 0;
-  /// The run is over. Without `moduleGone` the module is still at work, and the process ends at the return.
-  /// Not called when the process is ended in haste. Returns what went wrong with accompanying it, for people.
+  /// The run is over. Without `moduleGone` the module is still at work, until the process ends soon. Returns
+  /// what went wrong with accompanying it, for people.
   virtual Faults OnEnd(const RunResult& result, bool moduleGone) = 0;
-  /// Instead of both: the module could not be had. Returns what OnEnd does.
+  /// Instead of OnEnd: an exception ends the run.
+  virtual void OnBreak() {}
+  /// The process ends at once, before or after OnEnd. On any thread.
+  virtual void OnHaste() {}
+  /// Instead of all others: the module could not be had. Returns what OnEnd does.
   virtual Faults OnRefusal(const Faults& /*faults*/, ExitCode /*exitCode*/) { return {}; }
 };
 

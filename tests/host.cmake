@@ -38,6 +38,7 @@ peripheral_test(host_tests LABEL unit
     unit/host/UpdateControllerTest.cpp
     unit/host/report/RunReportTest.cpp
     unit/host/trace/DialogueTest.cpp
+    unit/host/trace/LineTapTest.cpp
     unit/host/trace/RecordTest.cpp
     unit/host/trace/RecorderTest.cpp
   LIBRARIES host)

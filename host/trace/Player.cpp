@@ -80,7 +80,7 @@ std::string Player::Open() {
 
 void Player::Start(std::function<void()> abort) {
   iAbort = std::move(abort);
-  platform::SetLineObserver(this);
+  TakeLines();
   iThread = std::thread([this] { Play(); });
 }
 
@@ -88,7 +88,7 @@ void Player::Stop() {
   if (!iThread.joinable()) {
     return;
   }
-  platform::SetLineObserver(nullptr);
+  GiveLinesBack();
   {
     const std::lock_guard<std::mutex> lock(iMutex);
     iRunOver = true;
@@ -116,22 +116,19 @@ std::string Player::Account(const char* extent) const {
                      iCompared, iSaid);
 }
 
-void Player::OnOpened(const std::string& /*name*/, TUint32 /*speed*/) {
+void Player::OnOpened(const std::string& name, TUint32 speed) {
+  LineTap::OnOpened(name, speed);
   const std::lock_guard<std::mutex> lock(iMutex);
   ++iOpened;
   iChanged.notify_all();
 }
 
-void Player::OnSent(const TUint8* /*bytes*/, std::size_t /*count*/) {}
-
-void Player::OnReceived(const TUint8* /*bytes*/, std::size_t count) {
+void Player::OnReceived(const TUint8* bytes, std::size_t count) {
+  LineTap::OnReceived(bytes, count);
   const std::lock_guard<std::mutex> lock(iMutex);
   iReceived += count;
   iChanged.notify_all();
 }
-
-void Player::OnLost(const std::string& /*reason*/) {}
-void Player::OnClosed() {}
 
 // ---- On the playing thread ----
 

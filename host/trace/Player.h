@@ -7,14 +7,14 @@
 #include <string>
 #include <thread>
 
-#include "LineObserver.h"
 #include "trace/Dialogue.h"
+#include "trace/LineTap.h"
 
 namespace host::trace {
 
 /// Plays the device's side of a trace on a pseudo-terminal: its bytes come at their place in the dialogue,
 /// and each byte of the host is compared with what was recorded.
-class Player final : public platform::ILineObserver {
+class Player final : public LineTap {
  public:
   /// How the replayed run compares with the recorded one.
   struct Verdict {
@@ -44,14 +44,13 @@ class Player final : public platform::ILineObserver {
   /// Ends the playing; the run is over. Tells how it went; `exitCode` is what the replayed run came to.
   Verdict Finish(int exitCode);
 
+  /// Ends the playing of a run that came to no end.
+  void Stop();
+
   void OnOpened(const std::string& name, TUint32 speed) override;
-  void OnSent(const TUint8* bytes, std::size_t count) override;
   void OnReceived(const TUint8* bytes, std::size_t count) override;
-  void OnLost(const std::string& reason) override;
-  void OnClosed() override;
 
  private:
-  void Stop();
   void Play();
   bool PlayRecord(const Record& record);
   bool AwaitOpening();

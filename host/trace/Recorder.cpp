@@ -27,14 +27,14 @@ void Recorder::Start(const std::string& description) {
   iFormerLevel = logging::LowestLevel();
   iFormerSink = logging::SetSink(this);
   logging::SetLowestLevel(std::min(iFormerLevel, logging::EInfo));
-  iFormerObserver = platform::SetLineObserver(this);
+  TakeLines();
 }
 
 void Recorder::Stop() {
   if (!std::exchange(iStarted, false)) {
     return;
   }
-  platform::SetLineObserver(iFormerObserver);
+  GiveLinesBack();
   logging::SetSink(iFormerSink);
   logging::SetLowestLevel(iFormerLevel);
 }
@@ -53,37 +53,29 @@ std::string Recorder::Fault() {
   return iFile.Fault();
 }
 
-// Nothing crosses a line before the module is asked for something.
-template <typename Call>
-void Recorder::Tell(Call call) {
-  if (iFormerObserver != nullptr) {
-    call(*iFormerObserver);
-  }
-}
-
 void Recorder::OnOpened(const std::string& name, TUint32 speed) {
   Append(Kind::Opened, fmt::format("{} {}", speed, name));
-  Tell([&](auto& former) { former.OnOpened(name, speed); });
+  LineTap::OnOpened(name, speed);
 }
 
 void Recorder::OnSent(const TUint8* bytes, std::size_t count) {
   Append(Kind::Sent, Text(bytes, count));
-  Tell([&](auto& former) { former.OnSent(bytes, count); });
+  LineTap::OnSent(bytes, count);
 }
 
 void Recorder::OnReceived(const TUint8* bytes, std::size_t count) {
   Append(Kind::Received, Text(bytes, count));
-  Tell([&](auto& former) { former.OnReceived(bytes, count); });
+  LineTap::OnReceived(bytes, count);
 }
 
 void Recorder::OnLost(const std::string& reason) {
   Append(Kind::Lost, reason);
-  Tell([&](auto& former) { former.OnLost(reason); });
+  LineTap::OnLost(reason);
 }
 
 void Recorder::OnClosed() {
   Append(Kind::Closed, {});
-  Tell([&](auto& former) { former.OnClosed(); });
+  LineTap::OnClosed();
 }
 
 void Recorder::Write(const logging::TLine& line) {
@@ -99,6 +91,9 @@ void Recorder::Write(const logging::TLine& line) {
 // The time is taken where the order is settled, so that it never runs backwards in a trace.
 void Recorder::Append(Kind kind, std::string payload) {
   const std::lock_guard<std::mutex> lock(iMutex);
+  if (std::exchange(iEnded, iEnded || kind == Kind::End)) {
+    return;
+  }
   const auto time = std::chrono::steady_clock::now() - iBegin;
   const auto time_us = std::chrono::duration_cast<std::chrono::microseconds>(time).count();
   Put(Encode({kind, static_cast<std::uint64_t>(time_us), std::move(payload)}));

@@ -1,20 +1,19 @@
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <mutex>
 #include <string>
 
-#include "LineObserver.h"
 #include "Logging.h"
 #include "OutputFile.h"
+#include "trace/LineTap.h"
 #include "trace/Record.h"
 
 namespace host::trace {
 
 /// Writes a trace down: what crosses the serial lines, and the log. Each record goes to the system in one
 /// piece as soon as it is known, so that killing the program loses none. Any thread.
-class Recorder final : public platform::ILineObserver, public logging::ISink {
+class Recorder final : public LineTap, public logging::ISink {
  public:
   Recorder() = default;
   /// Stops if it was started.
@@ -36,7 +35,7 @@ class Recorder final : public platform::ILineObserver, public logging::ISink {
   /// Gives the log and the lines back, if it has them.
   void Stop();
 
-  /// Writes the record with which a trace ends.
+  /// Writes the record with which a trace ends: what comes later is only passed on.
   void End(int exitCode, const std::string& outcome);
 
   /// The trace so far.
@@ -53,8 +52,6 @@ class Recorder final : public platform::ILineObserver, public logging::ISink {
   void Write(const logging::TLine& line) override;
 
  private:
-  template <typename Call>
-  void Tell(Call call);
   void Append(Kind kind, std::string payload);
   void Put(const std::string& bytes);
 
@@ -63,8 +60,8 @@ class Recorder final : public platform::ILineObserver, public logging::ISink {
   OutputFile iFile;
   bool iKeepsContent = false;
   bool iStarted = false;
+  bool iEnded = false;
   std::string iContent;
-  std::atomic<platform::ILineObserver*> iFormerObserver{nullptr};
   logging::ISink* iFormerSink = nullptr;
   logging::TLevel iFormerLevel = logging::EWarning;
 };

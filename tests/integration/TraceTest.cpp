@@ -211,6 +211,19 @@ TEST_F(Tracing, TellsThatYouEndedTheReplay) {
                                       testing::Not(HasSubstr("departs"))));
 }
 
+TEST_F(Tracing, LeavesNoFirmwareBehindWhenYouEndTheReplayTwice) {
+  const std::string trace = Write(WithSilence(RecordsOf("RejectedBlocks"), 200, 60));
+  const std::string scratch = iFolder.Path("scratch");
+  std::filesystem::create_directory(scratch);
+  Process process(PERIPHERALCTL, {"trace", "replay", "--fast", trace}, {"TMPDIR=" + scratch});
+  ASSERT_TRUE(process.WaitForOutput("Updating as recorded."));
+  EXPECT_FALSE(std::filesystem::is_empty(scratch));
+  process.Signal(SIGINT);
+  process.Signal(SIGTERM);
+  EXPECT_EQ(process.WaitForEnd(), kAborted);
+  EXPECT_TRUE(std::filesystem::is_empty(scratch));
+}
+
 TEST_F(Tracing, TellsOfTheSilenceAfterWhichARunDeparts) {
   // The device's C, before the first command, comes behind its version and EOT.
   const std::vector<Record> records =

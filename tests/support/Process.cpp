@@ -2,13 +2,13 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstdint>
 
 namespace {
@@ -41,6 +41,10 @@ Process::Process(const std::string& program, std::vector<std::string> arguments,
       putenv(const_cast<char*>(entry.c_str()));
     }
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    // Whoever runs the tests may ignore them, which the program would then do too.
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+      std::signal(signal, SIG_DFL);
+    }
     if (line != -1) {
       dup2(line, STDIN_FILENO);
     }

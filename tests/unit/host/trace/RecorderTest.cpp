@@ -102,6 +102,18 @@ TEST(TraceRecorder, TakesFromAnOldFileItsContentAndItsReaders) {
   EXPECT_EQ(status.st_size, 0);
 }
 
+TEST(TraceRecorder, EndsWithTheEndThoughTheModuleGoesOn) {
+  Recorder recorder;
+  recorder.KeepContent();
+  recorder.Start("");
+  recorder.End(8, "No result in time.");
+  const std::string whole = recorder.Content();
+  recorder.OnSent(kBytes, sizeof(kBytes));
+  LOG_INFO(logging::PeripheralLoader, "text");
+  recorder.Stop();
+  EXPECT_EQ(recorder.Content(), whole);
+}
+
 TEST(TraceRecorder, WritesToNoPipeAndToNobodyElsesFile) {
   const TemporaryFolder folder;
   const std::string pipe = folder.Path("pipe");
