@@ -11,6 +11,8 @@
 #include <system_error>
 #include <vector>
 
+#include "simulator/Output.h"
+
 namespace simulator {
 
 namespace {
@@ -23,8 +25,8 @@ std::FILE* Open(const std::string& path) {
 
 constexpr const char* kIsLink = "it is a symbolic link";
 
-bool Complain(const std::string& path, const std::string& reason) {
-  fmt::print(stderr, "Cannot write the dump {}: {}. Name a file that can be written.\n", path, reason);
+bool Refuse(const std::string& path, const std::string& reason) {
+  Complain(fmt::format("Cannot write the dump {}: {}. Name a file that can be written.\n", path, reason));
   return false;
 }
 
@@ -35,7 +37,7 @@ bool WriteFile(const std::string& path, const std::vector<std::uint8_t>& bytes) 
     written = bytes.empty() || std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
     written = std::fclose(file) == 0 && written;
   }
-  return written || Complain(path, errno == ELOOP ? kIsLink : std::generic_category().message(errno));
+  return written || Refuse(path, errno == ELOOP ? kIsLink : std::generic_category().message(errno));
 }
 
 bool IsLink(const std::string& path) {
@@ -64,7 +66,7 @@ bool ForEachDump(const DeviceList& devices, const std::string& ram_path, const s
 
 bool MayBeDumped(const DeviceList& devices, const std::string& ram_path, const std::string& flash_path) {
   return ForEachDump(devices, ram_path, flash_path, [](const std::string& path, const Memory&) {
-    return !IsLink(path) || Complain(path, kIsLink);
+    return !IsLink(path) || Refuse(path, kIsLink);
   });
 }
 

@@ -12,6 +12,8 @@
 #include <cstdlib>
 #include <system_error>
 
+#include "simulator/Output.h"
+
 namespace simulator {
 
 namespace {
@@ -53,8 +55,8 @@ bool PseudoTerminal::Open() {
     opened = iSlave >= 0 && MakeRaw(iSlave);
   }
   if (!opened) {
-    fmt::print(stderr, "Cannot make a pseudo-terminal: {}. Is /dev/pts mounted?\n",
-               std::generic_category().message(errno));
+    Complain(fmt::format("Cannot make a pseudo-terminal: {}. Is /dev/pts mounted?\n",
+                         std::generic_category().message(errno)));
   }
   return opened;
 }
@@ -65,9 +67,9 @@ bool PseudoTerminal::Link(const std::string& path) {
     unlink(path.c_str());
   }
   if (symlink(iName.c_str(), path.c_str()) != 0) {
-    fmt::print(stderr,
-               "Cannot make the link {}: {}. Remove what is there or choose another path for --link.\n", path,
-               std::generic_category().message(errno));
+    Complain(
+        fmt::format("Cannot make the link {}: {}. Remove what is there or choose another path for --link.\n",
+                    path, std::generic_category().message(errno)));
     return false;
   }
   iLink = path;

@@ -12,17 +12,12 @@
 
 #include "simulator/Bench.h"
 #include "simulator/CommandLine.h"
+#include "simulator/EndSignals.h"
 #include "simulator/Output.h"
 
 namespace simulator {
 
 namespace {
-
-volatile sig_atomic_t gStopRequested = 0;
-
-void RequestStop(int) {
-  gStopRequested = 1;
-}
 
 /// Takes the descriptors of standard streams that whoever started the program has closed, lest the port
 /// become one of them. Where it can be, what is said there is told to be lost.
@@ -37,35 +32,16 @@ void HoldStandardStreams() {
   }
 }
 
-/// Catches SIGINT and SIGTERM, and keeps them back but during the wait whose signal mask is returned.
-sigset_t CatchSignals() {
-  struct sigaction action {};
-  action.sa_handler = RequestStop;
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
-  signal(SIGPIPE, SIG_IGN);
-  sigset_t blocked;
-  sigset_t original;
-  sigemptyset(&blocked);
-  sigaddset(&blocked, SIGINT);
-  sigaddset(&blocked, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &blocked, &original);
-  sigdelset(&original, SIGINT);
-  sigdelset(&original, SIGTERM);
-  return original;
-}
-
 Micros MonotonicNow() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
   return static_cast<Micros>(now.tv_sec) * kSecond + now.tv_nsec / 1000;
 }
 
-/// Plays all lines until a signal comes, or until each has come to its end. `wait_mask` lets the signals
-/// through that ask the program to end.
-void Play(std::deque<Bench>& benches, Micros start, const sigset_t& wait_mask) {
+/// Plays all lines until a signal comes, or until each has come to its end.
+void Play(std::deque<Bench>& benches, Micros start, const EndSignals& signals) {
   std::vector<pollfd> ports(benches.size());
-  while (gStopRequested == 0) {
+  while (!signals.HaveCome()) {
     const Micros now = MonotonicNow() - start;
     Micros wake = kNever;
     for (std::size_t i = 0; i < benches.size(); ++i) {
@@ -78,7 +54,7 @@ void Play(std::deque<Bench>& benches, Micros start, const sigset_t& wait_mask) {
     }
     const Micros pause = std::max<Micros>(wake - (MonotonicNow() - start), 0);
     const timespec timeout{static_cast<time_t>(pause / kSecond), static_cast<long>(pause % kSecond * 1000)};
-    ppoll(ports.data(), ports.size(), wake == kNever ? nullptr : &timeout, &wait_mask);
+    signals.Wait(ports.data(), ports.size(), wake == kNever ? nullptr : &timeout);
   }
 }
 
@@ -87,16 +63,17 @@ int Main(int argc, char** argv) {
   if (const std::optional<int> exit_code = ParseCommandLine(argc, argv, lines)) {
     return *exit_code;
   }
-  const sigset_t wait_mask = CatchSignals();
+  signal(SIGPIPE, SIG_IGN);
+  const EndSignals signals;
   const Micros start = MonotonicNow();
-  Output output;
+  Output output(signals);
   std::deque<Bench> benches;
   for (const Settings& line : lines) {
     if (!benches.emplace_back(line, output).Start(0)) {
       return kExitSystem;
     }
   }
-  Play(benches, start, wait_mask);
+  Play(benches, start, signals);
   int exit_code = kExitOk;
   for (Bench& bench : benches) {
     exit_code = std::max(exit_code, bench.End());

@@ -88,10 +88,16 @@ class Program {
 
   void Signal(int number) { kill(iPid, number); }
 
-  /// Exit code, or -1 if it was ended by a signal.
+  /// Exit code, or -1 if it was ended by a signal, as it is when it takes too long.
   int Wait() {
+    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(30);
     int status = 0;
-    waitpid(iPid, &status, 0);
+    while (waitpid(iPid, &status, WNOHANG) == 0) {
+      if (Clock::now() > deadline) {
+        kill(iPid, SIGKILL);
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
     iPid = 0;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
@@ -165,6 +171,17 @@ int ClosedPipe() {
   int ends[2] = {-1, -1};
   EXPECT_EQ(pipe(ends), 0);
   close(ends[0]);
+  return ends[1];
+}
+
+/// The end to write to of a pipe that takes nothing more; the other end is in `reader`.
+int FullPipe(int& reader) {
+  int ends[2] = {-1, -1};
+  EXPECT_EQ(pipe2(ends, O_NONBLOCK), 0);
+  while (write(ends[1], "x", 1) == 1) {
+  }
+  fcntl(ends[1], F_SETFL, 0);
+  reader = ends[0];
   return ends[1];
 }
 
@@ -490,6 +507,43 @@ TEST(Program, WhatItCouldNotSayIsNoSuccess) {
     EXPECT_EQ(program.Wait(), 3) << file;
     EXPECT_EQ(program.Rest(), loss);
   }
+}
+
+TEST(Program, EndsAtASignalWhileNobodyReadsWhatItSays) {
+  int reader = -1;
+  const int pipe = FullPipe(reader);
+  const std::string link = TemporaryPath("link");
+  Program program({"--link", link}, [pipe] {
+    dup2(pipe, STDOUT_FILENO);
+    dup2(pipe, STDERR_FILENO);
+  });
+  ASSERT_TRUE(Appears(link));
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  program.Signal(SIGTERM);
+  EXPECT_EQ(program.Wait(), 3);
+  EXPECT_FALSE(Exists(link));
+  close(pipe);
+  close(reader);
+}
+
+TEST(Program, WaitsForWhoeverReadsWhatItSays) {
+  int reader = -1;
+  const int pipe = FullPipe(reader);
+  const std::string link = TemporaryPath("link");
+  Program program({"--link", link}, [pipe] { dup2(pipe, STDOUT_FILENO); });
+  ASSERT_TRUE(Appears(link));
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  std::string said;
+  pollfd waiting{reader, POLLIN, 0};
+  for (char letter = 0; letter != '\n' && poll(&waiting, 1, 10000) == 1;) {
+    ASSERT_EQ(read(reader, &letter, 1), 1);
+    said += letter;
+  }
+  EXPECT_THAT(said, HasSubstr("xport: /dev/pts/"));
+  program.Signal(SIGTERM);
+  EXPECT_EQ(program.Wait(), 0);
+  close(pipe);
+  close(reader);
 }
 
 TEST(Program, AFailureIsToldByItsExitCodeWhateverCouldNotBeSaid) {
