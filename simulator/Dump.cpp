@@ -17,17 +17,33 @@ namespace simulator {
 
 namespace {
 
-// Firmware is for its owner alone, and a link that somebody has put there may lead anywhere.
-std::FILE* Open(const std::string& path) {
-  const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
-  return file < 0 ? nullptr : fdopen(file, "wb");
-}
-
-constexpr const char* kIsLink = "it is a symbolic link";
-
 bool Refuse(const std::string& path, const std::string& reason) {
   Complain(fmt::format("Cannot write the dump {}: {}. Name a file that can be written.\n", path, reason));
   return false;
+}
+
+/// Why what the path names must not be written to; empty if it may, or if there is nothing yet.
+std::string WhyUnfit(const std::string& path) {
+  struct stat status {};
+  if (lstat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode)) {
+    return "";
+  }
+  return S_ISLNK(status.st_mode) ? "it is a symbolic link" : "it is no regular file";
+}
+
+// Firmware is for its owner alone, and a link that somebody has put there may lead anywhere. A pipe would
+// make whoever opens it, or writes to it, wait.
+std::FILE* Open(const std::string& path) {
+  const int file =
+      open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+  struct stat status {};
+  if (file >= 0 && fstat(file, &status) == 0 && S_ISREG(status.st_mode)) {
+    return fdopen(file, "wb");
+  }
+  if (file >= 0) {
+    close(file);
+  }
+  return nullptr;
 }
 
 bool WriteFile(const std::string& path, const std::vector<std::uint8_t>& bytes) {
@@ -37,12 +53,9 @@ bool WriteFile(const std::string& path, const std::vector<std::uint8_t>& bytes) 
     written = bytes.empty() || std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
     written = std::fclose(file) == 0 && written;
   }
-  return written || Refuse(path, errno == ELOOP ? kIsLink : std::generic_category().message(errno));
-}
-
-bool IsLink(const std::string& path) {
-  struct stat status {};
-  return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+  const std::error_code error(errno, std::generic_category());
+  const std::string unfit = WhyUnfit(path);
+  return written || Refuse(path, unfit.empty() ? error.message() : unfit);
 }
 
 /// Does something with each file and the memory that it is for. False if that was false for one.
@@ -66,7 +79,8 @@ bool ForEachDump(const DeviceList& devices, const std::string& ram_path, const s
 
 bool MayBeDumped(const DeviceList& devices, const std::string& ram_path, const std::string& flash_path) {
   return ForEachDump(devices, ram_path, flash_path, [](const std::string& path, const Memory&) {
-    return !IsLink(path) || Refuse(path, kIsLink);
+    const std::string unfit = WhyUnfit(path);
+    return unfit.empty() || Refuse(path, unfit);
   });
 }
 

@@ -90,7 +90,7 @@ class Program {
 
   /// Exit code, or -1 if it was ended by a signal, as it is when it takes too long.
   int Wait() {
-    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(30);
+    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(20);
     int status = 0;
     while (waitpid(iPid, &status, WNOHANG) == 0) {
       if (Clock::now() > deadline) {
@@ -285,6 +285,28 @@ TEST(Program, NoDumpGoesWhereALinkLeads) {
   EXPECT_EQ(ReadFile(file), FromText("precious"));
   unlink(link.c_str());
   unlink(file.c_str());
+}
+
+TEST(Program, NoDumpGoesIntoWhatIsNoRegularFile) {
+  const std::string pipe = TemporaryPath("flash");
+  const std::string fault =
+      "Cannot write the dump " + pipe + ": it is no regular file. Name a file that can be written.\n";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  Program refused({"--dump-flash", pipe});
+  EXPECT_EQ(refused.Wait(), 3);
+  EXPECT_EQ(refused.Rest(), fault);
+  for (const bool is_read : {true, false}) {
+    unlink(pipe.c_str());
+    Program program({"--dump-flash", pipe});
+    program.Port();
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    const int other_end = is_read ? open(pipe.c_str(), O_RDONLY | O_NONBLOCK) : -1;
+    program.Signal(SIGTERM);
+    EXPECT_EQ(program.Wait(), 3);
+    EXPECT_EQ(program.Rest(), fault);
+    close(other_end);
+  }
+  unlink(pipe.c_str());
 }
 
 TEST(Program, TellsNothingOnTheLineWhenItsOutputIsClosed) {
