@@ -1,10 +1,10 @@
 #include "simulator/EndSignals.h"
 
+#include <initializer_list>
+
 namespace simulator {
 
 namespace {
-
-constexpr int kSignals[] = {SIGINT, SIGTERM};
 
 volatile sig_atomic_t gHaveCome = 0;
 
@@ -12,20 +12,36 @@ void Note(int) {
   gHaveCome = 1;
 }
 
+bool IsIgnored(int number) {
+  struct sigaction action {};
+  sigaction(number, nullptr, &action);
+  return action.sa_handler == SIG_IGN;
+}
+
+sigset_t ToBeCaught() {
+  sigset_t caught;
+  sigemptyset(&caught);
+  sigaddset(&caught, SIGINT);
+  sigaddset(&caught, SIGTERM);
+  // Under nohup a closed terminal is to be survived.
+  if (!IsIgnored(SIGHUP)) {
+    sigaddset(&caught, SIGHUP);
+  }
+  return caught;
+}
+
 }  // namespace
 
 EndSignals::EndSignals() {
+  const sigset_t caught = ToBeCaught();
+  pthread_sigmask(SIG_BLOCK, &caught, &iWaitMask);
   struct sigaction action {};
   action.sa_handler = Note;
-  sigset_t blocked;
-  sigemptyset(&blocked);
-  for (const int each : kSignals) {
-    sigaction(each, &action, nullptr);
-    sigaddset(&blocked, each);
-  }
-  pthread_sigmask(SIG_BLOCK, &blocked, &iWaitMask);
-  for (const int each : kSignals) {
-    sigdelset(&iWaitMask, each);
+  for (const int each : {SIGINT, SIGTERM, SIGHUP}) {
+    if (sigismember(&caught, each) == 1) {
+      sigaction(each, &action, nullptr);
+      sigdelset(&iWaitMask, each);
+    }
   }
 }
 

@@ -8,8 +8,8 @@
 
 namespace simulator {
 
-/// The signals that ask the program to end. From its making on they are kept back but while Wait() waits, so
-/// that they interrupt nothing else.
+/// The signals that ask the program to end: SIGINT, SIGTERM, and SIGHUP unless it is ignored. From its making
+/// on they are kept back but while Wait() waits, so that they interrupt nothing else.
 class EndSignals {
  public:
   EndSignals();

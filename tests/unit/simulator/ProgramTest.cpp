@@ -251,6 +251,27 @@ TEST(Program, LinksToThePortAndDumpsAtASignal) {
   unlink((dump + ".2").c_str());
 }
 
+TEST(Program, LeavesCleanlyWhenItsTerminalIsClosed) {
+  const std::string link = TemporaryPath("link");
+  // These tests may run under nohup.
+  Program program({"--link", link}, [] { signal(SIGHUP, SIG_DFL); });
+  program.Port();
+  program.Signal(SIGHUP);
+  EXPECT_EQ(program.Wait(), 0);
+  EXPECT_FALSE(Exists(link));
+  unlink(link.c_str());
+}
+
+TEST(Program, SurvivesItsTerminalUnderNohup) {
+  Program program({"--device", "sanyo"}, [] { signal(SIGHUP, SIG_IGN); });
+  Port port(program.Port());
+  program.Signal(SIGHUP);
+  EXPECT_EQ(port.Read(5000), 'C');
+  EXPECT_EQ(port.Read(5000), 'C');
+  program.Signal(SIGTERM);
+  EXPECT_EQ(program.Wait(), 0);
+}
+
 TEST(Program, ADumpIsForItsOwnerAloneWhateverTheMask) {
   const std::string dump = TemporaryPath("flash");
   const mode_t mask = umask(0);
