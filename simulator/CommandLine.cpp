@@ -9,7 +9,9 @@
 #include <cstdlib>
 #include <iostream>
 #include <memory>
+#include <set>
 
+#include "simulator/DumpFiles.h"
 #include "simulator/Output.h"
 #include "simulator/Scenario.h"
 
@@ -104,7 +106,7 @@ void AddProgramOptions(CLI::App& app, RawOptions& raw) {
   app.add_option("--link", settings.link, "Path of a symbolic link to the port, removed at exit");
   app.add_option("--dump-ram", settings.dump_ram,
                  "File for what RAM holds, after each update and at exit; .1, .2 … is appended in a list");
-  app.add_option("--dump-flash", settings.dump_flash, "The same for flash");
+  app.add_option("--dump-flash", settings.dump_flash, "The same for flash, in another file");
   app.add_flag("--once", settings.once, "Exit when every device of the list was updated, or one failed");
 }
 
@@ -211,6 +213,15 @@ std::vector<Settings> PlayScenario(const std::string& path, const CLI::App& app)
   return lines;
 }
 
+void CheckDumps(const Settings& settings) {
+  std::set<std::string> files;
+  for (const std::string& path : {settings.dump_ram, settings.dump_flash}) {
+    if (!AddDumpFiles(path, settings.devices.size(), files)) {
+      throw CLI::ValidationError("--dump-flash", "--dump-ram names this file already. Each needs its own.");
+    }
+  }
+}
+
 std::vector<Settings> Choose(RawOptions& raw, const CLI::App& app) {
   if (app.count("--scenario") > 0) {
     return PlayScenario(raw.scenario, app);
@@ -219,6 +230,7 @@ std::vector<Settings> Choose(RawOptions& raw, const CLI::App& app) {
   if (MakeDevices(raw.settings.devices, raw.settings.once) == nullptr) {
     throw CLI::ValidationError("--device", "\"" + raw.devices + "\" is not a list of can and sanyo");
   }
+  CheckDumps(raw.settings);
   return {raw.settings};
 }
 

@@ -11,6 +11,7 @@
 #include <system_error>
 #include <vector>
 
+#include "simulator/DumpFiles.h"
 #include "simulator/Output.h"
 
 namespace simulator {
@@ -64,12 +65,11 @@ bool ForEachDump(const DeviceList& devices, const std::string& ram_path, const s
                  Action action) {
   bool done = true;
   for (std::size_t index = 0; index < devices.Size(); ++index) {
-    const std::string suffix = devices.Size() == 1 ? "" : "." + std::to_string(index + 1);
     if (!ram_path.empty()) {
-      done = action(ram_path + suffix, devices.At(index).Ram()) && done;
+      done = action(DumpFile(ram_path, index, devices.Size()), devices.At(index).Ram()) && done;
     }
     if (!flash_path.empty()) {
-      done = action(flash_path + suffix, devices.At(index).Flash()) && done;
+      done = action(DumpFile(flash_path, index, devices.Size()), devices.At(index).Flash()) && done;
     }
   }
   return done;

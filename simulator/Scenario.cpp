@@ -11,6 +11,9 @@
 #include <optional>
 #include <set>
 #include <system_error>
+#include <utility>
+
+#include "simulator/DumpFiles.h"
 
 // The parser then reports faults in its result instead of throwing them.
 #define TOML_EXCEPTIONS 0
@@ -196,11 +199,20 @@ class Reader {
     for (std::string* path : {&line.link, &line.dump_ram, &line.dump_flash}) {
       *path = path->empty() ? "" : (std::filesystem::path(iPath).parent_path() / *path).string();
     }
+    CheckPaths(table, line);
+    return line;
+  }
+
+  void CheckPaths(const toml::table& table, const Settings& line) {
     const std::string link = std::filesystem::path(line.link).lexically_normal().string();
     if (!link.empty() && !iLinks.insert(link).second) {
       Complain(*table.get("link"), "another line has this link already. Each port needs its own.");
     }
-    return line;
+    for (const auto& [key, path] : {std::pair("dump-ram", line.dump_ram), {"dump-flash", line.dump_flash}}) {
+      if (!AddDumpFiles(path, line.devices.size(), iDumpFiles)) {
+        Complain(*table.get(key), "another memory goes into this file already. Each dump needs its own.");
+      }
+    }
   }
 
   DevicePlan ReadDevice(const toml::table& table) {
@@ -249,6 +261,7 @@ class Reader {
   std::string iPath;
   std::vector<std::string>& iFaults;
   std::set<std::string> iLinks;
+  std::set<std::string> iDumpFiles;
 };
 
 std::string Unreadable(const std::string& path) {

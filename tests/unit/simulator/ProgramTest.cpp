@@ -499,6 +499,17 @@ TEST(Program, RefusesWrongOptionsWithAnExitCodeOfTheirOwn) {
   }
 }
 
+TEST(Program, DumpsNoTwoMemoriesIntoOneFile) {
+  const std::string file = TemporaryPath("both");
+  const std::string same = testing::TempDir() + "/./simulator_" + std::to_string(getpid()) + "_both";
+  for (const std::string devices : {"can", "can,sanyo"}) {
+    Program program({"--device", devices, "--dump-ram", file, "--dump-flash", same});
+    EXPECT_EQ(program.Wait(), 2);
+    EXPECT_THAT(program.Rest(),
+                testing::StartsWith("--dump-flash: --dump-ram names this file already. Each needs its own."));
+  }
+}
+
 TEST(Program, HelpNamesEveryOption) {
   Program program({"--help"});
   EXPECT_EQ(program.Wait(), 0);

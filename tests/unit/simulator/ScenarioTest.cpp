@@ -171,6 +171,21 @@ TEST_F(Scenario, IsRefusedWithThePlaceOfWhatIsWrong) {
   }
 }
 
+TEST_F(Scenario, DumpsNoTwoMemoriesIntoOneFile) {
+  const std::string device = "[[line.device]]\nkind = 'can'\n";
+  const std::string fault = "another memory goes into this file already. Each dump needs its own.";
+  EXPECT_THAT(FaultsOf("[[line]]\ndump-ram = 'a'\ndump-flash = './b/../a'\n" + device),
+              ElementsAre("3:14: " + fault));
+  EXPECT_THAT(FaultsOf("[[line]]\ndump-ram = 'a'\n" + device + "[[line]]\ndump-ram = 'a'\n" + device),
+              ElementsAre("6:12: " + fault));
+  EXPECT_THAT(
+      FaultsOf("[[line]]\ndump-ram = 'a.2'\n" + device + "[[line]]\ndump-flash = 'a'\n" + device + device),
+      ElementsAre("6:14: " + fault));
+  EXPECT_THAT(
+      FaultsOf("[[line]]\ndump-ram = 'a'\n" + device + "[[line]]\ndump-flash = 'a'\n" + device + device),
+      IsEmpty());
+}
+
 TEST_F(Scenario, ThatIsNoTomlIsTold) {
   EXPECT_THAT(FaultsOf("[[line]]\nbaud 1\n"),
               ElementsAre(testing::StartsWith("2:6: this is not valid TOML: ")));
