@@ -34,11 +34,13 @@ struct Symptom {
   ErrorCode code;
   const char* what;         ///< for people; the line itself when it is null
   std::string_view also{};  ///< the line holds it, too
+  bool isVague = false;     ///< any other symptom says more
 };
 
 constexpr Symptom kSymptoms[] = {
-    {"Received serial port error", ErrorCode::PortLost, "the port failed"},
-    {"Failed writing[", ErrorCode::PortLost, "the port takes no more bytes"},
+    // An engine that is told to stop, as when the next attempt takes its place, says so too.
+    {"Received serial port error", ErrorCode::PortLost, "the port failed", {}, true},
+    {"Failed writing[", ErrorCode::PortLost, "the port takes no more bytes", {}, true},
     {"Serial port ", ErrorCode::PortUnusable, nullptr, " cannot do "},
     {"Serial port ", ErrorCode::PortLost, nullptr},
     {"Cannot use serial port ", ErrorCode::PortUnusable, nullptr},
@@ -196,7 +198,7 @@ std::string LogFollower::PresentPlace() const {
 void LogFollower::StartOver() {
   iCauses.emplace_back();
   iStep.clear();
-  iIsGivenUp = false;
+  iIsGivenUp = iIsVague = false;
   iDevice = 0;
   iCommands = 0;
   iBefore = iFilesBefore = iFileSize = iFileSent = 0;
@@ -259,12 +261,16 @@ void LogFollower::BlameFor(const logging::TLine& line) {
   if (symptom == std::end(kSymptoms)) {
     return;
   }
+  if (symptom->isVague && iCauses.back() && !iIsVague) {
+    return;
+  }
   const std::string what = symptom->what != nullptr ? symptom->what : logging::Printable(line.message);
   if (symptom->code == ErrorCode::DeviceSilent || symptom->code == ErrorCode::Stalled) {
     BlameSilence(symptom->code, what);
   } else {
     Blame(symptom->code, what);
   }
+  iIsVague = symptom->isVague;
   iIsGivenUp = iIsGivenUp || StartsWith(line.message, kGivenUp);
 }
 
@@ -284,7 +290,7 @@ void LogFollower::BlameSilence(ErrorCode code, const std::string& otherwise) {
 
 void LogFollower::Blame(ErrorCode code, const std::string& what) {
   std::optional<Cause>& cause = iCauses.back();
-  if (iIsGivenUp || (cause && Outweighs(cause->code, code))) {
+  if (iIsGivenUp || (cause && !iIsVague && Outweighs(cause->code, code))) {
     return;
   }
   cause = Cause{code, fmt::format("{}: {}", PresentPlace(), what)};

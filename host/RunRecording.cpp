@@ -61,23 +61,36 @@ void AddUnlessEmpty(Faults& faults, ErrorCode code, const std::string& fault) {
   }
 }
 
+// Returns a fault for people where something else would be lost.
+std::string WhyNotReplaced(const std::string& path, const OutputKind& kind, std::string_view beginning) {
+  return IsMissingOrBegins(path, beginning)
+             ? ""
+             : fmt::format("'{}' is no {} and is left as it is. Choose another file after {}.", path,
+                           kind.name, kind.option);
+}
+
+std::string BeginTrace(const std::string& path, trace::Recorder& recorder) {
+  const std::string fault = WhyNotReplaced(path, kTraceFile, trace::FileHeader());
+  return fault.empty() ? recorder.OpenFile(path) : fault;
+}
+
 std::string ReplaceTrace(const std::string& path, const std::string& content) {
-  if (!IsMissingOrBegins(path, trace::FileHeader())) {
-    return fmt::format("'{}' is no trace and is left as it is.", path);
-  }
   OutputFile file;
-  const std::string fault = file.Open(path, kTraceFile);
+  std::string fault = WhyNotReplaced(path, kTraceFile, trace::FileHeader());
+  fault = fault.empty() ? file.Open(path, kTraceFile) : fault;
   file.Write(content);
   return fault + file.Fault();
 }
 
-std::string ReplaceReport(const std::string& path, const std::string& content) {
+std::string MakeRoomForReport(const std::string& path) {
   report::Format format = {};
   report::FormatOf(path, format);
-  if (!IsMissingOrBegins(path, report::BeginningOf(format))) {
-    return fmt::format("'{}' is no report and is left as it is.", path);
-  }
-  const std::string fault = MakeRoom(path, kReportFile);
+  const std::string fault = WhyNotReplaced(path, kReportFile, report::BeginningOf(format));
+  return fault.empty() ? MakeRoom(path, kReportFile) : fault;
+}
+
+std::string ReplaceReport(const std::string& path, const std::string& content) {
+  const std::string fault = MakeRoomForReport(path);
   return fault.empty() ? WriteWhole(path, kReportFile, content) : fault;
 }
 
@@ -87,10 +100,10 @@ RunRecording::RunRecording(Files files, const PropertyMap& properties)
     : iFiles(std::move(files)), iDescription(Describe(properties)) {}
 
 std::string RunRecording::Open() {
-  std::string fault = iFiles.trace.empty() ? "" : iRecorder.OpenFile(iFiles.trace);
+  std::string fault = iFiles.trace.empty() ? "" : BeginTrace(iFiles.trace, iRecorder);
   if (fault.empty() && !iFiles.report.empty()) {
     iRecorder.KeepContent();
-    fault = MakeRoom(iFiles.report, kReportFile);
+    fault = MakeRoomForReport(iFiles.report);
   }
   return fault;
 }

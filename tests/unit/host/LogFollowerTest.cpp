@@ -229,11 +229,22 @@ TEST_F(LogFollowerTest, WhatAFailureDragsAlongDoesNotHideIt) {
   Take("[Timeout] while waiting for startup character", logging::EWarning);
   EXPECT_EQ(Why().substr(0, 7), "stalled");
   StartWriting();
+  Take("Serial port /dev/x is lost: hung up", logging::EError);
   Take("Received serial port error!", logging::EAlways);
   Take("[Timeout] while processing the reply", logging::EWarning);
-  EXPECT_EQ(Why().substr(0, 9), "port-lost");
-  Take("Serial port /dev/x is lost: hung up", logging::EError);
   EXPECT_EQ(Why(), "port-lost | CAN controller, wr 1000, loader.bin: Serial port /dev/x is lost: hung up");
+}
+
+TEST_F(LogFollowerTest, WhatTheAttemptBeforeSaysWhenItIsReplacedIsNoCause) {
+  Take("SWL: Starting upload in PeripheralLoader", logging::EAlways);
+  Take("Timeout in polling for status in XModemSwl", logging::EError);
+  Take("SWL: Starting upload in PeripheralLoader", logging::EAlways);
+  Take("Received serial port error!", logging::EAlways);
+  Take("Failed writing[67]. retVal = 2", logging::EError);
+  EXPECT_EQ(Why(), "port-lost | CAN controller, before the first step: the port takes no more bytes");
+  Take("[Timeout] arrived while processing the first byte", logging::EWarning);
+  Take("Failed writing[24]. retVal = 2", logging::EError);
+  EXPECT_EQ(Why().substr(0, 13), "device-silent");
 }
 
 TEST_F(LogFollowerTest, WhyAPortCannotBeUsedIsToldByTheFirstLine) {

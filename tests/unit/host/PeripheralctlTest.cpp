@@ -858,6 +858,16 @@ TEST_F(WhatIsLeft, OfARunWithNothingToDoIsAReportThatSaysSo) {
               HasSubstr("class=\"good\">Nothing to update: the update list is empty.</h1>"));
 }
 
+TEST_F(WhatIsLeft, ATraceOrReportTakesNoOtherFilesPlace) {
+  for (const char* option : {"--trace", "--report"}) {
+    const std::string other = iFolder.Write("other.json", "{\"mine\": 1}");
+    Process process(Command("update", "succeeds", {option, other}), ErrorFile());
+    EXPECT_EQ(process.Wait(), 2);
+    EXPECT_THAT(process.Err(), HasSubstr("other.json' is no "));
+    EXPECT_EQ(ContentOf(other), "{\"mine\": 1}");
+  }
+}
+
 TEST_F(WhatIsLeft, ARefusedRunTakesNothingFromOtherFiles) {
   for (const char* option : {"--trace", "--report"}) {
     const std::string other = iFolder.Write("other.json", "{\"mine\": 1}");
@@ -884,8 +894,11 @@ TEST_F(WhatIsLeft, OfATraceAndAReportThatBothFailAreTwoComplaints) {
                   ErrorFile());
   EXPECT_EQ(process.Wait(), 10);
   EXPECT_THAT(process.Err(), EndsWith("\nperipheralctl: '" + trace +
-                                      "' is no trace and is left as it is.\nperipheralctl: '" + report +
-                                      "' is no report and is left as it is.\n"));
+                                      "' is no trace and is left as it is. Choose another file after "
+                                      "--trace.\nperipheralctl: '" +
+                                      report +
+                                      "' is no report and is left as it is. Choose another file after "
+                                      "--report.\n"));
   Process planted(Command("update", "succeeds", {"--trace", "/nowhere/trace", "--report", report}),
                   ErrorFile());
   EXPECT_EQ(planted.Wait(), 2);
@@ -893,7 +906,7 @@ TEST_F(WhatIsLeft, OfATraceAndAReportThatBothFailAreTwoComplaints) {
       planted.Err(),
       "peripheralctl: cannot write the trace '/nowhere/trace': No such file or directory. Choose another "
       "file after --trace.\nperipheralctl: '" +
-          report + "' is no report and is left as it is.\n");
+          report + "' is no report and is left as it is. Choose another file after --report.\n");
 }
 
 TEST_F(WhatIsLeft, OfARunThatIsKilledIsNoReport) {
