@@ -26,6 +26,7 @@ enum class ErrorCode {
   ModuleNotLoadable,
   PrepareFailed,
   DeviceSilent,
+  DeviceRestarted,
   CommandRefused,
   TransferCancelled,
   TooManyNaks,

@@ -154,7 +154,8 @@ void LogFollower::Take(const logging::TLine& line) {
   } else if (StartsWith(text, kFinishedDevice)) {
     NextDevice();
   } else if (StartsWith(text, kVersion)) {
-    Step(fmt::format("version {}", rest(kVersion)), "");
+    iVersion = rest(kVersion);
+    Step(fmt::format("version {}", iVersion), "");
   } else if (StartsWith(text, kSendingCommand)) {
     const std::string command = rest(kSendingCommand);
     NoteCommand();
@@ -250,7 +251,11 @@ void LogFollower::TakeAnswer(const std::string& answer) {
   if (answer == kSuccess) {
     return;
   }
-  Blame(ErrorCode::CommandRefused, fmt::format("the device answered \"{}\"", answer));
+  if (answer == iVersion) {
+    Blame(ErrorCode::DeviceRestarted, fmt::format("the device told its version, \"{}\", once more", answer));
+  } else {
+    Blame(ErrorCode::CommandRefused, fmt::format("the device answered \"{}\"", answer));
+  }
 }
 
 void LogFollower::BlameFor(const logging::TLine& line) {

@@ -105,6 +105,7 @@ class LogFollower {
   std::mutex iMutex;
   std::vector<std::optional<Cause>> iCauses;  ///< by attempt; the first is for what is logged before all
   std::string iStep;
+  std::string iVersion;     ///< of the device
   bool iIsVague = false;    ///< the present cause: any other says more
   bool iIsGivenUp = false;  ///< what comes after that says nothing of the cause
   std::size_t iDevice = 0;

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <poll.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -41,13 +42,22 @@ std::string WhyUnfit(const struct stat& status) {
   return status.st_uid == geteuid() ? "" : "it belongs to another user";
 }
 
+// Takes everything or nothing, and keeps none of it: no other device does.
+bool IsSink(const struct stat& status) {
+  constexpr unsigned kMemoryDevices = 1;
+  constexpr unsigned kNull = 3;
+  constexpr unsigned kFull = 7;
+  return S_ISCHR(status.st_mode) && (status.st_rdev == makedev(kMemoryDevices, kNull) ||
+                                     status.st_rdev == makedev(kMemoryDevices, kFull));
+}
+
 // Has the file as a run begins with it. Returns why it is not fit for that.
 std::string Begin(int file, const OutputKind& kind) {
   struct stat status = {};
   if (fstat(file, &status) != 0) {
     return Reason();
   }
-  if (S_ISCHR(status.st_mode) && isatty(file) == 0) {
+  if (IsSink(status)) {
     return "";
   }
   if (std::string why = WhyUnfit(status); !why.empty()) {

@@ -303,14 +303,13 @@ class Checker {
       FaultOfNoSerialPort(key, port);
     } else if (flock(descriptor, LOCK_EX | LOCK_NB) != 0) {
       FaultOfPortInUse(key, port);
-    } else {
-      WarnOfListeners(key, port);
+    } else if (!HasListeners(key, port)) {
       CheckSpeedOf(descriptor, key, port);
     }
     close(descriptor);
   }
 
-  // A driver says only when it is tried which speeds it can do.
+  // A driver says only when it is tried which speeds it can do; another program's bytes would suffer.
   void CheckSpeedOf(int descriptor, const char* key, const std::string& port) {
     const auto offered = iSpeed_bps ? platform::SpeedOfferedInsteadOf(*iSpeed_bps, descriptor) : std::nullopt;
     if (offered) {
@@ -346,14 +345,16 @@ class Checker {
   }
 
   // Whoever opens a port without locking it is kept out by no lock.
-  void WarnOfListeners(const char* key, const std::string& port) {
-    if (const std::vector<PortHolder> holders = HoldersOf(port); !holders.empty()) {
+  bool HasListeners(const char* key, const std::string& port) {
+    const std::vector<PortHolder> holders = HoldersOf(port);
+    if (!holders.empty()) {
       iWarnings.push_back(
           {ErrorCode::PortShared,
            fmt::format(
                "{}: {} has the port '{}' open, too, and may take the device's bytes away; close that.", key,
                Describe(holders, ""), port)});
     }
+    return !holders.empty();
   }
 
   static const char* HintOnPortName(const std::string& port) {

@@ -111,7 +111,13 @@ std::optional<Cause> CauseOf(const RunResult& result) {
   if (Succeeded(result) || !result.faults.empty()) {
     return std::nullopt;
   }
-  return result.cause ? result.cause : Cause{CodeOf(result.outcome), Headline(result)};
+  if (result.cause) {
+    return result.cause;
+  }
+  const bool hasChanges = result.outcome == Outcome::SourceChanged && !result.reasons.empty();
+  return Cause{
+      CodeOf(result.outcome),
+      hasChanges ? fmt::format("{} {}", Headline(result), fmt::join(result.reasons, " ")) : Headline(result)};
 }
 
 std::string AccountOf(const RunResult& result) {

@@ -255,6 +255,16 @@ TEST_F(LogFollowerTest, WhyAPortCannotBeUsedIsToldByTheFirstLine) {
             "port-unusable | CAN controller, before the first step: Serial port /dev/x cannot do 9 bit/s");
 }
 
+TEST_F(LogFollowerTest, ADeviceThatTellsItsVersionForAnAnswerHasBegunAnew) {
+  Take("SWL: Starting upload in PeripheralLoader", logging::EAlways);
+  Take("Received version Bootloader 1.0");
+  Take("Sending command wr 1000 and file /tmp/loader.bin");
+  Take("Received answer Bootloader 1.0");
+  EXPECT_EQ(Why(),
+            "device-restarted | CAN controller, wr 1000, loader.bin: the device told its version, "
+            "\"Bootloader 1.0\", once more");
+}
+
 TEST_F(LogFollowerTest, WhatWasMendedIsNoCause) {
   StartWriting();
   Take("Invalid Checksum while receiving packet", logging::EError);

@@ -349,6 +349,12 @@ TEST_F(Preflight, WhoHasThePortOpenWithoutALockIsWarnedOf) {
                           "' open, too, and may take the device's bytes away; close that."));
 }
 
+TEST_F(Preflight, NoSpeedIsTriedOnAPortThatAnotherProgramUses) {
+  const Listener listener(iPort.Name(), false);
+  const OneSpeedDriver driver(9600);
+  EXPECT_THAT(CheckedTexts(With("xmodemspeed", "921601")), IsEmpty());
+}
+
 TEST_F(Preflight, ThePortsSettingsStayAsTheyAre) {
   const int port = open(iPort.Name().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
   termios before = {};

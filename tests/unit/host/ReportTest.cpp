@@ -112,6 +112,8 @@ TEST(Report, TheCauseIsWhatTheLogTellsOrElseTheOutcome) {
   EXPECT_STREQ(code({Goal::Update, Outcome::Aborted, true, {}}), "aborted");
   EXPECT_STREQ(code({Goal::Update, Outcome::NoResult, true, {}}), "no-result");
   EXPECT_STREQ(code({Goal::Update, Outcome::SourceChanged, true, {}}), "file-changed");
+  EXPECT_EQ(host::CauseOf({Goal::Update, Outcome::SourceChanged, true, {"image: changed."}})->detail,
+            "The update failed: a file changed while it was being sent. image: changed.");
   EXPECT_STREQ(
       code({Goal::Update, Outcome::InstallFailed, true, {}, host::Cause{host::ErrorCode::Stalled, ""}}),
       "stalled");
@@ -139,7 +141,7 @@ TEST(ExitCode, StandsForTheOutcome) {
 }
 
 TEST(ExitCode, AllAreDescribed) {
-  for (const char* code : {"0", "1", "2", "3", "4", "5", "6", "7", "8", "9", "10", "11"}) {
+  for (const char* code : {"0", "1", "2", "3", "4", "5", "6", "7", "8", "9", "10", "11", "12", "20", "21"}) {
     EXPECT_THAT(host::DescribeExitCodes(host::kAllCommands),
                 testing::ContainsRegex(std::string("\n +") + code + "  [a-z]"));
   }

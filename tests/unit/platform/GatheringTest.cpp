@@ -503,18 +503,21 @@ TEST_F(Waiting, BytesThatAreThereAreTakenWithoutAPause) {
     }
   });
   EXPECT_EQ(taken, bytes);
-  EXPECT_LT(seconds, 1.0);
+  EXPECT_LT(seconds, 2.5) << "a pause that nothing ends lasts five milliseconds";
 }
 
 TEST_F(Waiting, OnlyTheFirstPauseAfterAPollBelongsToIt) {
   ASSERT_EQ(ReadOnce(*port), 0);
   platSleep(0);
-  EXPECT_LT(SecondsOf([] {
-              for (int i = 0; i < 400; ++i) {
-                platSleep(0);
-              }
-            }),
-            1.0);
+  double best = std::numeric_limits<double>::max();
+  for (int round = 0; round < 10; ++round) {
+    best = std::min(best, SecondsOf([] {
+                      for (int i = 0; i < 40; ++i) {
+                        platSleep(0);
+                      }
+                    }));
+  }
+  EXPECT_LT(best, 0.1) << "a pause after a poll lasts five milliseconds";
 }
 
 TEST_F(Waiting, AHungUpLineEndsThePauseAndTheNextReadTells) {
