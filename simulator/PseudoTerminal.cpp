@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <fmt/core.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <limits>
 #include <system_error>
 
 #include "simulator/Output.h"
@@ -23,6 +25,21 @@ std::string TargetOf(const std::string& link) {
   char buffer[PATH_MAX];
   const ssize_t size = readlink(link.c_str(), buffer, sizeof(buffer));
   return std::string(buffer, static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+}
+
+// All pseudo-terminals are made through one file. A simulator holds a lock on one byte there for its link; it
+// goes with the process however that ends, and stands for the link itself, not for its name.
+struct flock LockFor(const std::string& link) {
+  constexpr unsigned kDeviceShift = 20;
+  struct stat status {};
+  lstat(link.c_str(), &status);
+  struct flock lock {};
+  lock.l_type = F_WRLCK;
+  lock.l_whence = SEEK_SET;
+  const std::uint64_t identity = status.st_ino ^ (status.st_dev << kDeviceShift);
+  lock.l_start = static_cast<off_t>(identity & std::uint64_t{std::numeric_limits<off_t>::max()});
+  lock.l_len = 1;
+  return lock;
 }
 
 bool MakeRaw(int descriptor) {
@@ -62,6 +79,13 @@ bool PseudoTerminal::Open() {
 }
 
 bool PseudoTerminal::Link(const std::string& path) {
+  if (IsInUse(path)) {
+    Complain(fmt::format(
+        "Cannot make the link {}: the simulator that made it still runs. End that one or choose another "
+        "path for --link.\n",
+        path));
+    return false;
+  }
   // One that an earlier run has left. Any other is somebody's own.
   if (TargetOf(path).rfind("/dev/pts/", 0) == 0) {
     unlink(path.c_str());
@@ -73,7 +97,14 @@ bool PseudoTerminal::Link(const std::string& path) {
     return false;
   }
   iLink = path;
+  struct flock lock = LockFor(path);
+  fcntl(iMaster, F_OFD_SETLK, &lock);
   return true;
+}
+
+bool PseudoTerminal::IsInUse(const std::string& link) const {
+  struct flock lock = LockFor(link);
+  return !TargetOf(link).empty() && fcntl(iMaster, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
 std::size_t PseudoTerminal::Read(std::uint8_t* buffer, std::size_t capacity) {

@@ -19,8 +19,8 @@ class PseudoTerminal {
 
   /// Makes the pseudo-terminal. False, after a complaint on stderr, if there is none to be had.
   bool Open();
-  /// Makes the link, in place of an older link but of nothing else. False, after a complaint on stderr, if it
-  /// cannot be made.
+  /// Makes the link, in place of one that an earlier run has left but of nothing else. False, after a
+  /// complaint on stderr, if it cannot be made.
   bool Link(const std::string& path);
   /// The port's path for the host.
   const std::string& Name() const { return iName; }
@@ -38,6 +38,8 @@ class PseudoTerminal {
   void Unplug();
 
  private:
+  bool IsInUse(const std::string& link) const;
+
   int iMaster = -1;
   int iSlave = -1;
   std::string iName;

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iterator>
@@ -368,6 +369,39 @@ TEST(Program, NeverReplacesALinkOfSomebodyElse) {
   EXPECT_THAT(program.Rest(), HasSubstr("Cannot make the link " + link + ": File exists."));
   EXPECT_TRUE(Exists(link));
   unlink(link.c_str());
+}
+
+TEST(Program, NeverTakesALinkFromASimulatorThatRuns) {
+  const std::string link = TemporaryPath("link");
+  Program first({"--link", link});
+  const std::string port = first.Port();
+  Program second({"--link", link});
+  EXPECT_EQ(second.Wait(), 3);
+  EXPECT_EQ(second.Rest(), "Cannot make the link " + link +
+                               ": the simulator that made it still runs. "
+                               "End that one or choose another path for --link.\n");
+  EXPECT_EQ(std::filesystem::read_symlink(link), port);
+  first.Signal(SIGTERM);
+  EXPECT_EQ(first.Wait(), 0);
+  EXPECT_FALSE(Exists(link));
+}
+
+TEST(Program, ReplacesTheLinkOfAKilledOneThoughAnotherHasItsPort) {
+  const std::string link = TemporaryPath("link");
+  Program killed({"--link", link});
+  killed.Port();
+  killed.Signal(SIGKILL);
+  EXPECT_EQ(killed.Wait(), -1);
+  // The system gives the lowest number that is free.
+  Program another({"--link", link + "2"});
+  another.Port();
+  Program program({"--link", link});
+  const std::string port = program.Port();
+  EXPECT_EQ(std::filesystem::read_symlink(link), port);
+  for (Program* each : {&another, &program}) {
+    each->Signal(SIGTERM);
+    EXPECT_EQ(each->Wait(), 0);
+  }
 }
 
 TEST(Program, AnsweringOnceIsOverOnlyWhenTheHostHasReadIt) {
