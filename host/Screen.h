@@ -7,8 +7,8 @@
 
 namespace host {
 
-/// A terminal whose last line may be a bar that is redrawn in place. Everything that is written to it from
-/// within this process comes by here, so that nothing runs into the bar. Any thread.
+/// A terminal whose last line may be a bar that is redrawn in place. While there is one, everything that this
+/// process writes to it comes by here, so that nothing runs into the bar. Any thread.
 class Screen {
  public:
   /// The bar is drawn on `out`, which must outlive the screen.

@@ -10,7 +10,7 @@ namespace simulator {
 
 /// One line to be played: what hangs on it, what it is like, and what is written down about it.
 struct Settings {
-  std::string name;  ///< Told with what its devices say; empty: nothing is told.
+  std::string name;  ///< Told with what its devices say; empty: they stand alone.
   std::vector<DevicePlan> devices;
   LineOptions line;
   std::string link;        ///< Path of a symbolic link to the port; empty: none.

@@ -1,7 +1,6 @@
 // "peripheralctl trace ...": what can be done with a trace.
 #pragma once
 
-#include <optional>
 #include <string>
 
 #include "ExitCode.h"
