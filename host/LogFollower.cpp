@@ -34,13 +34,11 @@ struct Symptom {
   ErrorCode code;
   const char* what;         ///< for people; the line itself when it is null
   std::string_view also{};  ///< the line holds it, too
-  bool isVague = false;     ///< any other symptom says more
 };
 
 constexpr Symptom kSymptoms[] = {
-    // An engine that is told to stop, as when the next attempt takes its place, says so too.
-    {"Received serial port error", ErrorCode::PortLost, "the port failed", {}, true},
-    {"Failed writing[", ErrorCode::PortLost, "the port takes no more bytes", {}, true},
+    {"Received serial port error", ErrorCode::PortLost, "the port failed"},
+    {"Failed writing[", ErrorCode::PortLost, "the port takes no more bytes"},
     {"Serial port ", ErrorCode::PortUnusable, nullptr, " cannot do "},
     {"Serial port ", ErrorCode::PortLost, nullptr},
     {"Cannot use serial port ", ErrorCode::PortUnusable, nullptr},
@@ -61,6 +59,12 @@ constexpr Symptom kSymptoms[] = {
     {"EOT arrived", ErrorCode::LineGarbled, "the device's text came to its end before it began"},
     {kFile, ErrorCode::FileUnusable, nullptr},
 };
+
+// What the engine says of the port it also says when it is told to stop, as when the next attempt takes its
+// place: any other symptom says more. The platform's lines speak for themselves.
+bool IsVague(const Symptom& symptom) {
+  return symptom.code == ErrorCode::PortLost && symptom.what != nullptr;
+}
 
 bool StartsWith(std::string_view text, std::string_view head) {
   return text.substr(0, head.size()) == head;
@@ -266,7 +270,7 @@ void LogFollower::BlameFor(const logging::TLine& line) {
   if (symptom == std::end(kSymptoms)) {
     return;
   }
-  if (symptom->isVague && iCauses.back() && !iIsVague) {
+  if (IsVague(*symptom) && iCauses.back() && !iIsVague) {
     return;
   }
   const std::string what = symptom->what != nullptr ? symptom->what : logging::Printable(line.message);
@@ -275,7 +279,7 @@ void LogFollower::BlameFor(const logging::TLine& line) {
   } else {
     Blame(symptom->code, what);
   }
-  iIsVague = symptom->isVague;
+  iIsVague = IsVague(*symptom);
   iIsGivenUp = iIsGivenUp || StartsWith(line.message, kGivenUp);
 }
 
