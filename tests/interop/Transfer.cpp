@@ -20,7 +20,8 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr milliseconds kLookEvery(5);
-constexpr milliseconds kGraceAfterPeer(1000);
+// Counted, not timed: a machine that stands still takes the time from the engine, too.
+constexpr int kLooksAfterPeer = 200;
 constexpr int kPeersEnd_ms = 5000;
 constexpr std::size_t kAtOnce = 5;
 
@@ -116,12 +117,11 @@ IXModem::TXModemError RunEngine(const PeerLine& line, int limit_ms,
                                 const std::function<IXModem::TXModemError(IXModem&)>& operation) {
   const std::unique_ptr<IXModem> engine(IXModem::Create(&line.Port()));
   auto result = std::async(std::launch::async, [&] { return operation(*engine); });
-  Clock::time_point deadline = Clock::now() + milliseconds(limit_ms);
+  const Clock::time_point deadline = Clock::now() + milliseconds(limit_ms);
+  int looksLeft = kLooksAfterPeer;
   while (result.wait_for(kLookEvery) != std::future_status::ready) {
-    if (line.PeerHasGone()) {
-      deadline = std::min(deadline, Clock::now() + kGraceAfterPeer);
-    }
-    if (Clock::now() > deadline) {
+    looksLeft -= line.PeerHasGone() ? 1 : 0;
+    if (looksLeft < 0 || Clock::now() > deadline) {
       engine->Stop();
     }
   }
