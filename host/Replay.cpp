@@ -141,7 +141,10 @@ class Replaying final : public RunCompanion {
   }
   void OnBreak() override { iPlayer.Stop(); }
   // Nobody else removes the firmware then.
-  void OnHaste() override { iScratch.Remove(); }
+  bool OnHaste() override {
+    iScratch.Remove();
+    return false;
+  }
 
   // Nothing before the end of the run.
   const std::optional<trace::Player::Verdict>& Verdict() const { return iVerdict; }

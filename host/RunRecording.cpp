@@ -125,6 +125,7 @@ Faults RunRecording::OnEnd(const RunResult& result, bool moduleGone) {
         report::Render(iFiles.report, trace::Decode(iRecorder.Content()), ErrorsOf(result));
     AddUnlessEmpty(faults, ErrorCode::ReportNotWritten, WriteWhole(iFiles.report, kReportFile, content));
   }
+  iIsComplete = faults.empty();
   return faults;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <string>
 
@@ -29,12 +30,14 @@ class RunRecording final : public RunCompanion {
   /// Returns why what was recorded is incomplete.
   Faults OnEnd(const RunResult& result, bool moduleGone) override;
   void OnBreak() override { iRecorder.Stop(); }
+  bool OnHaste() override { return !iIsComplete; }
   Faults OnRefusal(const Faults& faults, ExitCode exitCode) override;
 
  private:
   const Files iFiles;
   const std::string iDescription;
   trace::Recorder iRecorder;
+  std::atomic<bool> iIsComplete{false};
 };
 
 /// Leaves behind what a run has to say that does not take place: a trace with nothing but its end, and a

@@ -3,7 +3,6 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <mutex>
 #include <thread>
@@ -61,31 +60,26 @@ class Accompaniment {
     return complaints;
   }
 
-  // Any thread. Whether the companion had all that it wanted.
-  bool Hasten() {
-    if (iCompanion != nullptr) {
-      iCompanion->OnHaste();
-    }
-    return iCompanion == nullptr || iHasEnded;
-  }
+  // Any thread. Whether a recording is left incomplete.
+  bool Hasten() { return iCompanion != nullptr && iCompanion->OnHaste(); }
 
  private:
   RunCompanion* const iCompanion;
   bool iHasBegun = false;
-  std::atomic<bool> iHasEnded{false};
+  bool iHasEnded = false;
 };
 
 // Writes past the streams, whose owner may be stuck in them, and only what a full pipe or a stopped terminal
 // has room for.
 [[noreturn]] void ExitInHaste(const RunResult& result, Accompaniment& accompaniment) {
-  const bool isComplete = accompaniment.Hasten();
+  const bool isLoss = accompaniment.Hasten();
   const std::string text =
-      HurriedReportFor(result) + (isComplete ? "" : "What was to be recorded of it is incomplete.\n");
+      HurriedReportFor(result) + (isLoss ? "What was to be recorded of it is incomplete.\n" : "");
   pollfd room = {STDERR_FILENO, POLLOUT, 0};
   if (poll(&room, 1, 0) == 1 && (room.revents & POLLOUT) != 0) {
     (void)!write(STDERR_FILENO, text.data(), text.size());
   }
-  ExitAtOnce(isComplete ? ExitCodeOf(result) : WithLoss(ExitCodeOf(result)));
+  ExitAtOnce(isLoss ? WithLoss(ExitCodeOf(result)) : ExitCodeOf(result));
 }
 
 // What has become of the files that are sent, until the sending has ended or until now. Any thread.

@@ -30,8 +30,9 @@ class RunCompanion {
   virtual Faults OnEnd(const RunResult& result, bool moduleGone) = 0;
   /// Instead of OnEnd: an exception ends the run.
   virtual void OnBreak() {}
-  /// The process ends at once, before or after OnEnd. On any thread.
-  virtual void OnHaste() {}
+  /// The process ends at once, before or after OnEnd. On any thread. Returns whether a recording of the run
+  /// is left incomplete.
+  virtual bool OnHaste() { return false; }
   /// Instead of all others: the module could not be had. Returns what OnEnd does.
   virtual Faults OnRefusal(const Faults& /*faults*/, ExitCode /*exitCode*/) { return {}; }
 };

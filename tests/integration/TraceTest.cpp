@@ -222,6 +222,7 @@ TEST_F(Tracing, LeavesNoFirmwareBehindWhenYouEndTheReplayTwice) {
   process.Signal(SIGTERM);
   EXPECT_EQ(process.WaitForEnd(), kAborted);
   EXPECT_TRUE(std::filesystem::is_empty(scratch));
+  EXPECT_THAT(process.Output(), testing::Not(HasSubstr("to be recorded"))) << "a replay records nothing";
 }
 
 TEST_F(Tracing, TellsOfTheSilenceAfterWhichARunDeparts) {
